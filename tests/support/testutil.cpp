@@ -1,0 +1,102 @@
+#include "tests/support/testutil.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace vantrel::test {
+
+bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) return condition();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+unsigned short FreePort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) throw std::runtime_error("FreePort: socket failed");
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = 0;
+  socklen_t len = sizeof addr;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+    ::close(fd);
+    throw std::runtime_error("FreePort: bind failed");
+  }
+  ::close(fd);
+  return ntohs(addr.sin_port);
+}
+
+TempDir::TempDir() {
+  std::string templ = (std::filesystem::temp_directory_path() / "vantrel-test-XXXXXX").string();
+  if (!::mkdtemp(templ.data())) throw std::runtime_error("TempDir: mkdtemp failed");
+  path_ = templ;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+std::string TempDir::write(const std::string& name, const std::string& content) const {
+  const std::string full = file(name);
+  std::ofstream out(full, std::ios::binary);
+  out << content;
+  if (!out) throw std::runtime_error("TempDir::write failed: " + full);
+  return full;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+LogCapture::LogCapture(tQXLogMessageSeverity level) : previousLevel_(vantrel::log::CurrentLevel()) {
+  vantrel::log::SetLevel(level);
+  vantrel::log::SetCaptureSink(&LogCapture::Sink, this);
+}
+
+LogCapture::~LogCapture() {
+  vantrel::log::SetCaptureSink(nullptr, nullptr);
+  vantrel::log::SetLevel(previousLevel_);
+}
+
+void LogCapture::Sink(void* context, tQXLogMessageSeverity, std::string_view text) {
+  auto* self = static_cast<LogCapture*>(context);
+  std::lock_guard<std::mutex> lock(self->mutex_);
+  self->lines_.emplace_back(text);
+}
+
+std::vector<std::string> LogCapture::lines() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return lines_;
+}
+
+std::size_t LogCapture::count(const std::string& text) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::size_t n = 0;
+  for (const auto& l : lines_)
+    if (l.find(text) != std::string::npos) ++n;
+  return n;
+}
+
+bool LogCapture::waitFor(const std::string& text, std::chrono::milliseconds timeout) const {
+  return WaitUntil([&] { return contains(text); }, timeout);
+}
+
+}  // namespace vantrel::test

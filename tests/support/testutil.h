@@ -1,0 +1,62 @@
+#pragma once
+// Helpers shared by the tests: deadlines instead of sleeps, free ports,
+// temporary folders, log capture.
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "vantrel/base/log/log.h"
+
+namespace vantrel::test {
+
+// Polls `condition` until it holds or `timeout` passes; true when it held.
+// Polling is for the tests' own observation only; the code under test waits on
+// conditions.
+bool WaitUntil(const std::function<bool()>& condition,
+               std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// A TCP port on the loopback interface that was free a moment ago.
+unsigned short FreePort();
+
+// A fresh folder under the system's temporary folder, removed with the object.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+  // Writes `content` to `name` inside the folder and returns the full path.
+  std::string write(const std::string& name, const std::string& content) const;
+
+ private:
+  std::string path_;
+};
+
+std::string ReadFile(const std::string& path);
+
+// Captures every log line written while it lives (one capture at a time).
+class LogCapture {
+ public:
+  explicit LogCapture(tQXLogMessageSeverity level = QXLOG_TRACE);
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+  std::vector<std::string> lines() const;
+  // Number of captured lines that contain `text`.
+  std::size_t count(const std::string& text) const;
+  bool contains(const std::string& text) const { return count(text) > 0; }
+  // Waits until a line containing `text` has been captured.
+  bool waitFor(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+
+ private:
+  static void Sink(void* context, tQXLogMessageSeverity severity, std::string_view text);
+  mutable std::mutex mutex_;
+  std::vector<std::string> lines_;
+  tQXLogMessageSeverity previousLevel_;
+};
+
+}  // namespace vantrel::test

@@ -1,0 +1,61 @@
+#pragma once
+// The process-wide log. Internal header: it pulls in fmt, so public headers never
+// include it. Texts are printf-style (fmt::sprintf), written with the source file,
+// the line and the calling thread's name.
+//
+//   VLOG_INFO("CVantrelEventServer::removeClient - Removing client %s", name);
+//
+// Thread safety: every function may be called from any thread.
+#include <fmt/printf.h>
+
+#include <string>
+#include <string_view>
+
+#include "vantrel/base/export.h"
+
+enum tQXLogMessageSeverity : int {
+  QXLOG_TRACE = 0,
+  QXLOG_DEBUG = 1,
+  QXLOG_INFO = 2,
+  QXLOG_WARNING = 3,
+  QXLOG_ERROR = 4,
+  QXLOG_CRITICAL = 5,
+  QXLOG_OFF = 6,
+};
+
+namespace vantrel::log {
+
+// True when a line of this severity would be written (cheap; no lock).
+VANTREL_API bool Enabled(tQXLogMessageSeverity severity);
+// Writes one finished line.
+VANTREL_API void Write(tQXLogMessageSeverity severity, const char* file, int line, std::string_view text);
+
+// Level and destination. Before Configure is called the log follows
+// VANTREL_LOG_LEVEL and VANTREL_LOG_FILE, defaulting to warnings on standard error
+// (quiet, as suits client processes). An empty file means standard error.
+// Levels: trace, debug, info, warning (warn), error, critical, off.
+VANTREL_API void Configure(const std::string& level, const std::string& file);
+VANTREL_API void SetLevel(tQXLogMessageSeverity severity);
+VANTREL_API tQXLogMessageSeverity CurrentLevel();
+// Parses a level name; false for an unknown name.
+VANTREL_API bool ParseLevel(std::string_view name, tQXLogMessageSeverity& out);
+VANTREL_API void Flush();
+
+// Tests capture what is logged: every line written while a sink is installed is
+// also handed to it (text only, without decoration). Not for production use.
+using CaptureSink = void (*)(void* context, tQXLogMessageSeverity severity, std::string_view text);
+VANTREL_API void SetCaptureSink(CaptureSink sink, void* context);
+
+}  // namespace vantrel::log
+
+#define VLOG_AT(severity, ...)                                                   \
+  do {                                                                           \
+    if (::vantrel::log::Enabled(severity))                                       \
+      ::vantrel::log::Write(severity, __FILE__, __LINE__, ::fmt::sprintf(__VA_ARGS__)); \
+  } while (0)
+
+#define VLOG_TRACE(...) VLOG_AT(QXLOG_TRACE, __VA_ARGS__)
+#define VLOG_DEBUG(...) VLOG_AT(QXLOG_DEBUG, __VA_ARGS__)
+#define VLOG_INFO(...) VLOG_AT(QXLOG_INFO, __VA_ARGS__)
+#define VLOG_WARN(...) VLOG_AT(QXLOG_WARNING, __VA_ARGS__)
+#define VLOG_ERROR(...) VLOG_AT(QXLOG_ERROR, __VA_ARGS__)

@@ -1,0 +1,48 @@
+#pragma once
+// Options a stream socket is connected or accepted with. Built by the settings
+// (gSocketOptionsNet / gSocketOptionsLocal) from six values; every field has an
+// effect in the socket layer (docs/protocol.md, "Socket options"):
+//
+//  connectTimeout           bounds establishing a connection (and the TLS handshake)
+//  communicationTimeout     bounds a send, and the completion of a frame whose header
+//                           has arrived; 0 means no limit. A connection idle between
+//                           frames is never timed out.
+//  closedReactivationTimeout  how long a connect keeps retrying a refused connection
+//                           (a peer that is restarting); 0: one attempt only
+//  sendBufferDeprecateTime  how long sent data may stay unacknowledged in the
+//                           kernel's send buffer before the connection is declared
+//                           dead (TCP_USER_TIMEOUT); 0: the system's default
+//  simulatedLatency         diagnostic: each frame sent waits the next span of this
+//                           list first (cycling through it); empty: no delay
+//  cycleLatencyThresholdLimit  latency log lines above the log threshold are written
+//                           at most once per this span per socket, with a count of
+//                           the frames seen above it meanwhile
+#include <vector>
+
+#include "vantrel/base/export.h"
+#include "vantrel/base/platform/time.h"
+
+namespace nCommunication::nSocket::nImplementation_sho {
+
+struct VANTREL_API cSocketOptions {
+  cSocketOptions() = default;
+  // `simulatedLatency` null means "none".
+  cSocketOptions(nTime::cDiff connectTimeout, nTime::cDiff communicationTimeout,
+                 nTime::cDiff closedReactivationTimeout, nTime::cDiff sendBufferDeprecateTime,
+                 const std::vector<nTime::cDiff>* simulatedLatency, nTime::cDiff cycleLatencyThresholdLimit)
+      : connectTimeout(connectTimeout),
+        communicationTimeout(communicationTimeout),
+        closedReactivationTimeout(closedReactivationTimeout),
+        sendBufferDeprecateTime(sendBufferDeprecateTime),
+        simulatedLatency(simulatedLatency ? *simulatedLatency : std::vector<nTime::cDiff>{}),
+        cycleLatencyThresholdLimit(cycleLatencyThresholdLimit) {}
+
+  nTime::cDiff connectTimeout = nTime::cDiff::FromSeconds(10);
+  nTime::cDiff communicationTimeout = nTime::cDiff::FromSeconds(10);
+  nTime::cDiff closedReactivationTimeout;
+  nTime::cDiff sendBufferDeprecateTime;
+  std::vector<nTime::cDiff> simulatedLatency;
+  nTime::cDiff cycleLatencyThresholdLimit = nTime::cDiff::FromMilliseconds(720000);
+};
+
+}  // namespace nCommunication::nSocket::nImplementation_sho
