@@ -17,6 +17,9 @@
 //  cycleLatencyThresholdLimit  latency log lines above the log threshold are written
 //                           at most once per this span per socket, with a count of
 //                           the frames seen above it meanwhile
+//  maxMessageSize           (from the settings, not one of the six) the largest frame
+//                           payload accepted; a longer announced length fails the read
+#include <cstdint>
 #include <vector>
 
 #include "vantrel/base/export.h"
@@ -43,6 +46,7 @@ struct VANTREL_API cSocketOptions {
   nTime::cDiff sendBufferDeprecateTime;
   std::vector<nTime::cDiff> simulatedLatency;
   nTime::cDiff cycleLatencyThresholdLimit = nTime::cDiff::FromMilliseconds(720000);
+  std::uint32_t maxMessageSize = 4u * 1024u * 1024u;
 };
 
 }  // namespace nCommunication::nSocket::nImplementation_sho
