@@ -66,15 +66,9 @@ std::string ReadFile(const std::string& path) {
   return s.str();
 }
 
-LogCapture::LogCapture(tQXLogMessageSeverity level) : previousLevel_(vantrel::log::CurrentLevel()) {
-  vantrel::log::SetLevel(level);
-  vantrel::log::SetCaptureSink(&LogCapture::Sink, this);
-}
+LogCapture::LogCapture() { vantrel::log::SetCaptureSink(&LogCapture::Sink, this); }
 
-LogCapture::~LogCapture() {
-  vantrel::log::SetCaptureSink(nullptr, nullptr);
-  vantrel::log::SetLevel(previousLevel_);
-}
+LogCapture::~LogCapture() { vantrel::log::SetCaptureSink(nullptr, nullptr); }
 
 void LogCapture::Sink(void* context, tQXLogMessageSeverity, std::string_view text) {
   auto* self = static_cast<LogCapture*>(context);

@@ -38,10 +38,11 @@ class TempDir {
 
 std::string ReadFile(const std::string& path);
 
-// Captures every log line written while it lives (one capture at a time).
+// Captures every log line written while it lives, whatever the log level (one
+// capture at a time).
 class LogCapture {
  public:
-  explicit LogCapture(tQXLogMessageSeverity level = QXLOG_TRACE);
+  LogCapture();
   ~LogCapture();
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
@@ -56,7 +57,6 @@ class LogCapture {
   static void Sink(void* context, tQXLogMessageSeverity severity, std::string_view text);
   mutable std::mutex mutex_;
   std::vector<std::string> lines_;
-  tQXLogMessageSeverity previousLevel_;
 };
 
 }  // namespace vantrel::test

@@ -84,8 +84,10 @@ class VANTREL_API cThread {
   // silently leaves it as it is when not permitted.
   static void RaiseCurrentPriority();
 
- private:
+  // Shared by the handle and its running thread (defined in the implementation).
   struct State;
+
+ private:
   std::shared_ptr<State> state_;
 };
 

@@ -1,0 +1,228 @@
+// Threads, manual events and the event queue: the hand-over points between
+// every thread of the system.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "tests/support/testutil.h"
+#include "vantrel/base/platform/eventqueue.h"
+#include "vantrel/base/platform/manualevent.h"
+#include "vantrel/base/platform/thread.h"
+
+using namespace std::chrono_literals;
+using vantrel::platform::cThread;
+
+namespace {
+
+struct Item : RWCollectable {
+  explicit Item(int v, std::atomic<int>* deleted = nullptr) : value(v), deleted(deleted) {}
+  ~Item() override {
+    if (deleted) ++*deleted;
+  }
+  int value;
+  std::atomic<int>* deleted;
+};
+
+int ValueOf(RWCollectable* c) {
+  int v = static_cast<Item*>(c)->value;
+  delete c;
+  return v;
+}
+
+}  // namespace
+
+TEST(ManualEvent, TimeOutsAndStates) {
+  RQPManualEvent ev;
+  EXPECT_FALSE(ev.Get());
+  EXPECT_EQ(ev.Wait(0), 0);
+  EXPECT_EQ(ev.Wait(-5), 0);
+  const auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(ev.Wait(30), 0);
+  EXPECT_GE(std::chrono::steady_clock::now() - t0, 30ms);
+
+  EXPECT_TRUE(ev.Set());
+  EXPECT_TRUE(ev.Set());
+  EXPECT_EQ(ev.Wait(0), 1);
+  EXPECT_EQ(ev.Wait(-1), 1);
+  EXPECT_EQ(ev.Wait(), 1);
+  EXPECT_TRUE(ev.Reset());
+  EXPECT_FALSE(ev.Get());
+  EXPECT_EQ(ev.Wait(0), 0);
+}
+
+TEST(ManualEvent, OneSetReleasesEveryWaiter) {
+  RQPManualEvent ev;
+  std::atomic<int> released{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 8; ++i) waiters.emplace_back([&] {
+      ev.Wait();
+      ++released;
+    });
+  for (int i = 0; i < 4; ++i) waiters.emplace_back([&] {
+      if (ev.Wait(60000)) ++released;
+    });
+  EXPECT_EQ(released.load(), 0);
+  ev.Set();
+  for (auto& t : waiters) t.join();
+  EXPECT_EQ(released.load(), 12);
+}
+
+TEST(EventQueue, FifoGetAndTimeout) {
+  RQPEventQueue q;
+  EXPECT_TRUE(q.isEmpty());
+  EXPECT_EQ(q.get(), nullptr);
+  RWCollectable* ev = nullptr;
+  EXPECT_EQ(q.waitEvent(ev, 0), htTimeout);
+  EXPECT_EQ(q.waitEvent(ev, 20), htTimeout);
+  EXPECT_EQ(ev, nullptr);
+
+  EXPECT_FALSE(q.putEvent(nullptr));
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(q.putEvent(new Item(i)));
+  EXPECT_EQ(q.size(), 3u);
+  EXPECT_EQ(ValueOf(q.get()), 0);
+  ASSERT_EQ(q.waitEvent(ev, 0), htEvent);
+  EXPECT_EQ(ValueOf(ev), 1);
+  EXPECT_EQ(ValueOf(q.waitEvent()), 2);
+}
+
+TEST(EventQueue, ReleaseWakesEveryWaiterAndStaysUntilInit) {
+  RQPEventQueue q;
+  std::atomic<int> woken{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 5; ++i) waiters.emplace_back([&] {
+      RWCollectable* ev = nullptr;
+      if (q.waitEvent(ev, -1) == htReleased) ++woken;
+    });
+  q.releaseZ72();
+  for (auto& t : waiters) t.join();
+  EXPECT_EQ(woken.load(), 5);
+
+  // Released: a later wait does not block, queued events are still handed out.
+  EXPECT_EQ(q.waitEvent(), nullptr);
+  q.putEvent(new Item(7));
+  EXPECT_EQ(ValueOf(q.waitEvent()), 7);
+
+  q.InitZ72();
+  RWCollectable* ev = nullptr;
+  EXPECT_EQ(q.waitEvent(ev, 10), htTimeout);
+}
+
+TEST(EventQueue, TerminateWakesWaitersAndRefusesEvents) {
+  std::atomic<int> deleted{0};
+  {
+    RQPEventQueue q;
+    std::atomic<int> terminated{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 5; ++i) waiters.emplace_back([&] {
+        RWCollectable* ev = nullptr;
+        if (q.waitEvent(ev, 60000) == htTerminated) ++terminated;
+      });
+    q.TerminateZ72();
+    for (auto& t : waiters) t.join();
+    EXPECT_EQ(terminated.load(), 5);
+    EXPECT_FALSE(q.putEvent(new Item(2, &deleted)));
+    EXPECT_EQ(deleted.load(), 1);
+
+    q.InitZ72();
+    EXPECT_TRUE(q.putEvent(new Item(3, &deleted)));
+    EXPECT_TRUE(q.putEvent(new Item(4, &deleted)));
+    q.TerminateZ72();
+    // Terminated: waits end at once even with events queued; get() drains.
+    EXPECT_EQ(q.waitEvent(), nullptr);
+    EXPECT_EQ(ValueOf(q.get()), 3);
+    EXPECT_EQ(q.size(), 1u);
+  }
+  EXPECT_EQ(deleted.load(), 3);  // 2 refused, 3 taken and deleted, 4 deleted with the queue
+}
+
+TEST(EventQueue, ConcurrentProducersKeepEachProducersOrder) {
+  RQPEventQueue q;
+  constexpr int kProducers = 4, kPerProducer = 5000;
+  std::vector<std::thread> producers;
+  for (int p = 0; p < kProducers; ++p)
+    producers.emplace_back([&, p] {
+      for (int i = 0; i < kPerProducer; ++i) q.putEvent(new Item(p * kPerProducer + i));
+    });
+  std::vector<int> last(kProducers, -1);
+  int received = 0;
+  while (received < kProducers * kPerProducer) {
+    RWCollectable* ev = nullptr;
+    ASSERT_EQ(q.waitEvent(ev, 10000), htEvent);
+    const int v = ValueOf(ev);
+    const int p = v / kPerProducer, i = v % kPerProducer;
+    ASSERT_GT(i, last[p]) << "producer " << p << " reordered";
+    last[p] = i;
+    ++received;
+  }
+  for (auto& t : producers) t.join();
+  EXPECT_TRUE(q.isEmpty());
+}
+
+TEST(Thread, RunsOnceJoinsAndNamesItself) {
+  cThread t;
+  EXPECT_TRUE(t.Join());  // never started: returns at once
+  std::string seenName;
+  std::atomic<bool> ran{false};
+  t.Start([&] {
+    seenName = cThread::CurrentName();
+    ran = true;
+  }, "VTTest", "ThreadTest:Body");
+  EXPECT_TRUE(t.Join());
+  EXPECT_TRUE(ran.load());
+  EXPECT_EQ(seenName, "VTTest");
+  EXPECT_TRUE(t.Finished());
+  EXPECT_THROW(t.Start([] {}, "again", "again"), std::logic_error);
+  try {
+    t.Start([] {}, "again", "again");
+  } catch (const std::logic_error& e) {
+    EXPECT_STREQ(e.what(), "this object doesn't support thread re-start.");
+  }
+  t.Reset();
+  ran = false;
+  t.Start([&] { ran = true; }, "VTTest2", "ThreadTest:Again");
+  t.Join();
+  EXPECT_TRUE(ran.load());
+}
+
+TEST(Thread, JoinOnItselfReturnsAndExceptionsAreCaught) {
+  vantrel::test::LogCapture log;
+  cThread t;
+  std::atomic<int> selfJoin{-1};
+  t.Start([&] {
+    selfJoin = t.Join() ? 1 : 0;
+    throw std::runtime_error("boom in body");
+  }, "VTThrow", "ThreadTest:Throw");
+  t.Join();
+  EXPECT_EQ(selfJoin.load(), 0);
+  EXPECT_TRUE(log.contains("Exception: boom in body"));
+}
+
+TEST(Thread, TinyStackIsRaisedAndJoinForBounds) {
+  vantrel::test::LogCapture log;
+  RQPManualEvent release;
+  cThread t;
+  t.Start([&] { release.Wait(); }, "VTStack", "ThreadTest:Stack",
+          nParallel::nImplementation_sho::cThreadAttributes(1));
+  EXPECT_TRUE(log.contains("raised"));
+  EXPECT_FALSE(t.JoinFor(nTime::cDiff::FromMilliseconds(20)));
+  release.Set();
+  EXPECT_TRUE(t.JoinFor(nTime::cDiff::FromSeconds(10)));
+  EXPECT_TRUE(t.Finished());
+}
+
+TEST(Thread, ConcurrentJoinersBothReturn) {
+  RQPManualEvent release;
+  cThread t;
+  t.Start([&] { release.Wait(); }, "VTJoin", "ThreadTest:Join");
+  std::atomic<int> joined{0};
+  std::thread a([&] { joined += t.Join(); });
+  std::thread b([&] { joined += t.Join(); });
+  release.Set();
+  a.join();
+  b.join();
+  EXPECT_EQ(joined.load(), 2);
+}

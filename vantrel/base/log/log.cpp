@@ -1,0 +1,173 @@
+#include "vantrel/base/log/log.h"
+
+#include <spdlog/logger.h>
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/sinks/stdout_sinks.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+#include "vantrel/base/platform/thread.h"
+
+namespace vantrel::log {
+namespace {
+
+// The logger is created on first use from the environment and replaced by
+// Configure. Writers copy the shared pointer under the mutex, so a Configure
+// that runs while other threads log never frees a logger in use.
+struct State {
+  std::mutex mutex;
+  std::shared_ptr<spdlog::logger> logger;
+  bool fromEnvironment = false;
+  CaptureSink sink = nullptr;
+  void* sinkContext = nullptr;
+};
+
+State& state() {
+  static State* s = new State();  // never destroyed: threads may log during exit
+  return *s;
+}
+
+std::atomic<int> gLevel{-1};  // -1: not yet read from the environment
+std::atomic<bool> gCapturing{false};
+
+spdlog::level::level_enum ToSpd(tQXLogMessageSeverity s) {
+  switch (s) {
+    case QXLOG_TRACE: return spdlog::level::trace;
+    case QXLOG_DEBUG: return spdlog::level::debug;
+    case QXLOG_INFO: return spdlog::level::info;
+    case QXLOG_WARNING: return spdlog::level::warn;
+    case QXLOG_ERROR: return spdlog::level::err;
+    case QXLOG_CRITICAL: return spdlog::level::critical;
+    default: return spdlog::level::off;
+  }
+}
+
+std::shared_ptr<spdlog::logger> MakeLogger(const std::string& file) {
+  spdlog::sink_ptr sink;
+  if (file.empty()) {
+    sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
+  } else {
+    try {
+      sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(file, false);
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "vantrel: cannot open log file %s (%s); logging to standard error\n", file.c_str(),
+                   e.what());
+      sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
+    }
+  }
+  auto logger = std::make_shared<spdlog::logger>("vantrel", std::move(sink));
+  logger->set_pattern("%Y-%m-%d %H:%M:%S.%f %L %v");
+  logger->set_level(spdlog::level::trace);  // filtering is done by Enabled()
+  logger->flush_on(spdlog::level::warn);
+  return logger;
+}
+
+void InitFromEnvironmentLocked(State& s) {
+  if (s.logger) return;
+  const char* file = std::getenv("VANTREL_LOG_FILE");
+  s.logger = MakeLogger(file ? file : "");
+  s.fromEnvironment = true;
+}
+
+int LevelFromEnvironment() {
+  tQXLogMessageSeverity level = QXLOG_WARNING;
+  if (const char* env = std::getenv("VANTREL_LOG_LEVEL")) {
+    if (!ParseLevel(env, level)) {
+      std::fprintf(stderr, "vantrel: unknown VANTREL_LOG_LEVEL '%s'; using warning\n", env);
+      level = QXLOG_WARNING;
+    }
+  }
+  return level;
+}
+
+const char* BaseName(const char* path) {
+  const char* slash = std::strrchr(path, '/');
+  return slash ? slash + 1 : path;
+}
+
+}  // namespace
+
+bool Enabled(tQXLogMessageSeverity severity) {
+  int level = gLevel.load(std::memory_order_relaxed);
+  if (level < 0) {
+    int fromEnv = LevelFromEnvironment();
+    gLevel.compare_exchange_strong(level, fromEnv);
+    level = gLevel.load(std::memory_order_relaxed);
+  }
+  return severity >= level || gCapturing.load(std::memory_order_relaxed);
+}
+
+void Write(tQXLogMessageSeverity severity, const char* file, int line, std::string_view text) {
+  State& s = state();
+  std::shared_ptr<spdlog::logger> logger;
+  {
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (s.sink) s.sink(s.sinkContext, severity, text);
+    if (severity < gLevel.load(std::memory_order_relaxed)) return;
+    InitFromEnvironmentLocked(s);
+    logger = s.logger;
+  }
+  const std::string thread = platform::cThread::CurrentName();
+  logger->log(ToSpd(severity), "[{}] {}:{} {}", thread, BaseName(file), line, text);
+}
+
+void Configure(const std::string& level, const std::string& file) {
+  tQXLogMessageSeverity parsed = QXLOG_INFO;
+  if (!level.empty() && !ParseLevel(level, parsed)) parsed = QXLOG_INFO;
+  auto logger = MakeLogger(file);
+  {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    if (state().logger) state().logger->flush();
+    state().logger = std::move(logger);
+    state().fromEnvironment = false;
+  }
+  gLevel.store(parsed);
+}
+
+void SetLevel(tQXLogMessageSeverity severity) { gLevel.store(severity); }
+
+tQXLogMessageSeverity CurrentLevel() {
+  Enabled(QXLOG_OFF);  // reads the environment on first use
+  return static_cast<tQXLogMessageSeverity>(gLevel.load());
+}
+
+bool ParseLevel(std::string_view name, tQXLogMessageSeverity& out) {
+  struct Entry {
+    const char* name;
+    tQXLogMessageSeverity level;
+  };
+  static const Entry entries[] = {
+      {"trace", QXLOG_TRACE}, {"debug", QXLOG_DEBUG},   {"info", QXLOG_INFO},
+      {"warning", QXLOG_WARNING}, {"warn", QXLOG_WARNING}, {"error", QXLOG_ERROR},
+      {"critical", QXLOG_CRITICAL}, {"off", QXLOG_OFF},
+  };
+  for (const auto& e : entries) {
+    if (name.size() == std::strlen(e.name) && strncasecmp(name.data(), e.name, name.size()) == 0) {
+      out = e.level;
+      return true;
+    }
+  }
+  return false;
+}
+
+void Flush() {
+  std::shared_ptr<spdlog::logger> logger;
+  {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    logger = state().logger;
+  }
+  if (logger) logger->flush();
+}
+
+void SetCaptureSink(CaptureSink sink, void* context) {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().sink = sink;
+  state().sinkContext = context;
+  gCapturing.store(sink != nullptr);
+}
+
+}  // namespace vantrel::log
