@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "tests/support/testutil.h"
-#include "vantrel/base/platform/hostinfo.h"
 
 namespace {
 
@@ -168,18 +167,12 @@ TEST(Process, IdentityHelpers) {
   EXPECT_FALSE(RQPUserName(4000000000u, name, &code));
   EXPECT_EQ(code, 0);
 
-  EXPECT_TRUE(std::filesystem::equivalent(RQPExecutablePath(), "/proc/self/exe"));
-  EXPECT_EQ(RQPCurrentProcessId(), getpid());
-
   const std::string sh = RQPFindProgram("sh");
   ASSERT_FALSE(sh.empty());
   EXPECT_EQ(access(sh.c_str(), X_OK), 0);
   EXPECT_EQ(RQPFindProgram("no-such-program-anywhere"), "");
   EXPECT_EQ(RQPFindProgram("/bin/sh"), "/bin/sh");
 
-  std::string kernelName = ReadFile("/proc/sys/kernel/hostname");
-  if (!kernelName.empty() && kernelName.back() == '\n') kernelName.pop_back();
-  EXPECT_EQ(RQPGetLocalHostName(), kernelName);
 }
 
 }  // namespace

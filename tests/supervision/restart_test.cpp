@@ -55,14 +55,6 @@ TEST(Restart, RelaunchProgramComesFromTheProgramsFolderOrIsThisProgram) {
   if (old != nullptr) setenv("RQ_BIN", saved.c_str(), 1);
 }
 
-TEST(Restart, OutsideSystemdThisIsNotTheUnitsMainProcess) {
-  const char* old = getenv("INVOCATION_ID");
-  const std::string saved = old != nullptr ? old : "";
-  unsetenv("INVOCATION_ID");
-  EXPECT_FALSE(nSupervision::gIsSystemdMainProcess());
-  if (old != nullptr) setenv("INVOCATION_ID", saved.c_str(), 1);
-}
-
 TEST(RestartDeathTest, StartsTheSuccessorAndExitsWith42) {
   // Forked without re-running the test, so that the child uses this very folder.
   const std::string style = GTEST_FLAG_GET(death_test_style);
