@@ -1,0 +1,99 @@
+#pragma once
+// Processes: starting programs, waiting for them, killing them, listing the
+// processes of the machine, and the identity facts the service checks need.
+//
+// These are free functions without state of their own; any thread may call them.
+// A child started here belongs to the caller: the caller waits for it (which
+// reaps it) or kills and then waits. Children never inherit the caller's
+// descriptors other than the standard streams, nor its signal mask or ignored
+// signals.
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "vantrel/base/export.h"
+#include "vantrel/base/platform/time.h"
+
+using RQPProcessId = long;
+
+struct RQPProcessOptions {
+  // Folder the child starts in; empty means the caller's current folder.
+  std::string workingFolder;
+  // A detached child gets a session of its own and its standard streams on the
+  // null device, so it outlives the caller's terminal and writes nowhere.
+  bool detached = false;
+};
+
+struct RQPSpawnResult {
+  RQPProcessId pid = 0;   // > 0 when the child was started
+  int errorCode = 0;      // errno of the failure
+  std::string errorText;  // "cannot start <program>: <system text>"
+  bool ok() const { return pid > 0; }
+};
+
+// Starts `program` (a path; PATH is not searched, see RQPFindProgram) with
+// `arguments` as argv[1..]; argv[0] is `program`. Returns the child's id or the
+// reason it could not be started (missing program, not executable, missing
+// working folder, ...). Never throws.
+VANTREL_API RQPSpawnResult RQPCreateProcessZ0(const std::string& program, const std::vector<std::string>& arguments,
+                                              const RQPProcessOptions& options = {});
+
+enum class RQPWaitResult { exited, timedOut, failed };
+
+// Waits for a child of this process to end and reaps it. `exitCode` receives the
+// exit status, or 128 + the signal number when a signal ended it. false when
+// `pid` is not a child of this process (or was reaped already).
+VANTREL_API bool RQPWaitProcess(RQPProcessId pid, int* exitCode = nullptr);
+// As RQPWaitProcess with a time limit (zero or negative: test once). A child that
+// is still running after the limit is left running and unreaped.
+VANTREL_API RQPWaitResult RQPWaitProcessFor(RQPProcessId pid, nTime::cDiff timeout, int* exitCode = nullptr);
+// Waits for a child to end without reaping it: its id stays reserved (it cannot
+// be reused by another process) until RQPWaitProcess reaps it. false when `pid`
+// is not a child of this process.
+VANTREL_API bool RQPWaitProcessExit(RQPProcessId pid);
+// Sends SIGKILL. false when there is no such process or no permission.
+VANTREL_API bool RQPKillProcess(RQPProcessId pid);
+
+struct RQPRunResult {
+  bool started = false;
+  bool timedOut = false;  // the child was killed at the time limit
+  int exitCode = -1;      // as RQPWaitProcess; -1 when not started or timed out
+  std::string output;     // standard output, at most 64 KiB kept
+  std::string errorText;  // why it could not be started
+};
+
+// Runs a program to completion and captures its standard output (standard input
+// and error on the null device). A child still running at `timeout` is killed,
+// so the call never hangs.
+VANTREL_API RQPRunResult RQPRunAndCapture(const std::string& program, const std::vector<std::string>& arguments,
+                                          nTime::cDiff timeout);
+
+// Full path of an executable file named `name` in the folders of PATH; `name`
+// itself when it contains a '/' and is executable; empty when not found.
+VANTREL_API std::string RQPFindProgram(const std::string& name);
+
+// One process of the machine as /proc shows it.
+struct RQPProcessEntry {
+  RQPProcessId pid = 0;
+  std::string imageName;  // the kernel's command name (at most 15 characters)
+  std::string exeName;    // file name of the executable; empty when not readable
+  std::uint32_t realUid = 0;
+  std::uint32_t effectiveUid = 0;
+  // Login session; the process's session id when the system keeps no login
+  // sessions.
+  std::int64_t sessionId = -1;
+  char state = '?';  // 'R', 'S', 'Z', ...
+};
+
+// Lists every process of the machine in /proc order. Processes that end while
+// being read are left out. false (with the reason) when /proc cannot be read.
+VANTREL_API bool RQPEnumerateProcesses(std::vector<RQPProcessEntry>& entries, std::string* error = nullptr);
+// Reads one process; false when it does not exist (any more).
+VANTREL_API bool RQPReadProcessEntry(RQPProcessId pid, RQPProcessEntry& entry);
+
+VANTREL_API RQPProcessId RQPCurrentProcessId();
+// The running program's file; empty when it cannot be read.
+VANTREL_API std::string RQPExecutablePath();
+// The user name of `uid` from the password database. false when the uid has no
+// entry (errorCode 0) or the look-up failed (errorCode the system's code).
+VANTREL_API bool RQPUserName(std::uint32_t uid, std::string& name, int* errorCode = nullptr);

@@ -1,0 +1,85 @@
+#include "vantrel/supervision/restart.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <mutex>
+
+#include "vantrel/base/env/envcontainer.h"
+#include "vantrel/base/log/log.h"
+#include "vantrel/base/platform/process.h"
+
+namespace nSupervision {
+
+namespace {
+
+std::mutex gArgumentsMutex;
+std::vector<std::string> gArguments;  // argv[1..] of the service program
+
+}  // namespace
+
+void gRememberProcessArguments(int argc, char** argv) {
+  std::lock_guard<std::mutex> lock(gArgumentsMutex);
+  gArguments.clear();
+  for (int i = 1; i < argc && argv != nullptr; ++i) {
+    if (argv[i] != nullptr) gArguments.emplace_back(argv[i]);
+  }
+}
+
+bool gIsSystemdMainProcess() {
+  // systemd gives every process it starts for a unit an invocation id; without
+  // one, asking systemd would only cost time.
+  const char* invocation = getenv("INVOCATION_ID");
+  if (invocation == nullptr || *invocation == '\0') return false;
+  const std::string systemctl = RQPFindProgram("systemctl");
+  if (systemctl.empty()) return false;
+  const RQPRunResult run =
+      RQPRunAndCapture(systemctl, {"show", "-p", "MainPID", "vantrel.service"}, nTime::cDiff::FromSeconds(5));
+  if (!run.started || run.timedOut || run.exitCode != 0) return false;
+  const std::string prefix = "MainPID=";
+  const auto at = run.output.find(prefix);
+  if (at == std::string::npos) return false;
+  const long mainPid = std::strtol(run.output.c_str() + at + prefix.size(), nullptr, 10);
+  return mainPid > 0 && mainPid == static_cast<long>(getpid());
+}
+
+std::string gRelaunchProgram() {
+  RQEnvContainerClass env;
+  const char* bin = env.RQEGetEnv("RQ_BIN");
+  if (bin != nullptr && *bin != '\0') return env.RQERuntimeResolve("#(RQ_BIN)/vantrel");
+  const std::string self = RQPExecutablePath();
+  return self.empty() ? std::string("/proc/self/exe") : self;
+}
+
+std::vector<std::string> gRelaunchArguments() {
+  std::vector<std::string> arguments;
+  {
+    std::lock_guard<std::mutex> lock(gArgumentsMutex);
+    arguments = gArguments;
+  }
+  // A successor that restarts again must not collect one "/w" per generation.
+  if (std::find(arguments.begin(), arguments.end(), "/w") == arguments.end()) arguments.emplace_back("/w");
+  return arguments;
+}
+
+void gRestartVantrelProcess() {
+  if (gIsSystemdMainProcess()) {
+    VLOG_ERROR("exiting vantrel service with error. Should restart automatically");
+  } else {
+    VLOG_ERROR("relaunching vantrel and exiting with erro. Should have a new process");
+    // The successor keeps this process's working folder, so that relative paths
+    // among the remembered arguments and the settings-file search mean the same.
+    RQPProcessOptions options;
+    options.detached = true;
+    const std::string program = gRelaunchProgram();
+    const RQPSpawnResult spawned = RQPCreateProcessZ0(program, gRelaunchArguments(), options);
+    if (!spawned.ok()) VLOG_ERROR("gRestartVantrelProcess - %s", spawned.errorText);
+  }
+  vantrel::log::Flush();
+  // Not exit(): other threads are still running, and static destructors would
+  // pull objects from under them.
+  _exit(kRestartExitCode);
+}
+
+}  // namespace nSupervision
