@@ -1,0 +1,218 @@
+#include "vantrel/client/vantrelini.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <optional>
+#include <sstream>
+
+#include "vantrel/base/env/envcontainer.h"
+#include "vantrel/base/env/settings.h"
+#include "vantrel/base/log/log.h"
+
+namespace nVantrelIni {
+namespace {
+
+
+std::optional<int> ExtractInt(const std::string& text) {
+  std::istringstream in(text);
+  std::int32_t value = 0;
+  if (!(in >> value)) return std::nullopt;
+  return value;
+}
+
+// A present value that is not an integer: reported, and 0 stands in for it.
+int NotAnInteger(const char* key, const std::string& text) {
+  VLOG_ERROR("cVantrelIni - setting %s: \"%s\" is not an integer; 0 is used", key, text);
+  return 0;
+}
+
+// As gReadIntWithDefault; `parsed` tells whether a present value was an integer.
+int ReadIntWithDefault(int table, const char* key, int defaultValue, bool& parsed) {
+  std::optional<std::string> text;
+  nEnvSettings::gGetPropertyString(text, table, key);
+  parsed = true;
+  if (!text) return defaultValue;
+  if (auto value = ExtractInt(*text)) return *value;
+  parsed = false;
+  return NotAnInteger(key, *text);
+}
+
+}  // namespace
+
+int gReadIntWithDefault(int table, const char* key, int defaultValue) {
+  bool parsed;
+  return ReadIntWithDefault(table, key, defaultValue, parsed);
+}
+
+int gReadIntRequired(int table, const char* key) {
+  const std::string text = nEnvSettings::gGetPropertyStream(table, key);
+  if (auto value = ExtractInt(text)) return *value;
+  // A missing key has been reported by the settings reader already.
+  if (!nEnvSettings::gHasProperty(table, key)) return 0;
+  return NotAnInteger(key, text);
+}
+
+std::string gReadStringOptional(int table, const char* key, const char* defaultValue) {
+  std::optional<std::string> text;
+  nEnvSettings::gGetPropertyString(text, table, key);
+  return text ? *text : std::string(defaultValue);
+}
+
+std::string gReadStringRequired(int table, const char* key) { return nEnvSettings::gGetPropertyStream(table, key); }
+
+std::string gReadWordRequired(int table, const char* key) {
+  std::istringstream in(nEnvSettings::gGetPropertyStream(table, key));
+  std::string word;
+  in >> word;
+  if (word.empty() && nEnvSettings::gHasProperty(table, key))
+    VLOG_ERROR("cVantrelIni - setting %s has no value; the empty text is used", key);
+  return word;
+}
+
+std::vector<nTime::cDiff> gParseSimulatedLatency(const std::string& text, const char* what) {
+  std::vector<nTime::cDiff> list;
+  std::istringstream in(text);
+  for (;;) {
+    std::int32_t value = 0;
+    if (!(in >> value)) {
+      if (in.eof())
+        VLOG_WARN("cVantrelIni - %s \"%s\" does not end with -1; the list ends at the end of the text", what, text);
+      else
+        VLOG_WARN("cVantrelIni - %s \"%s\": a value is not an integer; the list ends before it", what, text);
+      break;
+    }
+    if (value == -1) break;
+    list.push_back(nTime::cDiff::FromMilliseconds(static_cast<double>(value)));
+  }
+  return list;
+}
+
+const std::vector<nTime::cDiff>* gLatencyListArgument(const std::vector<nTime::cDiff>& list) {
+  return list.empty() ? nullptr : &list;
+}
+
+}  // namespace nVantrelIni
+
+using namespace nVantrelIni;
+
+namespace {
+
+const char* TrueFalse(bool b) { return b ? "true" : "false"; }
+
+// The TLS settings are shown on the console when the settings are read; the
+// escape sequences make the heading bold and underlined on a terminal.
+void PrintLine(const std::string& line) {
+  std::fputs(line.c_str(), stdout);
+  std::fputc('\n', stdout);
+  std::fflush(stdout);
+}
+
+}  // namespace
+
+cVantrelIni::cVantrelIni() {
+  RQEnvContainerClass env;
+  nEnvSettings::gFileInitTable(env, "Vantrel.ini", table_);
+  Read();
+}
+
+cVantrelIni::cVantrelIni(int table) : table_(table) { Read(); }
+
+void cVantrelIni::Read() {
+  const auto ms = [](int v) { return nTime::cDiff::FromMilliseconds(static_cast<double>(v)); };
+  const int t = table_;
+
+  socketCommunicationTimeout_ = ms(gReadIntRequired(t, "SocketCommunicationTimeout"));
+  socketClosedReactivationTimeout_ = ms(gReadIntRequired(t, "SocketClosedReactivationTimeout_debug"));
+  netIsActiveImplemented_ = gReadIntRequired(t, "NetIsActiveImplemented_debug") != 0;
+  socketSendBufferDeprecateTime_ = ms(gReadIntWithDefault(t, "SocketSendBufferDeprecateTime", 0));
+  simulatedLatencyNet_ = gReadStringOptional(t, "SimulatedLatencyNet_debug", "-1");
+  simulatedLatencyLocal_ = gReadStringOptional(t, "SimulatedLatencyLocal_debug", "-1");
+  timeoutKillWorkerProcess_ = ms(gReadIntWithDefault(t, "TimeoutKillWorkerProcess", 300000));
+  cycleLatencyThresholdLimit_ = ms(gReadIntWithDefault(t, "CycleLatencyThresholdLimit_debug", 720000));
+
+  const int stackSize = gReadIntWithDefault(t, "CommunicationThreadStackSize", 500000);
+  if (stackSize >= 1)
+    communicationThreadAttributes_.SetStackSize(static_cast<std::size_t>(stackSize));
+  else
+    communicationThreadAttributes_.ClearStackSize();
+
+  threadBlockLimit_ = ms(gReadIntWithDefault(t, "ThreadBlockLimit_debug", 200000));
+  addressPortDelimiter_ = gReadStringOptional(t, "AddressPortDelimiter", "~");
+
+  PrintLine("\033[1m\033[4mopenssl settings\033[0m");
+  useOpenSsl_ = gReadIntWithDefault(t, "UseOpenSsl", 0) != 0;
+  PrintLine(std::string("* UseOpenSsl: ") + TrueFalse(useOpenSsl_));
+  certificatesPath_ = gReadWordRequired(t, "CertificatesPath");
+  PrintLine("* CertificatesPath: " + certificatesPath_);
+  verifyServerCertificate_ = gReadIntWithDefault(t, "VerifyServerCertificate", 0) != 0;
+  PrintLine(std::string("* VerifyServerCertificate: ") + TrueFalse(verifyServerCertificate_));
+  verifyClientCertificate_ = gReadIntWithDefault(t, "VerifyClientCertificate", 0) != 0;
+  PrintLine(std::string("* VerifyClientCertificate: ") + TrueFalse(verifyClientCertificate_));
+
+  bool parsed;
+  const int maxSize =
+      ReadIntWithDefault(t, "MaxMessageSize", static_cast<int>(kDefaultMaxMessageSize), parsed);
+  if (maxSize < static_cast<int>(kMinMaxMessageSize)) {
+    if (parsed)
+      VLOG_WARN("cVantrelIni - MaxMessageSize %d is below the least frame size; %u is used", maxSize,
+                kMinMaxMessageSize);
+    maxMessageSize_ = kMinMaxMessageSize;
+  } else {
+    maxMessageSize_ = static_cast<std::uint32_t>(maxSize);
+  }
+}
+
+nCommunication::nSocket::nImplementation_sho::cSocketOptions cVantrelIni::BuildSocketOptions(
+    const std::vector<nTime::cDiff>& simulatedLatency) const {
+  nCommunication::nSocket::nImplementation_sho::cSocketOptions options(
+      socketCommunicationTimeout_, socketCommunicationTimeout_, socketClosedReactivationTimeout_,
+      socketSendBufferDeprecateTime_, gLatencyListArgument(simulatedLatency), cycleLatencyThresholdLimit_);
+  options.maxMessageSize = maxMessageSize_;
+  return options;
+}
+
+const cVantrelIni& cVantrelIni::Instance() {
+  // Built under the static's own guard; never destroyed (see the header).
+  static const cVantrelIni* const instance = new cVantrelIni();
+  return *instance;
+}
+
+cSimulatedLatencyNetContainer_debug::cSimulatedLatencyNetContainer_debug(const cVantrelIni& ini)
+    : list_(gParseSimulatedLatency(ini.SimulatedLatencyNet(), "SimulatedLatencyNet_debug")) {}
+
+const cSimulatedLatencyNetContainer_debug& cSimulatedLatencyNetContainer_debug::Instance() {
+  static const cSimulatedLatencyNetContainer_debug* const instance =
+      new cSimulatedLatencyNetContainer_debug(cVantrelIni::Instance());
+  return *instance;
+}
+
+cSimulatedLatencyLocalContainer_debug::cSimulatedLatencyLocalContainer_debug(const cVantrelIni& ini)
+    : list_(gParseSimulatedLatency(ini.SimulatedLatencyLocal(), "SimulatedLatencyLocal_debug")) {}
+
+const cSimulatedLatencyLocalContainer_debug& cSimulatedLatencyLocalContainer_debug::Instance() {
+  static const cSimulatedLatencyLocalContainer_debug* const instance =
+      new cSimulatedLatencyLocalContainer_debug(cVantrelIni::Instance());
+  return *instance;
+}
+
+const char* gVantrelAddressPortDelimiter() { return cVantrelIni::Instance().AddressPortDelimiter().c_str(); }
+std::string gVantrelCertificatesPath() { return cVantrelIni::Instance().CertificatesPath(); }
+bool gVantrelNetIsActiveImplemented_debug() { return cVantrelIni::Instance().NetIsActiveImplemented(); }
+bool gVantrelUseOpenSsl() { return cVantrelIni::Instance().UseOpenSsl(); }
+bool gVantrelVerifyClientCertificate() { return cVantrelIni::Instance().VerifyClientCertificate(); }
+bool gVantrelVerifyServerCertificate() { return cVantrelIni::Instance().VerifyServerCertificate(); }
+nTime::cDiff gThreadBlockLimit_debug() { return cVantrelIni::Instance().ThreadBlockLimit(); }
+nTime::cDiff gTimeoutKillWorkerProcess() { return cVantrelIni::Instance().TimeoutKillWorkerProcess(); }
+nParallel::nImplementation_sho::cThreadAttributes gCommunicationThreadAttributes() {
+  return cVantrelIni::Instance().CommunicationThreadAttributes();
+}
+
+int gIniTable() { return cVantrelIni::Instance().Table(); }
+
+nCommunication::nSocket::nImplementation_sho::cSocketOptions gSocketOptionsNet() {
+  return cVantrelIni::Instance().BuildSocketOptions(cSimulatedLatencyNetContainer_debug::Instance().List());
+}
+
+nCommunication::nSocket::nImplementation_sho::cSocketOptions gSocketOptionsLocal() {
+  return cVantrelIni::Instance().BuildSocketOptions(cSimulatedLatencyLocalContainer_debug::Instance().List());
+}

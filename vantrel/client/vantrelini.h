@@ -1,0 +1,159 @@
+#pragma once
+// The settings of the whole library, read once per process from Vantrel.ini.
+//
+// cVantrelIni reads every key when it is constructed and never changes after.
+// The process-wide instance (cVantrelIni::Instance, and every g... accessor
+// below) is built on first use under its own lock - concurrent first callers
+// wait - and is read without locks afterwards. It is never destroyed, so the
+// pointers it hands out stay valid for the life of the process, also for threads
+// still running while the process exits. An exception thrown while it is built
+// reaches the caller of the accessor that triggered the construction.
+//
+// Bad settings never stop the process here: a missing required key or a value
+// that is not an integer is logged once and replaced by its neutral value
+// (0 ms, false, the empty text).
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "vantrel/base/export.h"
+#include "vantrel/base/platform/thread.h"
+#include "vantrel/base/platform/time.h"
+#include "vantrel/base/socket/socketoptions.h"
+
+namespace nVantrelIni {
+
+inline constexpr std::uint32_t kDefaultMaxMessageSize = 4194304;
+// A file chunk (51200 bytes) with the record around it must fit in one frame.
+inline constexpr std::uint32_t kMinMaxMessageSize = 65536;
+
+// Reading one key from a settings table. Integers are 32-bit signed decimals,
+// extracted as a stream extraction does it (leading blanks skipped, reading stops
+// at the first character that is not part of the number).
+
+// The key's integer, or `defaultValue` when the key is absent; a value that is
+// not an integer is logged and gives 0.
+int gReadIntWithDefault(int table, const char* key, int defaultValue);
+// The key's integer; a missing key or a value that is not an integer is logged
+// (once) and gives 0.
+int gReadIntRequired(int table, const char* key);
+// The key's whole value, or `defaultValue` when the key is absent.
+std::string gReadStringOptional(int table, const char* key, const char* defaultValue);
+// The key's whole value; a missing key is logged and gives the empty text.
+std::string gReadStringRequired(int table, const char* key);
+// The first blank-delimited word of the key's value; a missing key or an empty
+// value is logged and gives the empty text.
+std::string gReadWordRequired(int table, const char* key);
+
+// Parses a simulated-latency list: integers in ms up to the first -1. Reading
+// also stops at the first value that is not an integer, and a text without -1
+// ends at its end; both are logged (`what` names the list). "-1" gives an empty
+// list.
+std::vector<nTime::cDiff> gParseSimulatedLatency(const std::string& text, const char* what);
+
+// The list as the socket options' constructor wants it: null ("none") when empty.
+const std::vector<nTime::cDiff>* gLatencyListArgument(const std::vector<nTime::cDiff>& list);
+
+}  // namespace nVantrelIni
+
+// Owner: the process (Instance) or a test (the table constructor).
+// Owns: copies of every setting. Threads: built by one thread, then read by any.
+class cVantrelIni {
+ public:
+  // Finds and reads Vantrel.ini (see nEnvSettings::gFileInitTable).
+  cVantrelIni();
+  // Reads the settings from an already loaded table.
+  explicit cVantrelIni(int table);
+
+  // The process-wide instance, built on first use.
+  static const cVantrelIni& Instance();
+
+  int Table() const { return table_; }
+  nTime::cDiff SocketCommunicationTimeout() const { return socketCommunicationTimeout_; }
+  nTime::cDiff SocketClosedReactivationTimeout() const { return socketClosedReactivationTimeout_; }
+  nTime::cDiff SocketSendBufferDeprecateTime() const { return socketSendBufferDeprecateTime_; }
+  nTime::cDiff TimeoutKillWorkerProcess() const { return timeoutKillWorkerProcess_; }
+  nTime::cDiff CycleLatencyThresholdLimit() const { return cycleLatencyThresholdLimit_; }
+  const std::string& AddressPortDelimiter() const { return addressPortDelimiter_; }
+  const nParallel::nImplementation_sho::cThreadAttributes& CommunicationThreadAttributes() const {
+    return communicationThreadAttributes_;
+  }
+  nTime::cDiff ThreadBlockLimit() const { return threadBlockLimit_; }
+  bool NetIsActiveImplemented() const { return netIsActiveImplemented_; }
+  const std::string& SimulatedLatencyNet() const { return simulatedLatencyNet_; }
+  const std::string& SimulatedLatencyLocal() const { return simulatedLatencyLocal_; }
+  bool UseOpenSsl() const { return useOpenSsl_; }
+  const std::string& CertificatesPath() const { return certificatesPath_; }
+  bool VerifyServerCertificate() const { return verifyServerCertificate_; }
+  bool VerifyClientCertificate() const { return verifyClientCertificate_; }
+  std::uint32_t MaxMessageSize() const { return maxMessageSize_; }
+
+  // Socket options from these settings with the given simulated-latency list
+  // (an empty list is passed on as "none").
+  nCommunication::nSocket::nImplementation_sho::cSocketOptions BuildSocketOptions(
+      const std::vector<nTime::cDiff>& simulatedLatency) const;
+
+ private:
+  void Read();
+
+  int table_ = 0;
+  nTime::cDiff socketCommunicationTimeout_ = nTime::cDiff::FromSeconds(10);
+  nTime::cDiff socketClosedReactivationTimeout_;
+  nTime::cDiff socketSendBufferDeprecateTime_;
+  nTime::cDiff timeoutKillWorkerProcess_;
+  nTime::cDiff cycleLatencyThresholdLimit_;
+  std::string addressPortDelimiter_;
+  nParallel::nImplementation_sho::cThreadAttributes communicationThreadAttributes_;
+  nTime::cDiff threadBlockLimit_;
+  bool netIsActiveImplemented_ = false;
+  std::string simulatedLatencyNet_;
+  std::string simulatedLatencyLocal_;
+  bool useOpenSsl_ = false;
+  std::string certificatesPath_;
+  bool verifyServerCertificate_ = false;
+  bool verifyClientCertificate_ = false;
+  std::uint32_t maxMessageSize_ = nVantrelIni::kDefaultMaxMessageSize;
+};
+
+// The simulated latencies of host links, parsed from SimulatedLatencyNet_debug.
+// Owner: the process (Instance) or a test. Immutable after construction.
+class cSimulatedLatencyNetContainer_debug {
+ public:
+  explicit cSimulatedLatencyNetContainer_debug(const cVantrelIni& ini);
+  static const cSimulatedLatencyNetContainer_debug& Instance();
+  const std::vector<nTime::cDiff>& List() const { return list_; }
+
+ private:
+  std::vector<nTime::cDiff> list_;
+};
+
+// The simulated latencies of local client connections, from SimulatedLatencyLocal_debug.
+// Owner: the process (Instance) or a test. Immutable after construction.
+class cSimulatedLatencyLocalContainer_debug {
+ public:
+  explicit cSimulatedLatencyLocalContainer_debug(const cVantrelIni& ini);
+  static const cSimulatedLatencyLocalContainer_debug& Instance();
+  const std::vector<nTime::cDiff>& List() const { return list_; }
+
+ private:
+  std::vector<nTime::cDiff> list_;
+};
+
+// ---- exported accessors (each builds the process-wide settings on first use) ----
+VANTREL_API const char* gVantrelAddressPortDelimiter();
+VANTREL_API std::string gVantrelCertificatesPath();
+VANTREL_API bool gVantrelNetIsActiveImplemented_debug();
+VANTREL_API bool gVantrelUseOpenSsl();
+VANTREL_API bool gVantrelVerifyClientCertificate();
+VANTREL_API bool gVantrelVerifyServerCertificate();
+VANTREL_API nTime::cDiff gThreadBlockLimit_debug();
+VANTREL_API nTime::cDiff gTimeoutKillWorkerProcess();
+VANTREL_API nParallel::nImplementation_sho::cThreadAttributes gCommunicationThreadAttributes();
+
+// ---- internal accessors ----
+// Handle of the settings table, for further look-ups (clock resynchronisation).
+int gIniTable();
+// Socket options of host links (network simulated latencies).
+nCommunication::nSocket::nImplementation_sho::cSocketOptions gSocketOptionsNet();
+// Socket options of local client connections (local simulated latencies).
+nCommunication::nSocket::nImplementation_sho::cSocketOptions gSocketOptionsLocal();
