@@ -1,0 +1,171 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <future>
+
+#include "tests/base/socket/socketpair.h"
+#include "tests/support/testutil.h"
+#include "tests/support/tlscerts.h"
+
+using namespace nCommunication::nSocket::nImplementation_sho;
+using namespace std::chrono_literals;
+using vantrel::test::LogCapture;
+using vantrel::test::TempDir;
+using vantrel::test::TestAuthority;
+using vantrel::test::TestOptions;
+
+namespace {
+
+// A TLS listener on loopback whose accepted connections run their handshake on
+// a thread of their own, as the service's connections do.
+class TlsFixture : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    authority_ = new TestAuthority("Vantrel Test CA");
+    stranger_ = new TestAuthority("Untrusted CA");
+  }
+  static void TearDownTestSuite() {
+    delete authority_;
+    delete stranger_;
+  }
+
+  void StartListener(const std::string& folder, bool verifyClient, int communicationMs = 2000) {
+    options_ = TestOptions(communicationMs);
+    listener_ = std::make_unique<StreamSocket>(true, "tls-listener");
+    listener_->SetTlsSettings({folder, false, verifyClient});
+    listener_->CreateListenerSocket(0, c_Socket::eLoopbackOnly);
+  }
+
+  // Accepts one connection and starts its handshake; the future tells the result.
+  std::future<bool> AcceptOne(std::unique_ptr<StreamSocket>& accepted) {
+    auto result = listener_->Accept(options_);
+    EXPECT_TRUE(result.handle.has_value());
+    EXPECT_NE(result.tls, nullptr);
+    auto valid = gValidate(std::move(result.handle));
+    EXPECT_EQ(valid.status, tSocketStatus::eGood);
+    accepted = std::make_unique<StreamSocket>(std::move(valid.handle), result.tls, "accepted");
+    StreamSocket* socket = accepted.get();
+    const auto options = options_;
+    return std::async(std::launch::async, [socket, options] { return socket->CompleteAcceptHandshake(options); });
+  }
+
+  // Connects a client with the given folder and verification; runs the server
+  // handshake alongside. Returns {client connected, server handshake done}.
+  std::pair<bool, bool> Dial(const std::string& folder, const std::string& host, bool verifyServer) {
+    client_ = std::make_unique<StreamSocket>(true, "tls-client");
+    client_->SetTlsSettings({folder, verifyServer, false});
+    auto connected = std::async(std::launch::async, [&] { return client_->Connect(host, listener_->LocalPort(), options_); });
+    auto handshake = AcceptOne(accepted_);
+    const bool clientOk = connected.get();
+    if (!clientOk) accepted_->CloseSocket();
+    const bool serverOk = handshake.get();
+    return {clientOk, serverOk};
+  }
+
+  static TestAuthority* authority_;
+  static TestAuthority* stranger_;
+  TempDir dir_;
+  cSocketOptions options_;
+  std::unique_ptr<StreamSocket> listener_, client_, accepted_;
+};
+TestAuthority* TlsFixture::authority_ = nullptr;
+TestAuthority* TlsFixture::stranger_ = nullptr;
+
+}  // namespace
+
+TEST_F(TlsFixture, MatchingCertificatesCarryFramesBothWays) {
+  authority_->WriteHostFolder(dir_.file("server"), {"localhost"}, {"127.0.0.1"});
+  authority_->WriteHostFolder(dir_.file("client"), {"client.test"}, {});
+  StartListener(dir_.file("server"), /*verifyClient=*/true);
+  for (const char* host : {"127.0.0.1", "localhost"}) {
+    const auto [clientOk, serverOk] = Dial(dir_.file("client"), host, true);
+    ASSERT_TRUE(clientOk) << host;
+    ASSERT_TRUE(serverOk) << host;
+    ASSERT_TRUE(client_->SendTypedMessageZ2(203, 32516, "lg01~9011", 10));
+    short type = 0, subtype = 0;
+    char* data = nullptr;
+    unsigned length = 0;
+    ASSERT_TRUE(accepted_->WaitTypedMessageZ1(type, subtype, data, length, nullptr));
+    EXPECT_EQ(type, 203);
+    EXPECT_STREQ(data, "lg01~9011");
+    StreamSocket::FreeMessage(data);
+    ASSERT_TRUE(accepted_->SendTypedMessageZ2(104, 32516, "", 1));
+    ASSERT_TRUE(client_->WaitTypedMessageZ1(type, subtype, data, length, nullptr));
+    EXPECT_EQ(type, 104);
+    StreamSocket::FreeMessage(data);
+  }
+}
+
+TEST_F(TlsFixture, VerificationRejectsUntrustedAuthorityAndWrongHostName) {
+  authority_->WriteHostFolder(dir_.file("server"), {"elsewhere.test"}, {"127.0.0.1"});
+  stranger_->WriteHostFolder(dir_.file("stranger-server"), {"localhost"}, {"127.0.0.1"});
+  authority_->WriteHostFolder(dir_.file("client"), {"client.test"}, {});
+  LogCapture log;
+
+  StartListener(dir_.file("stranger-server"), false);
+  EXPECT_FALSE(Dial(dir_.file("client"), "127.0.0.1", true).first);
+  EXPECT_TRUE(log.contains("handshake failed"));
+  // Without verification the same peer is accepted.
+  EXPECT_TRUE(Dial(dir_.file("client"), "127.0.0.1", false).first);
+
+  StartListener(dir_.file("server"), false);
+  EXPECT_TRUE(Dial(dir_.file("client"), "127.0.0.1", true).first);  // named by its address
+  EXPECT_FALSE(Dial(dir_.file("client"), "localhost", true).first);  // but not by this name
+  EXPECT_TRUE(log.contains("hostname mismatch"));
+}
+
+TEST_F(TlsFixture, AcceptingSideDemandsAClientCertificate) {
+  authority_->WriteHostFolder(dir_.file("server"), {"localhost"}, {"127.0.0.1"});
+  authority_->WriteHostFolder(dir_.file("client"), {"client.test"}, {});
+  stranger_->WriteHostFolder(dir_.file("stranger"), {"client.test"}, {});
+  StartListener(dir_.file("server"), /*verifyClient=*/true);
+  const std::string bare = dir_.file("bare");  // no certificate of its own
+  std::filesystem::create_directories(bare);
+  EXPECT_FALSE(Dial(bare, "127.0.0.1", false).second);
+  EXPECT_FALSE(Dial(dir_.file("stranger"), "127.0.0.1", false).second);
+  EXPECT_TRUE(Dial(dir_.file("client"), "127.0.0.1", false).second);
+}
+
+TEST_F(TlsFixture, PlainOrSilentPeerFailsItsHandshakeWithoutBlockingOthers) {
+  authority_->WriteHostFolder(dir_.file("server"), {"localhost"}, {"127.0.0.1"});
+  StartListener(dir_.file("server"), false, /*communicationMs=*/400);
+  LogCapture log;
+
+  // A silent plain-text peer: its handshake runs on its own thread, so the
+  // listener accepts and completes a real TLS client meanwhile.
+  const int silent = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(listener_->LocalPort());
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(::connect(silent, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+  std::unique_ptr<StreamSocket> silentAccepted;
+  const auto start = std::chrono::steady_clock::now();
+  auto silentHandshake = AcceptOne(silentAccepted);
+
+  const auto [clientOk, serverOk] = Dial(dir_.file("server"), "127.0.0.1", false);
+  EXPECT_TRUE(clientOk);
+  EXPECT_TRUE(serverOk);
+  EXPECT_EQ(silentHandshake.wait_for(0s), std::future_status::timeout);
+
+  ASSERT_EQ(silentHandshake.wait_for(5s), std::future_status::ready);
+  EXPECT_FALSE(silentHandshake.get());
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 350ms);
+  EXPECT_TRUE(log.contains("timed out"));
+
+  // A peer that speaks the plain framing fails at once with OpenSSL's reason.
+  StreamSocket plain(false, "plain");
+  ASSERT_TRUE(plain.ConnectLocal(listener_->LocalPort(), options_));
+  std::unique_ptr<StreamSocket> plainAccepted;
+  auto plainHandshake = AcceptOne(plainAccepted);
+  ASSERT_TRUE(plain.SendTypedMessageZ2(1029, 0, "greeting", 9));
+  ASSERT_EQ(plainHandshake.wait_for(2s), std::future_status::ready);
+  EXPECT_FALSE(plainHandshake.get());
+  EXPECT_TRUE(log.contains("handshake failed"));
+  ::close(silent);
+}

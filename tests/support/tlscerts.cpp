@@ -1,0 +1,130 @@
+#include "tests/support/tlscerts.h"
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+namespace vantrel::test {
+namespace {
+
+struct PkeyFree {
+  void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
+};
+struct X509Free {
+  void operator()(X509* p) const { X509_free(p); }
+};
+using Key = std::unique_ptr<EVP_PKEY, PkeyFree>;
+using Cert = std::unique_ptr<X509, X509Free>;
+
+void Check(bool ok, const char* what) {
+  if (!ok) throw std::runtime_error(std::string("tlscerts: ") + what + " failed");
+}
+
+Key NewKey() {
+  Key key(EVP_EC_gen("P-256"));
+  Check(key != nullptr, "EVP_EC_gen");
+  return key;
+}
+
+void AddExtension(X509* cert, X509* issuer, int nid, const std::string& value) {
+  X509V3_CTX ctx;
+  X509V3_set_ctx_nodb(&ctx);
+  X509V3_set_ctx(&ctx, issuer, cert, nullptr, nullptr, 0);
+  X509_EXTENSION* ext = X509V3_EXT_conf_nid(nullptr, &ctx, nid, value.c_str());
+  Check(ext != nullptr, "X509V3_EXT_conf_nid");
+  X509_add_ext(cert, ext, -1);
+  X509_EXTENSION_free(ext);
+}
+
+Cert NewCertificate(const std::string& commonName, EVP_PKEY* key) {
+  static std::atomic<long> serial{1};
+  Cert cert(X509_new());
+  Check(cert != nullptr, "X509_new");
+  X509_set_version(cert.get(), 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), serial++);
+  X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600);
+  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 7L * 24 * 3600);
+  X509_set_pubkey(cert.get(), key);
+  X509_NAME* name = X509_get_subject_name(cert.get());
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName.c_str()),
+                             -1, -1, 0);
+  return cert;
+}
+
+std::string Pem(X509* cert) {
+  BIO* bio = BIO_new(BIO_s_mem());
+  PEM_write_bio_X509(bio, cert);
+  char* data = nullptr;
+  const long size = BIO_get_mem_data(bio, &data);
+  std::string text(data, static_cast<std::size_t>(size));
+  BIO_free(bio);
+  return text;
+}
+
+std::string Pem(EVP_PKEY* key) {
+  BIO* bio = BIO_new(BIO_s_mem());
+  PEM_write_bio_PrivateKey(bio, key, nullptr, nullptr, 0, nullptr, nullptr);
+  char* data = nullptr;
+  const long size = BIO_get_mem_data(bio, &data);
+  std::string text(data, static_cast<std::size_t>(size));
+  BIO_free(bio);
+  return text;
+}
+
+void WriteText(const std::string& path, const std::string& text) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << text;
+  Check(static_cast<bool>(out), "writing a certificate file");
+}
+
+}  // namespace
+
+struct TestAuthority::Impl {
+  Key key;
+  Cert cert;
+};
+
+TestAuthority::TestAuthority(const std::string& commonName) : impl_(std::make_unique<Impl>()) {
+  impl_->key = NewKey();
+  impl_->cert = NewCertificate(commonName, impl_->key.get());
+  X509_set_issuer_name(impl_->cert.get(), X509_get_subject_name(impl_->cert.get()));
+  AddExtension(impl_->cert.get(), impl_->cert.get(), NID_basic_constraints, "critical,CA:TRUE");
+  AddExtension(impl_->cert.get(), impl_->cert.get(), NID_key_usage, "critical,keyCertSign,cRLSign");
+  AddExtension(impl_->cert.get(), impl_->cert.get(), NID_subject_key_identifier, "hash");
+  Check(X509_sign(impl_->cert.get(), impl_->key.get(), EVP_sha256()) > 0, "X509_sign (authority)");
+}
+
+TestAuthority::~TestAuthority() = default;
+
+std::string TestAuthority::CertificatePem() const { return Pem(impl_->cert.get()); }
+
+void TestAuthority::WriteHostFolder(const std::string& folder, const std::vector<std::string>& dnsNames,
+                                    const std::vector<std::string>& ipAddresses, const TestAuthority* trusted) const {
+  Key key = NewKey();
+  const std::string commonName =
+      !dnsNames.empty() ? dnsNames.front() : (!ipAddresses.empty() ? ipAddresses.front() : std::string("host"));
+  Cert cert = NewCertificate(commonName, key.get());
+  X509_set_issuer_name(cert.get(), X509_get_subject_name(impl_->cert.get()));
+  std::string alternatives;
+  for (const auto& name : dnsNames) alternatives += (alternatives.empty() ? "DNS:" : ",DNS:") + name;
+  for (const auto& ip : ipAddresses) alternatives += (alternatives.empty() ? "IP:" : ",IP:") + ip;
+  if (!alternatives.empty()) AddExtension(cert.get(), impl_->cert.get(), NID_subject_alt_name, alternatives);
+  AddExtension(cert.get(), impl_->cert.get(), NID_basic_constraints, "critical,CA:FALSE");
+  AddExtension(cert.get(), impl_->cert.get(), NID_key_usage, "critical,digitalSignature,keyEncipherment");
+  AddExtension(cert.get(), impl_->cert.get(), NID_ext_key_usage, "serverAuth,clientAuth");
+  AddExtension(cert.get(), impl_->cert.get(), NID_authority_key_identifier, "keyid:always");
+  Check(X509_sign(cert.get(), impl_->key.get(), EVP_sha256()) > 0, "X509_sign (host)");
+
+  std::filesystem::create_directories(folder);
+  WriteText(folder + "/vantrel.crt", Pem(cert.get()));
+  WriteText(folder + "/vantrel.key", Pem(key.get()));
+  WriteText(folder + "/ca.crt", (trusted ? trusted : this)->CertificatePem());
+}
+
+}  // namespace vantrel::test
