@@ -1,0 +1,437 @@
+#include "vantrel/client/vantrelclientobjimp.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+
+#include "vantrel/base/env/envcontainer.h"
+#include "vantrel/base/log/log.h"
+#include "vantrel/base/socket/address.h"
+#include "vantrel/client/vantrelclientobj.h"
+#include "vantrel/client/vantrelini.h"
+
+namespace {
+
+constexpr unsigned kNameOffset = 2;
+constexpr unsigned kHostOffset = 130;
+constexpr unsigned kNameField = 128;
+// How much of a payload goes into a log line.
+constexpr unsigned kLoggedDataBytes = 200;
+
+// At most the first 200 bytes of a payload, up to its first zero, for logs.
+std::string LoggedData(const char* data, std::size_t length) {
+  if (data == nullptr) return std::string();
+  const std::size_t limit = std::min<std::size_t>(length, kLoggedDataBytes);
+  return std::string(data, strnlen(data, limit));
+}
+
+std::string FrameText(const cTypedMessageObject* frame) {
+  if (frame == nullptr || frame->getData() == nullptr) return "null";
+  return LoggedData(frame->getData(), static_cast<std::size_t>(frame->getLength()));
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// CVantrelClientQueue
+
+cTypedMessageObject* CVantrelClientQueue::AsFrame(RWCollectable* event) {
+  if (event == nullptr) return nullptr;
+  auto* frame = dynamic_cast<cTypedMessageObject*>(event);
+  if (frame == nullptr) {
+    VLOG_ERROR("CVantrelClientQueue::waitMessage - unexpected %s on queue dropped", event->nameOf());
+    delete event;
+  }
+  return frame;
+}
+
+void CVantrelClientQueue::putMessage(cTypedMessageObject* message) {
+  VLOG_DEBUG("CVantrelClientQueue:putMessage %s", FrameText(message));
+  if (!putEvent(message)) {
+    VLOG_DEBUG("CVantrelClientQueue::putMessage - queue %d turned off, message dropped", index_);
+    return;
+  }
+  if (capacity_ == 0) return;
+  // Only the reader puts, so the queue cannot grow between these two steps by
+  // more than what the reader itself adds.
+  while (size() > capacity_) {
+    RWCollectable* oldest = get();
+    if (oldest == nullptr) break;
+    VLOG_WARN("CVantrelClientQueue::putMessage - queue %d holds more than %d entries, oldest dropped", index_,
+              static_cast<int>(capacity_));
+    delete oldest;
+  }
+}
+
+cTypedMessageObject* CVantrelClientQueue::waitMessage(long milliseconds) {
+  RWCollectable* event = nullptr;
+  switch (waitEvent(event, milliseconds)) {
+    case htEvent:
+      return AsFrame(event);
+    case htTimeout:
+      VLOG_INFO("CVantrelClientQueue::waitMessage - WaitMessage Timeout\t");
+      return nullptr;
+    default:
+      return nullptr;
+  }
+}
+
+cTypedMessageObject* CVantrelClientQueue::fetchMessage() {
+  if (isEmpty()) return nullptr;
+  RWCollectable* event = nullptr;
+  // A zero limit tests once: another taker may have emptied the queue meanwhile.
+  if (waitEvent(event, 0) != htEvent) return nullptr;
+  return AsFrame(event);
+}
+
+// ---------------------------------------------------------------------------
+// cVantrelClientObjectImp
+
+cVantrelClientObjectImp::cVantrelClientObjectImp(const char* clientName, cVantrelClientObject* owner)
+    : owner_(owner), clientName_(clientName ? clientName : "") {
+  for (int i = 0; i < 3; ++i)
+    queues_[i] = std::make_unique<CVantrelClientQueue>(i, i == 1 ? kAckQueueCapacity : 0);
+  communicator_ = std::make_unique<CVantrelClientCommunicatorZ1>(this);
+
+  RQEnvContainerClass env;
+  if (const char* value = env.RQEGetEnv("VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT"))
+    ackWaitTimeout_ = std::atoi(value);
+}
+
+cVantrelClientObjectImp::~cVantrelClientObjectImp() {
+  NETTerminate();
+  // NETTerminate has joined the reader, so nothing touches the queues any more.
+  for (auto& queue : queues_) queue.reset();
+  communicator_.reset();
+  DiscardCurrent();
+}
+
+std::string cVantrelClientObjectImp::ClientName() const { return clientName_; }
+
+std::string cVantrelClientObjectImp::GreetingClientName() const {
+  return std::string(greeting_ + kNameOffset, strnlen(greeting_ + kNameOffset, kNameField));
+}
+
+std::string cVantrelClientObjectImp::GreetingHostName() const {
+  return std::string(greeting_ + kHostOffset, strnlen(greeting_ + kHostOffset, kNameField));
+}
+
+unsigned short cVantrelClientObjectImp::GreetingNetPort() const {
+  // The service writes the port in its (and so our) host byte order.
+  unsigned short port = 0;
+  std::memcpy(&port, greeting_, sizeof(port));
+  return port;
+}
+
+bool cVantrelClientObjectImp::IsLocalHost(const std::string& host) const { return host == localHostName_; }
+
+bool cVantrelClientObjectImp::NotValid() {
+  if (IsValid()) return false;
+  SetStatus(kVantrelStatusNotInitialised);
+  return true;
+}
+
+void cVantrelClientObjectImp::DiscardCurrent() {
+  NVSDeleteMsg(currentMessage_);
+  currentMessage_ = nullptr;
+}
+
+bool cVantrelClientObjectImp::NETInit(const char* clientName, unsigned short port) {
+  if (port == 0) {
+    VLOG_INFO("port null");
+    RQEnvContainerClass env;
+    const char* value = env.RQEGetEnv("VANTREL_CLIENT_PORT");
+    const int fromEnv = value ? std::atoi(value) : 0;
+    port = (fromEnv > 0 && fromEnv <= 65535) ? static_cast<unsigned short>(fromEnv) : kDefaultClientPort;
+  }
+  clientPort_ = port;
+
+  for (auto& queue : queues_) queue->InitZ72();
+  SetStatus(kVantrelStatusOk);
+  const char* name = clientName ? clientName : "";
+  const std::size_t nameLength = strnlen(name, kNameField);
+  if (nameLength >= kNameField)
+    VLOG_WARN("cVantrelClientObjectImp::NETInit - client name longer than %d characters cut", kNameField - 1);
+  std::memset(greeting_ + kNameOffset, 0, kNameField);
+  std::memcpy(greeting_ + kNameOffset, name, std::min<std::size_t>(nameLength, kNameField - 1));
+
+  if (!communicator_->Start()) return false;
+
+  cTypedMessageObject* reply = queues_[1]->waitMessage(-1);
+  if (reply == nullptr) {
+    VLOG_WARN("cVantrelClientObjectImp::NETInit - no greeting reply from the service (%s)", clientName_);
+    return false;
+  }
+  if (reply->getLength() < static_cast<std::int32_t>(CVantrelClientCommunicatorZ1::kGreetingSize) ||
+      reply->getData() == nullptr) {
+    VLOG_ERROR("cVantrelClientObjectImp::NETInit - greeting reply of %d bytes refused (%s)", reply->getLength(),
+               clientName_);
+    delete reply;
+    communicator_->Terminate(true);
+    return false;
+  }
+  std::memcpy(greeting_, reply->getData(), CVantrelClientCommunicatorZ1::kGreetingSize);
+  const bool accepted = reply->getType() != 0;
+  delete reply;
+  localHostName_ = GreetingHostName();
+  valid_.store(accepted, std::memory_order_release);
+  if (!accepted) {
+    VLOG_WARN("cVantrelClientObjectImp::NETInit - the service refused the greeting (%s)", clientName_);
+    communicator_->Terminate(true);
+  }
+  return accepted;
+}
+
+bool cVantrelClientObjectImp::sendMessageToVantrel(const cVantrelMessage& record) {
+  if (communicator_->sendMessage(record.getPackedBuf(), record.getPackedBufLen(), record.getType(),
+                                 record.getSubtype()))
+    return true;
+  VLOG_WARN("cVantrelClientObjectImp::sendMessageToVantrel failed");
+  return false;
+}
+
+bool cVantrelClientObjectImp::NETSendMessage(const char* data, unsigned length, const char* address) {
+  if (NotValid()) return false;
+  SetStatus(kVantrelStatusOk);
+  VLOG_DEBUG("cVantrelClientObjectImp::NETSendMessage(data=%s)", LoggedData(data, length));
+  const CVantrelAddress parsed(address ? address : "");
+  if (parsed.ClientName().empty() || parsed.HostName().empty()) return false;
+  return sendMessage(data, length, parsed.ClientName(), parsed.HostName(), QTYPE_CLIENT, ackWaitTimeout_);
+}
+
+bool cVantrelClientObjectImp::sendMessage(const char* data, unsigned length, const std::string& toClient,
+                                          const std::string& toHost, QType qtype, long timeout) {
+  const short type = IsLocalHost(toHost) ? kTypeSend + kLocalOffset : kTypeSend;
+  const std::string fromHost = GreetingHostName();
+  const std::string fromClient = GreetingClientName();
+  const cVantrelMessage record(0, toHost.c_str(), toClient.c_str(), fromHost.c_str(), fromClient.c_str(), qtype,
+                               type, 0, data, length);
+
+  // Whatever waits on queue 1 now answers an earlier send.
+  while (RWCollectable* stale = queues_[1]->get()) delete stale;
+
+  if (!sendMessageToVantrel(record)) {
+    SetStatus(kVantrelStatusSendFailed);
+    VLOG_WARN("cVantrelClientObjectImp::sendMessage(%s) - send error %d", WhoAmIText(), kVantrelStatusSendFailed);
+    return false;
+  }
+
+  cTypedMessageObject* ack = queues_[1]->waitMessage(timeout);
+  if (ack == nullptr) {
+    VLOG_WARN("cVantrelClientObjectImp::sendMessage()\t%s\t%s\t%s\t'%s'", WhoAmIText(), toClient, toHost,
+              LoggedData(data, length));
+    return false;
+  }
+  std::unique_ptr<cVantrelMessage> answer(NVSTmo2Ttm(ack));
+  delete ack;
+  if (answer && answer->isValid() && answer->getType() == kTypeDelivered) return true;
+  SetStatus(kVantrelStatusAckError);
+  VLOG_WARN("cVantrelClientObjectImp::sendMessage(%s) - ack on send error %d", WhoAmIText(), kVantrelStatusAckError);
+  return false;
+}
+
+bool cVantrelClientObjectImp::NETSendMessageNoresponseZ1(const char* data, unsigned length, const char* address) {
+  if (NotValid()) return false;
+  if (length == 0 || data == nullptr || data[0] == 0)
+    VLOG_DEBUG("cVantrelClientObjectImp::NETSendMessageNoresponseZ1 empty data");
+  else
+    VLOG_DEBUG("cVantrelClientObjectImp::NETSendMessageNoresponseZ1(data=%s)", LoggedData(data, length));
+  SetStatus(kVantrelStatusOk);
+  const CVantrelAddress parsed(address ? address : "");
+  if (parsed.ClientName().empty() || parsed.HostName().empty()) return false;
+  const short type = IsLocalHost(parsed.HostName()) ? kTypeNoResponse + kLocalOffset : kTypeNoResponse;
+  const std::string fromHost = GreetingHostName();
+  const std::string fromClient = GreetingClientName();
+  const cVantrelMessage record(0, parsed.HostName().c_str(), parsed.ClientName().c_str(), fromHost.c_str(),
+                               fromClient.c_str(), QTYPE_CLIENT, type, 0, data, length);
+  if (sendMessageToVantrel(record)) return true;
+  SetStatus(kVantrelStatusSendFailed);
+  return false;
+}
+
+bool cVantrelClientObjectImp::NETSendMessageNowait(std::int32_t messageId, const char* data, unsigned length,
+                                                   const char* address) {
+  if (NotValid()) return false;
+  VLOG_DEBUG("cVantrelClientObjectImp::NETSendMessageNowait(id=%d, data=%s)", messageId, LoggedData(data, length));
+  SetStatus(kVantrelStatusOk);
+  const CVantrelAddress parsed(address ? address : "");
+  if (parsed.ClientName().empty() || parsed.HostName().empty()) return false;
+  const short type = IsLocalHost(parsed.HostName()) ? kTypeNoWait + kLocalOffset : kTypeNoWait;
+  const std::string fromHost = GreetingHostName();
+  const std::string fromClient = GreetingClientName();
+  const cVantrelMessage record(static_cast<std::uint32_t>(messageId), parsed.HostName().c_str(),
+                               parsed.ClientName().c_str(), fromHost.c_str(), fromClient.c_str(), QTYPE_CLIENT, type,
+                               0, data, length);
+  if (sendMessageToVantrel(record)) return true;
+  SetStatus(kVantrelStatusSendFailed);
+  VLOG_WARN("cVantrelClientObjectImp::sendMessageNowait(%s) - send failed, error=%d", WhoAmIText(),
+            kVantrelStatusSendFailed);
+  return false;
+}
+
+bool cVantrelClientObjectImp::NETSendMultiMessageZ1(const char* data, unsigned length, const char* addressList) {
+  // Sending to several destinations at once is not offered; the call is kept
+  // for applications that still make it.
+  VLOG_DEBUG("cVantrelClientObjectImp::NETSendMultiMessageZ1(%s) - not supported, nothing sent",
+             addressList ? addressList : "");
+  return true;
+}
+
+bool cVantrelClientObjectImp::NETCopyFile(std::int32_t messageId, const char* data, unsigned length,
+                                          const char* host) {
+  if (NotValid()) return false;
+  SetStatus(kVantrelStatusOk);
+  VLOG_DEBUG("cVantrelClientObjectImp::NETCopyFile(data=%s)", LoggedData(data, length));
+  const CVantrelAddress parsed("NoClient", host ? host : "");
+  if (parsed.HostName().empty()) return false;
+  const std::string fromHost = GreetingHostName();
+  const std::string fromClient = GreetingClientName();
+  const cVantrelMessage record(static_cast<std::uint32_t>(messageId), parsed.HostName().c_str(), "NoClient",
+                               fromHost.c_str(), fromClient.c_str(), QTYPE_CLIENT, kTypeCopyFile, 0, data, length);
+  if (sendMessageToVantrel(record)) return true;
+  SetStatus(kVantrelStatusSendFailed);
+  return false;
+}
+
+const cVantrelMessage* cVantrelClientObjectImp::waitMessage(int queue) {
+  DiscardCurrent();
+  SetStatus(kVantrelStatusOk);
+  cTypedMessageObject* frame = queues_[queue]->waitMessage(-1);
+  if (frame == nullptr) {
+    // Released or turned off: the session is over for this object.
+    valid_.store(false, std::memory_order_release);
+    SetStatus(kVantrelStatusNotInitialised);
+    return nullptr;
+  }
+  currentMessage_ = NVSTmo2Ttm(frame);
+  delete frame;
+  return currentMessage_;
+}
+
+const cVantrelMessage* cVantrelClientObjectImp::NETWaitMessage() {
+  if (NotValid()) return nullptr;
+  return waitMessage(0);
+}
+
+const char* cVantrelClientObjectImp::NETWaitMessageX2() {
+  const cVantrelMessage* record = NETWaitMessage();
+  return record ? record->getData() : nullptr;
+}
+
+const char* cVantrelClientObjectImp::NETFetchMessage() {
+  if (NotValid()) return nullptr;
+  DiscardCurrent();
+  SetStatus(kVantrelStatusOk);
+  cTypedMessageObject* frame = queues_[0]->fetchMessage();
+  if (frame == nullptr) return nullptr;
+  currentMessage_ = NVSTmo2Ttm(frame);
+  delete frame;
+  return currentMessage_ ? currentMessage_->getData() : nullptr;
+}
+
+const char* cVantrelClientObjectImp::NETWhoAmI() {
+  if (NotValid()) return "";
+  SetStatus(kVantrelStatusOk);
+  return WhoAmIText().c_str();
+}
+
+const std::string& cVantrelClientObjectImp::WhoAmIText() {
+  // Built once: later changes of the greeting block do not change who we are.
+  if (whoAmI_.empty()) {
+    whoAmI_ = CVantrelAddress(GreetingClientName(), GreetingHostName()).Address() + gVantrelAddressPortDelimiter() +
+              std::to_string(GreetingNetPort());
+  }
+  return whoAmI_;
+}
+
+const char* cVantrelClientObjectImp::NETLocalHostName() {
+  if (NotValid()) return "";
+  SetStatus(kVantrelStatusOk);
+  return localHostName_.c_str();
+}
+
+bool cVantrelClientObjectImp::NETTurnOff() {
+  for (auto& queue : queues_) queue->TerminateZ72();
+  return true;
+}
+
+bool cVantrelClientObjectImp::NETTurnOn() {
+  for (auto& queue : queues_) queue->InitZ72();
+  return true;
+}
+
+void cVantrelClientObjectImp::NETTerminate() {
+  try {
+    if (valid_.exchange(false, std::memory_order_acq_rel)) {
+      static const char kFarewell[] = "";
+      communicator_->sendMessage(kFarewell, 1, CVantrelClientCommunicatorZ1::kFarewellType, 0);
+      for (auto& queue : queues_) queue->releaseZ72();
+    }
+    // Also for an object that is no longer valid: a wait may have invalidated
+    // it while the connection and its reader still run.
+    communicator_->Terminate(true);
+  } catch (const std::exception& e) {
+    VLOG_ERROR("Exception in NETTerminate: %s", e.what());
+  } catch (...) {
+    VLOG_ERROR("Unknown exception in NETTerminate.");
+  }
+}
+
+void cVantrelClientObjectImp::OnNewFrame(cTypedMessageObject* frame, short subtype) {
+  if (subtype < 0 || subtype > 2) {
+    VLOG_WARN("cVantrelClientObjectImp::OnNewFrame - frame of type %d with subtype %d dropped (%s)",
+              frame->getType(), subtype, clientName_);
+    delete frame;
+    return;
+  }
+  bool accept = true;
+  if (subtype != 1 && owner_ != nullptr) {
+    try {
+      accept = owner_->NewMessageEvent(frame, subtype);
+    } catch (const std::exception& e) {
+      VLOG_ERROR("cVantrelClientObjectImp::OnNewFrame - Exception: %s", e.what());
+      accept = true;
+    } catch (...) {
+      VLOG_ERROR("cVantrelClientObjectImp::OnNewFrame - catch(...)");
+      accept = true;
+    }
+  }
+  // A refused frame now belongs to the hook.
+  if (accept) queues_[subtype]->putMessage(frame);
+}
+
+void cVantrelClientObjectImp::OnReaderEnded() {
+  for (auto& queue : queues_) queue->releaseZ72();
+}
+
+// ---------------------------------------------------------------------------
+// CClientsCollection
+
+CClientsCollection& CClientsCollection::Instance() {
+  // Built when the library is loaded, destroyed when it is unloaded.
+  static CClientsCollection collection;
+  return collection;
+}
+
+CClientsCollection::~CClientsCollection() { Clear(); }
+
+void CClientsCollection::Insert(RWCollectable* entry) {
+  if (entry == nullptr) return;
+  std::lock_guard<std::mutex> guard(mutex_);
+  entries_.insert(entry);
+}
+
+void CClientsCollection::Clear() {
+  std::unordered_set<RWCollectable*> taken;
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    taken.swap(entries_);
+  }
+  for (RWCollectable* entry : taken) delete entry;
+}
+
+std::size_t CClientsCollection::Size() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return entries_.size();
+}

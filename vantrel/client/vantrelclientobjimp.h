@@ -1,0 +1,175 @@
+#pragma once
+// cVantrelClientObjectImp: the work behind every operation of the client API,
+// and CVantrelClientQueue, its receive queues.
+//
+// The implementation registers the process with the local service, builds
+// message records and sends them through its communicator, waits for
+// acknowledgements and incoming messages on three queues and keeps the last
+// status code:
+//   queue 0  incoming messages
+//   queue 1  the greeting reply and acknowledgements (never offered to the hook)
+//   queue 2  second-channel messages that the application's hook accepted
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_set>
+
+#include "vantrel/base/platform/eventqueue.h"
+#include "vantrel/client/vantrelclientcommunicator.h"
+#include "vantrel/message/packmsg.h"
+#include "vantrel/message/typedmsg.h"
+
+class cVantrelClientObject;
+
+// Status codes kept by the implementation.
+enum : int {
+  kVantrelStatusOk = 0,
+  kVantrelStatusNotInitialised = 15005,  // also: a wait that returned no message
+  kVantrelStatusSendFailed = 15007,
+  kVantrelStatusAckError = 15008,
+};
+
+// One receive queue: a platform event queue of cTypedMessageObject.
+// Ownership: owned by one cVantrelClientObjectImp; owns what it holds until it
+// is taken. Threads: the reader thread puts, application threads take; the
+// event queue underneath does the locking.
+class CVantrelClientQueue : public RQPEventQueue {
+ public:
+  // `capacity` 0 means unbounded; otherwise only the newest `capacity` entries
+  // are kept and the oldest is dropped (and logged) to make room.
+  explicit CVantrelClientQueue(int index, std::size_t capacity = 0) : index_(index), capacity_(capacity) {}
+
+  // Queues `message` (owned by the queue from now on; deleted when the queue is
+  // turned off).
+  void putMessage(cTypedMessageObject* message);
+  // Waits up to `milliseconds` (-1: no limit) for the next message. Null on a
+  // time-out (logged), or when the queue is released or turned off.
+  cTypedMessageObject* waitMessage(long milliseconds);
+  // Takes the next message without ever blocking; null when there is none.
+  cTypedMessageObject* fetchMessage();
+
+ private:
+  static cTypedMessageObject* AsFrame(RWCollectable* event);
+
+  const int index_;
+  const std::size_t capacity_;
+};
+
+// Ownership: owned by the cVantrelClientObject that created it in NETInitZ641
+// (its owner, not owned). Owns its communicator, its three queues and the
+// current message.
+// Threads: application threads call the NET operations; the communicator's
+// reader calls OnNewFrame, NETTerminate and OnReaderEnded. Shared between them
+// are the queues (thread-safe), the valid flag and the status (atomic). The
+// current message and the who-am-I text are for one application thread at a
+// time: a record returned by a wait stays valid until that thread's next wait
+// or fetch.
+class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommunicatorOwner {
+ public:
+  static constexpr unsigned short kDefaultClientPort = 9010;
+  static constexpr long kDefaultAckWaitMilliseconds = 60000;
+  // Queue 1 keeps no more than this many entries: acknowledgements of sends
+  // nobody waits for would otherwise pile up there.
+  static constexpr std::size_t kAckQueueCapacity = 1024;
+
+  // Type codes of the records the library sends; a local destination adds 1032.
+  static constexpr short kTypeSend = 2;
+  static constexpr short kTypeNoResponse = 3;
+  static constexpr short kTypeNoWait = 4;
+  static constexpr short kTypeCopyFile = 5;
+  static constexpr short kLocalOffset = 1032;
+  static constexpr short kTypeDelivered = 102;
+
+  cVantrelClientObjectImp(const char* clientName, cVantrelClientObject* owner);
+  // Ends the session, joins the reader, then releases queues, communicator and
+  // the current message.
+  ~cVantrelClientObjectImp() override;
+  cVantrelClientObjectImp(const cVantrelClientObjectImp&) = delete;
+  cVantrelClientObjectImp& operator=(const cVantrelClientObjectImp&) = delete;
+
+  bool NETInit(const char* clientName, unsigned short port);
+  bool NETSendMessage(const char* data, unsigned length, const char* address);
+  bool NETSendMessageNoresponseZ1(const char* data, unsigned length, const char* address);
+  bool NETSendMessageNowait(std::int32_t messageId, const char* data, unsigned length, const char* address);
+  bool NETSendMultiMessageZ1(const char* data, unsigned length, const char* addressList);
+  bool NETCopyFile(std::int32_t messageId, const char* data, unsigned length, const char* host);
+  const cVantrelMessage* NETWaitMessage();
+  const char* NETWaitMessageX2();
+  const char* NETFetchMessage();
+  const char* NETWhoAmI();
+  const char* NETLocalHostName();
+  int NETGetLastStatus() const { return lastStatus_.load(std::memory_order_relaxed); }
+  const char* NETGetLastErrorMessage() const { return lastErrorMessage_.c_str(); }
+  bool NETTurnOn();
+  bool NETTurnOff();
+  // Ends the session: farewell frame, queues released, connection closed and
+  // its reader joined. Never throws.
+  void NETTerminate() override;
+
+  bool IsValid() const { return valid_.load(std::memory_order_acquire); }
+  unsigned short Port() const { return clientPort_; }
+  long AckWaitTimeout() const { return ackWaitTimeout_; }
+  CVantrelClientCommunicatorZ1& Communicator() { return *communicator_; }
+
+  // iVantrelClientCommunicatorOwner
+  unsigned short ClientPort() const override { return clientPort_; }
+  const char* GreetingBlock() const override { return greeting_; }
+  std::string ClientName() const override;
+  void OnNewFrame(cTypedMessageObject* frame, short subtype) override;
+  void OnReaderEnded() override;
+
+  const char* nameOf() const override { return "cVantrelClientObjectImp"; }
+
+ private:
+  bool sendMessage(const char* data, unsigned length, const std::string& toClient, const std::string& toHost,
+                   QType qtype, long timeout);
+  bool sendMessageToVantrel(const cVantrelMessage& record);
+  const cVantrelMessage* waitMessage(int queue);
+  // Greeting block fields; names may fill their field without a terminator.
+  std::string GreetingClientName() const;
+  std::string GreetingHostName() const;
+  unsigned short GreetingNetPort() const;
+  bool IsLocalHost(const std::string& host) const;
+  void SetStatus(int status) { lastStatus_.store(status, std::memory_order_relaxed); }
+  bool NotValid();
+  const std::string& WhoAmIText();
+  void DiscardCurrent();
+
+  cVantrelClientObject* const owner_;
+  std::unique_ptr<CVantrelClientCommunicatorZ1> communicator_;
+  std::atomic<bool> valid_{false};
+  // The name this object registers with; set before the reader starts and
+  // never changed, so the reader may read it for its log lines.
+  const std::string clientName_;
+  std::string lastErrorMessage_;
+  char greeting_[CVantrelClientCommunicatorZ1::kGreetingSize] = {};
+  // Written once by NETInit before the reader starts; read-only afterwards.
+  std::string localHostName_;
+  std::atomic<int> lastStatus_{0};
+  std::unique_ptr<CVantrelClientQueue> queues_[3];
+  cVantrelMessage* currentMessage_ = nullptr;
+  std::string whoAmI_;
+  unsigned short clientPort_ = 0;
+  long ackWaitTimeout_ = kDefaultAckWaitMilliseconds;
+};
+
+// The process-wide clients collection: a set of collectables destroyed by
+// VantrelClientTerminate. It lives from the library's load to its unload.
+// Threads: any; an internal lock guards the set.
+class CClientsCollection {
+ public:
+  static CClientsCollection& Instance();
+  ~CClientsCollection();
+  // Takes ownership of `entry`.
+  void Insert(RWCollectable* entry);
+  // Destroys every entry.
+  void Clear();
+  std::size_t Size() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::unordered_set<RWCollectable*> entries_;
+};
