@@ -1,0 +1,173 @@
+// vantrel: the message bus service of one host. Listens for the host's client
+// processes on the clients port (loopback) and for other hosts' services on the
+// net port, and routes messages between them. Runs in the foreground; SIGINT
+// and SIGTERM stop it in order.
+//
+// Exit codes: 0 stopped by a signal; 1 TLS on without a certificates folder;
+// 2 start-up failed (ports busy, host name unresolvable, bad options);
+// 42 an unrecoverable socket failure (a relaunched successor takes over).
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <pthread.h>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "vantrel/base/log/log.h"
+#include "vantrel/base/socket/streamsocket.h"
+#include "vantrel/base/platform/manualevent.h"
+#include "vantrel/base/platform/thread.h"
+#include "vantrel/service/vantrelclass.h"
+#include "vantrel/supervision/Clock.h"
+
+namespace {
+
+constexpr unsigned short kDefaultClientsPort = 9010;
+constexpr unsigned short kDefaultNetPort = 9011;
+// How long a relaunched service waits for its predecessor's ports.
+constexpr long kRelaunchWaitMs = 30000;
+constexpr long kRelaunchProbeMs = 100;
+constexpr long kLogFlushMs = 200;
+
+class cVantrelService : public CVantrelClass {
+ public:
+  explicit cVantrelService(bool logOnly) { SetReportToLogOnly(logOnly); }
+  void f_Terminate() override { f_TerminateInternal(); }
+};
+
+// True once `port` can be bound again.
+bool PortFree(unsigned short port, c_Socket::tBindScope scope) {
+  try {
+    StreamSocket probe(false, "probe");
+    probe.CreateListenerSocket(port, scope);
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+// A relaunched service starts while its predecessor may still be leaving.
+void WaitForPorts(unsigned short clientsPort, unsigned short netPort) {
+  RQPManualEvent never;
+  for (long waited = 0; waited < kRelaunchWaitMs; waited += kRelaunchProbeMs) {
+    if (PortFree(netPort, c_Socket::eAllAddresses) && PortFree(clientsPort, c_Socket::eLoopbackOnly)) return;
+    never.Wait(kRelaunchProbeMs);
+  }
+  VLOG_WARN("vantrel - ports %d/%d still busy after %ld ms", clientsPort, netPort, kRelaunchWaitMs);
+}
+
+unsigned short DefaultClientsPort() {
+  const char* text = std::getenv("VANTREL_CLIENT_PORT");
+  if (text == nullptr || *text == '\0') return kDefaultClientsPort;
+  char* end = nullptr;
+  const long port = std::strtol(text, &end, 10);
+  if (*end != '\0' || port <= 0 || port > 65535) return kDefaultClientsPort;
+  return static_cast<unsigned short>(port);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CVantrelClass::RememberProcessArguments(argc, argv);
+
+  // The relaunch arguments are not options in CLI11's sense; take them out first.
+  bool waitForPorts = false;
+  bool silent = false;
+  std::vector<std::string> args;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "/w" || arg == "/W") {
+      waitForPorts = true;
+    } else if (arg == "/s" || arg == "/S") {
+      silent = true;
+    } else {
+      args.push_back(arg);
+    }
+  }
+
+  CLI::App app{"vantrel - the message bus service of this host"};
+  unsigned short clientsPort = DefaultClientsPort();
+  unsigned short netPort = kDefaultNetPort;
+  std::string config;
+  std::string logLevel;
+  std::string logFile;
+  app.add_option("--clients-port", clientsPort, "port of the local clients (default 9010 or VANTREL_CLIENT_PORT)");
+  app.add_option("--net-port", netPort, "port of the other hosts' services (default 9011)");
+  app.add_option("--config", config, "the settings file (instead of the usual search for Vantrel.ini)");
+  app.add_option("--log-level", logLevel, "trace, debug, info, warning, error, critical or off (default info)");
+  app.add_option("--log-file", logFile, "write the log to this file instead of standard error");
+  app.footer("Relaunch arguments: /w waits for the previous instance's ports, /s reports start-up errors to the log only.");
+  std::reverse(args.begin(), args.end());
+  try {
+    app.parse(args);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e) == 0 ? 0 : 2;
+  }
+
+  if (logLevel.empty()) {
+    const char* env = std::getenv("VANTREL_LOG_LEVEL");
+    logLevel = env != nullptr && *env != '\0' ? env : "info";
+  }
+  if (logFile.empty()) {
+    const char* env = std::getenv("VANTREL_LOG_FILE");
+    if (env != nullptr) logFile = env;
+  }
+  tQXLogMessageSeverity parsed;
+  if (!vantrel::log::ParseLevel(logLevel, parsed)) {
+    std::fprintf(stderr, "vantrel: unknown log level '%s'\n", logLevel.c_str());
+    return 2;
+  }
+  vantrel::log::Configure(logLevel, logFile);
+  // Must be set before the settings are read for the first time.
+  if (!config.empty()) setenv("VANTREL_INI", config.c_str(), 1);
+
+  // Signals are taken by a waiting thread, not a handler: block them here so
+  // that every thread started later inherits the mask.
+  std::signal(SIGPIPE, SIG_IGN);
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+  nClock::gActivateProcess();
+  if (waitForPorts) WaitForPorts(clientsPort, netPort);
+
+  // The log writes warnings through at once; everything else is pushed out
+  // here a few times a second, so that a file shows the service's progress.
+  RQPManualEvent stopFlushing;
+  vantrel::platform::cThread flusher;
+  flusher.Start(
+      [&stopFlushing] {
+        while (stopFlushing.Wait(kLogFlushMs) == 0) vantrel::log::Flush();
+      },
+      "VTLogFlush", "vantrel:LogFlusher");
+
+  int status = 0;
+  {
+    cVantrelService service(silent);
+    service.SetClientsPortZ5181(clientsPort);
+    service.SetNetPortZ5181(netPort);
+    if (!service.vInitZ1()) {
+      VLOG_ERROR("vantrel - start-up failed (clients port %d, net port %d)", clientsPort, netPort);
+      service.f_TerminateZ2();
+      status = 2;
+    } else {
+      VLOG_INFO("vantrel ready: clients port %d, net port %d, host %s", service.GetClientsPortZ5181(),
+                service.GetNetPortZ5181(), service.GetAddressHostText());
+      vantrel::log::Flush();
+      int signal = 0;
+      sigwait(&stopSignals, &signal);
+      VLOG_INFO("vantrel - signal %d, stopping", signal);
+      service.f_TerminateZ2();
+      VLOG_INFO("vantrel - stopped");
+    }
+  }
+  stopFlushing.Set();
+  flusher.Join();
+  vantrel::log::Flush();
+  return status;
+}

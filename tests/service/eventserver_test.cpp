@@ -1,0 +1,125 @@
+#include "vantrel/service/vantreleventserver.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "tests/service/servicefakes.h"
+#include "vantrel/service/vantrelclientinstance.h"
+
+namespace vantrel::test {
+namespace {
+
+VantrelHostEvent* HostMessage(const char* host, const char* text) {
+  return new VantrelHostEvent(7, host, "peer", "me~1", "sender", QTYPE_CLIENT, 2, 0, text,
+                              static_cast<long>(std::strlen(text) + 1));
+}
+
+VantrelClientEvent* ClientMessage(const char* client) {
+  return new VantrelClientEvent(1, "", client, "", "", QTYPE_CLIENT, 1034, 0, "x", 2);
+}
+
+class EventServerTest : public ::testing::Test {
+ protected:
+  CVantrelEventServer server{nullptr};
+  std::vector<std::unique_ptr<FakeHostLink>> links;
+  int linksMade = 0;
+
+  void SetUp() override {
+    server.setLinkFactory([this](const std::string& host) -> iVantrelHostLink* {
+      ++linksMade;
+      // Registers itself while dispatchHostEvent holds the lock.
+      links.push_back(std::make_unique<FakeHostLink>(&server, host));
+      return links.back().get();
+    });
+  }
+};
+
+TEST_F(EventServerTest, FirstMessageToAHostOpensALinkAndLaterOnesReuseIt) {
+  ASSERT_TRUE(server.dispatchHostEvent(HostMessage("peer~9011", "one")));
+  ASSERT_TRUE(server.dispatchHostEvent(HostMessage("peer~9011", "two")));
+  ASSERT_TRUE(server.dispatchHostEvent(HostMessage("other~9011", "three")));
+
+  EXPECT_EQ(linksMade, 2);
+  ASSERT_EQ(links.size(), 2u);
+  EXPECT_EQ(links[0]->eventQueue().size(), 2u);
+  EXPECT_EQ(links[1]->eventQueue().size(), 1u);
+  EXPECT_EQ(server.hostCount(), 2u);
+}
+
+TEST_F(EventServerTest, HostEventIsKeptByTheCallerWhenNoLinkCanBeMade) {
+  server.setLinkFactory([](const std::string&) -> iVantrelHostLink* { return nullptr; });
+  std::unique_ptr<VantrelHostEvent> event(HostMessage("nowhere", "lost"));
+  EXPECT_FALSE(server.dispatchHostEvent(event.get()));
+}
+
+TEST_F(EventServerTest, NewestRegistrationWinsAndRemovalGoesByIdentity) {
+  FakeClientLink olderLink("older");
+  FakeClientLink newerLink("newer");
+  VantrelClientInstance older("alice", &olderLink, &server);
+  VantrelClientInstance newer("alice", &newerLink, &server);
+
+  ASSERT_TRUE(server.dispatchClientEvent(ClientMessage("alice")));
+  EXPECT_EQ(newerLink.eventQueue().size(), 1u);
+  EXPECT_EQ(olderLink.eventQueue().size(), 0u);
+
+  // Removing the stale registration must not take the newer one away.
+  server.removeClient(&older);
+  ASSERT_TRUE(server.dispatchClientEvent(ClientMessage("alice")));
+  EXPECT_EQ(newerLink.eventQueue().size(), 2u);
+
+  server.removeClient(&newer);
+  std::unique_ptr<VantrelClientEvent> unrouted(ClientMessage("alice"));
+  EXPECT_FALSE(server.dispatchClientEvent(unrouted.get()));
+  EXPECT_EQ(server.clientCount(), 0u);
+  // Removing again is harmless.
+  server.removeClient(&newer);
+}
+
+TEST_F(EventServerTest, KeysDifferingInCaseAreDifferentClients) {
+  FakeClientLink link("a");
+  VantrelClientInstance instance("Alice", &link, &server);
+  std::unique_ptr<VantrelClientEvent> event(ClientMessage("alice"));
+  EXPECT_FALSE(server.dispatchClientEvent(event.get()));
+  server.removeClient(&instance);
+}
+
+TEST_F(EventServerTest, CleanUpStopsEveryHostBeforeAnyClient) {
+  TerminationLog log;
+  FakeClientLink linkA("a", &log);
+  FakeClientLink linkB("b", &log);
+  VantrelClientInstance a("a", &linkA, &server);
+  FakeHostLink hostX(&server, "x~1", &log);
+  VantrelClientInstance b("b", &linkB, &server);
+  FakeHostLink hostY(&server, "y~1", &log);
+
+  // The hosts' Terminate calls removeHost, as a real link's does.
+  server.cleanUp();
+
+  ASSERT_EQ(log.entries.size(), 4u);
+  EXPECT_EQ(log.entries[0].rfind("host:", 0), 0u);
+  EXPECT_EQ(log.entries[1].rfind("host:", 0), 0u);
+  EXPECT_EQ(log.entries[2].rfind("client:", 0), 0u);
+  EXPECT_EQ(log.entries[3].rfind("client:", 0), 0u);
+  EXPECT_EQ(hostX.terminations, 1);
+  EXPECT_EQ(hostY.terminations, 1);
+  // Clients are detached with a join of their connection's threads.
+  EXPECT_EQ(linkA.terminations, 1);
+  EXPECT_TRUE(linkA.lastWait);
+  EXPECT_EQ(server.clientCount(), 0u);
+  EXPECT_EQ(server.hostCount(), 0u);
+  EXPECT_EQ(server.registrationCount(), 0u);
+
+  // Nothing is left to route to.
+  std::unique_ptr<VantrelClientEvent> event(ClientMessage("a"));
+  EXPECT_FALSE(server.dispatchClientEvent(event.get()));
+
+  // A second clean-up finds empty tables.
+  server.cleanUp();
+  EXPECT_EQ(log.entries.size(), 4u);
+}
+
+}  // namespace
+}  // namespace vantrel::test

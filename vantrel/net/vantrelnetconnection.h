@@ -1,0 +1,176 @@
+#pragma once
+// The service's connections.
+//
+//   CVantrelClientConnection  the service end of one local client's socket: a
+//       reader ("VTClntRdr") that answers the greeting, creates the client's
+//       VantrelClientInstance and hands it every later message, and a writer
+//       ("VTClnWrtr") that sends what is queued for the client.
+//   CVantrelHostConnection    a link to another host's service, outgoing (made
+//       by the event server for a host text) or incoming (accepted on the net
+//       port). Reader "VTHstRdr", writer "VTHstWrtr". Frames on a link carry
+//       the protocol version marker as their subtype; a record's own subtype
+//       travels inside its packed buffer.
+//
+// Ownership: every connection belongs to the service's connection keeper, which
+// joins and deletes it after it has terminated. A client connection owns its
+// client instance. Both own their socket; terminating a connection only shuts
+// the socket down, and the descriptor is closed by the destructor after every
+// thread that used it has been joined.
+// Threads: the connection's own threads, plus any thread that calls Terminate
+// (the event server's cleanUp, the keeper, a client instance) or posts an event
+// (any dispatching thread, under the event server's lock). Terminate takes the
+// termination lock only for its first part and calls the event server and the
+// keeper after releasing it.
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <mutex>
+#include <string>
+
+#include "vantrel/base/platform/eventqueue.h"
+#include "vantrel/base/platform/manualevent.h"
+#include "vantrel/base/platform/thread.h"
+#include "vantrel/base/socket/streamsocket.h"
+#include "vantrel/message/vantrelevents.h"
+#include "vantrel/service/vantrellinks.h"
+#include "vantrel/support/sync.h"
+
+class CVantrelClass;
+class VantrelClientInstance;
+
+namespace nVantrelLink {
+// Subtype of every frame on a host link.
+inline constexpr short kVersionMarker = 0x7F04;
+inline constexpr short kHostName = 203;
+inline constexpr short kPing = 104;
+inline constexpr short kFileRequest = 6;
+inline constexpr short kFileTraffic = 7;
+inline constexpr short kGreeting = 1029;
+inline constexpr std::uint32_t kGreetingSize = 258;
+inline constexpr std::uint32_t kGreetingNameOffset = 2;
+inline constexpr std::uint32_t kGreetingHostOffset = 130;
+inline constexpr std::uint32_t kGreetingFieldSize = 128;
+inline constexpr const char* kLinkBrokeText = "Connection to host broke.";
+}  // namespace nVantrelLink
+
+class CVantrelClientConnection : public iVantrelClientLink {
+ public:
+  using cSocketHandle = nCommunication::nSocket::nImplementation_sho::cSocketHandle;
+
+  // Takes over an accepted socket. Start runs the reader.
+  CVantrelClientConnection(cSocketHandle&& accepted, CVantrelClass* service);
+  // Deletes the client instance; the threads must have been joined (Terminate(true)).
+  ~CVantrelClientConnection() override;
+  CVantrelClientConnection(const CVantrelClientConnection&) = delete;
+  CVantrelClientConnection& operator=(const CVantrelClientConnection&) = delete;
+
+  const char* nameOf() const override { return "CVantrelClientConnection"; }
+
+  void Start();
+  void Terminate(bool wait) override;
+
+ private:
+  void StartReader();
+  void StartWriter();
+  void doReading();
+  void doWriting();
+  // Answers the greeting and creates the client instance. False ends the reader.
+  bool greet(char* data, unsigned length, short type);
+  std::string clientName();
+
+  vantrel::platform::cThread reader_;
+  vantrel::platform::cThread writer_;
+  RQPMutex lock_;
+  StreamSocket socket_;
+  bool registered_ = false;
+  bool terminated_ = false;
+  CVantrelClass* service_;
+  std::string clientName_;  // guarded by lock_
+  VantrelClientInstance* instance_ = nullptr;  // guarded by lock_; owned
+  const int port_;  // the socket's peer port, for log lines
+};
+
+class CVantrelHostConnection : public iVantrelHostLink {
+ public:
+  using cSocketHandle = nCommunication::nSocket::nImplementation_sho::cSocketHandle;
+  using cTlsConnectionState = nCommunication::nSocket::nImplementation_sho::cTlsConnectionState;
+
+  // What a link needs to know about TLS.
+  struct cTlsChoice {
+    bool useOpenSsl = false;
+    bool verifyServerCertificate = false;
+    bool verifyClientCertificate = false;
+    std::string certificatesPath;
+  };
+
+  // Outgoing: registers itself with the event server under `hostText` (the
+  // caller may hold the server's lock). Start runs the writer, which connects.
+  CVantrelHostConnection(const std::string& hostText, CVantrelClass* service, const cTlsChoice& tls);
+  // Incoming: takes over an accepted socket. Start runs the reader, which runs
+  // the TLS handshake when there is one and waits for the host-name message.
+  CVantrelHostConnection(cSocketHandle&& accepted, cTlsConnectionState tlsState, CVantrelClass* service,
+                         const cTlsChoice& tls);
+  ~CVantrelHostConnection() override;
+  CVantrelHostConnection(const CVantrelHostConnection&) = delete;
+  CVantrelHostConnection& operator=(const CVantrelHostConnection&) = delete;
+
+  const char* nameOf() const override { return "CVantrelHostConnection"; }
+  std::string HostText() const override;
+
+  void Start();
+  void Terminate(bool wait) override;
+
+  // Seconds of silence after which the writer sends a ping: the value of
+  // VANTREL_INTERNAL_PING_TIMEOUT_SECONDS when set (at least 1), else 120.
+  static long PingTimeoutSeconds();
+
+ private:
+  // A request sent on the link whose answer has not come back yet.
+  struct cPending {
+    std::uint32_t messageId;
+    short type;
+    std::string toHost, toClient, fromHost, fromClient;
+  };
+
+  void StartReader();
+  void StartWriter();
+  void doReading();
+  void doWriting();
+  bool connectToPeer();
+  bool receiveHandshake();
+  void dispatchReceived(short type, const char* data, unsigned length);
+  void deliverForward(short type, const char* data, unsigned length);
+  void deliverAnswer(short type, short subtype, const char* data, unsigned length);
+  int post(BaseEvent* event);
+  void queueOwn(VantrelHostEvent* event);
+  bool sendEvent(VantrelHostEvent* event);
+  // "Connection to host broke." for a type 2 or 4 request that will never be answered.
+  void answerBroken(std::uint32_t messageId, short type, const char* toHost, const char* toClient,
+                    const char* fromHost, const char* fromClient);
+  void breakLink();
+  [[noreturn]] void restartProcess(const char* what);
+
+  // Copy requests of local clients for the peer (type 5).
+  void postFileRequest(VantrelHostEvent* event);
+  // The peer's copy request (type 6) and its chunk traffic (type 7).
+  void onFileRequest(const char* data, unsigned length);
+  void onFileTraffic(const char* data, unsigned length);
+
+  const bool outgoing_;
+  mutable std::mutex hostMutex_;
+  std::string host_;  // guarded by hostMutex_
+  vantrel::platform::cThread reader_;
+  vantrel::platform::cThread writer_;
+  RQPEventQueue outgoing_queue_;
+  RQPMutex lock_;  // termination lock
+  StreamSocket socket_;
+  RQPManualEvent connectedEvent_;
+  std::atomic<bool> connected_{false};
+  bool terminated_ = false;  // guarded by lock_
+  CVantrelClass* service_;
+  cTlsChoice tls_;
+  std::atomic<double> lastActivity_;
+  int postHandler_ = 0;
+  std::mutex pendingMutex_;
+  std::list<cPending> pending_;  // guarded by pendingMutex_
+};

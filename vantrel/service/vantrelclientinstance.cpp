@@ -1,0 +1,133 @@
+#include "vantrel/service/vantrelclientinstance.h"
+
+#include <cstring>
+
+#include "vantrel/base/log/log.h"
+#include "vantrel/service/vantreleventserver.h"
+
+namespace {
+constexpr const char* kClientDispatchText = "Error dispatching client event";
+constexpr const char* kHostDispatchText = "Error dispatching host event";
+constexpr const char* kNoFileTransferText = "file transfer is not available";
+}  // namespace
+
+VantrelClientInstance::VantrelClientInstance(const std::string& name, iVantrelClientLink* connection,
+                                             CVantrelEventServer* server)
+    : name_(name), connection_(connection), server_(server) {
+  VLOG_INFO("VantrelClientInstance::VantrelClientInstance(%s)", name_);
+  const int handler = signOn([this](BaseEvent* event) { return deliver(event); });
+  if (server_ != nullptr) server_->registerClientEvent(name_.c_str(), this, handler);
+}
+
+VantrelClientInstance::~VantrelClientInstance() = default;
+
+int VantrelClientInstance::deliver(BaseEvent* event) {
+  iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
+  if (connection == nullptr) {
+    delete event;
+    return 0;
+  }
+  // A terminated queue deletes what it refuses.
+  return connection->eventQueue().putEvent(event) ? 1 : 0;
+}
+
+void VantrelClientInstance::reply(std::uint32_t messageId, QType qtype, short type, short subtype,
+                                  const char* text) {
+  iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
+  if (connection == nullptr) return;
+  auto* answer = new VantrelClientEvent(static_cast<long>(messageId), "", "", "", "", qtype, type, subtype, text,
+                                        static_cast<long>(std::strlen(text) + 1));
+  connection->eventQueue().putEvent(answer);
+}
+
+bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length, short type, short subtype) {
+  switch (type) {
+    case kSend:
+    case kSendNoResponse:
+    case kSendNoWait:
+    case kFileCopy:
+      routeToHost(data, length, type, subtype);
+      return true;
+    case kFarewell: {
+      VLOG_INFO("VantrelClientInstance::handleMessage(%s) - farewell", name_);
+      iVantrelClientLink* connection = connection_.exchange(nullptr, std::memory_order_acq_rel);
+      if (connection != nullptr) connection->Terminate(false);
+      detach();
+      return false;
+    }
+    case kSend + kLocalOffset:
+    case kSendNoResponse + kLocalOffset:
+    case kSendNoWait + kLocalOffset:
+      routeToClient(data, length, type, subtype, type);
+      return true;
+    case kFileCopy + kLocalOffset:
+      localFileCopy(data, length, type, subtype);
+      return true;
+    case kIgnored:
+      return true;
+    default:
+      VLOG_WARN("VantrelClientInstance::handleMessage(%s) - unknown message type %d dropped", name_, type);
+      return true;
+  }
+}
+
+void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, short type, short subtype) {
+  auto* event = new VantrelHostEvent(data, static_cast<long>(length), type, subtype);
+  if (!event->isValid()) {
+    // Logged by the record itself; there is nobody to answer.
+    VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed record of type %d dropped", name_, type);
+    delete event;
+    return;
+  }
+  if (server_ != nullptr && type != kFileCopy && server_->isLocalHost(event->getToHost())) {
+    // Addressed to this very service by its host text: no link to itself.
+    delete event;
+    routeToClient(data, length, type, subtype, static_cast<short>(type + kLocalOffset));
+    return;
+  }
+  const std::uint32_t messageId = event->getMessageId();
+  if (server_ != nullptr && server_->dispatchHostEvent(event)) return;
+  delete event;
+  if (type == kSendNoResponse) return;
+  reply(messageId, type == kSendNoWait ? QTYPE_ASYNC : QTYPE_SYNC, kNotDelivered, 0, kHostDispatchText);
+}
+
+void VantrelClientInstance::routeToClient(const char* data, std::uint32_t length, short type, short subtype,
+                                          short kind) {
+  // The record keeps the type its sender gave it; `kind` is the local kind.
+  auto* event = new VantrelClientEvent(data, static_cast<long>(length), type, subtype);
+  if (!event->isValid()) {
+    VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed record of type %d dropped", name_, type);
+    delete event;
+    return;
+  }
+  const std::uint32_t messageId = event->getMessageId();
+  const bool delivered = server_ != nullptr && server_->dispatchClientEvent(event);
+  if (!delivered) delete event;
+  if (kind == kSendNoResponse + kLocalOffset) return;
+  // A delivered answer travels on the acknowledgement subtype so that it ends the
+  // sender's wait; a failure arrives with the ordinary messages. The text does not
+  // tell success: the type does.
+  reply(messageId, kind == kSendNoWait + kLocalOffset ? QTYPE_ASYNC : QTYPE_SYNC,
+        delivered ? kDelivered : kNotDelivered, delivered ? 1 : 0, kClientDispatchText);
+}
+
+void VantrelClientInstance::localFileCopy(const char* data, std::uint32_t length, short type, short subtype) {
+  cVantrelMessage request(data, length, type, subtype);
+  VLOG_WARN("VantrelClientInstance::localFileCopy(%s) - file transfer is not available", name_);
+  reply(request.isValid() ? request.getMessageId() : 0, QTYPE_ASYNC, kNotDelivered, 0, kNoFileTransferText);
+}
+
+void VantrelClientInstance::detach() {
+  if (detached_.exchange(true)) return;
+  if (server_ != nullptr) server_->removeClient(this);
+  iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
+  if (connection != nullptr) connection->Terminate(true);
+}
+
+void VantrelClientInstance::print(std::ostream& out) const { out << nameOf() << " Named: " << name_ << "\n"; }
+
+std::ostream& operator<<(std::ostream& out, const VantrelClientInstance& instance) {
+  instance.print(out);
+  return out;
+}

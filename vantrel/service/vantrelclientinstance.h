@@ -1,0 +1,72 @@
+#pragma once
+// VantrelClientInstance: one local client process inside the service. Routes
+// every message its client sends (as a client event for a local destination,
+// as a host event for another host), answers the client where the protocol
+// wants an answer, and receives for its client every event the event server
+// delivers under the client's name.
+//
+// Owner: the client connection that created it after the greeting (deleted with
+// that connection). Refers to, without owning, its connection and the event
+// server.
+// Threads: handleMessage runs on the connection's reader; the delivery handler
+// runs on any dispatching thread under the event server's lock and only queues;
+// detach runs on the reader (farewell) or the main thread (cleanUp).
+#include <atomic>
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+#include "vantrel/base/events/events.h"
+#include "vantrel/message/vantrelevents.h"
+#include "vantrel/service/vantrellinks.h"
+
+class CVantrelEventServer;
+
+class VantrelClientInstance : public ClientObj {
+ public:
+  // Message kinds a client sends (remote kinds; local kinds add kLocalOffset).
+  static constexpr short kSend = 2;
+  static constexpr short kSendNoResponse = 3;
+  static constexpr short kSendNoWait = 4;
+  static constexpr short kFileCopy = 5;
+  static constexpr short kLocalOffset = 1032;
+  static constexpr short kFarewell = 1033;
+  static constexpr short kIgnored = 1044;
+  static constexpr short kDelivered = 102;
+  static constexpr short kNotDelivered = 103;
+
+  // Registers itself with `server` under `name`.
+  VantrelClientInstance(const std::string& name, iVantrelClientLink* connection, CVantrelEventServer* server);
+  ~VantrelClientInstance() override;
+  VantrelClientInstance(const VantrelClientInstance&) = delete;
+  VantrelClientInstance& operator=(const VantrelClientInstance&) = delete;
+
+  const char* nameOf() const override { return "VantrelClientInstance"; }
+  const std::string& name() const { return name_; }
+
+  // One typed message from the client (data is the record's packed buffer).
+  // False when the client has said farewell: the connection stops reading.
+  bool handleMessage(const char* data, std::uint32_t length, short type, short subtype);
+
+  // Leaves the event server and terminates the connection, joining its threads
+  // (unless called on one of them). Idempotent.
+  void detach();
+
+  void print(std::ostream& out) const;
+
+ private:
+  int deliver(BaseEvent* event);
+  void routeToHost(const char* data, std::uint32_t length, short type, short subtype);
+  void routeToClient(const char* data, std::uint32_t length, short type, short subtype, short kind);
+  // The client asked for a file copy on this host; answered with a copy result.
+  void localFileCopy(const char* data, std::uint32_t length, short type, short subtype);
+  void reply(std::uint32_t messageId, QType qtype, short type, short subtype, const char* text);
+
+  const std::string name_;
+  // Cleared by the farewell so that nothing is queued on a departing connection.
+  std::atomic<iVantrelClientLink*> connection_;
+  CVantrelEventServer* server_;
+  std::atomic<bool> detached_{false};
+};
+
+std::ostream& operator<<(std::ostream& out, const VantrelClientInstance& instance);

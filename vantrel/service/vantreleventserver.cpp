@@ -1,0 +1,125 @@
+#include "vantrel/service/vantreleventserver.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "vantrel/base/log/log.h"
+#include "vantrel/service/vantrelclass.h"
+#include "vantrel/service/vantrelclientinstance.h"
+
+CVantrelEventServer::CVantrelEventServer(CVantrelClass* owner) : ServerObj(37), owner_(owner) {
+  if (owner_ != nullptr) {
+    linkFactory_ = [owner](const std::string& hostText) { return owner->CreateOutgoingHostLink(hostText); };
+  }
+}
+
+CVantrelEventServer::~CVantrelEventServer() = default;
+
+void CVantrelEventServer::setLinkFactory(tLinkFactory factory) {
+  RQPMutexGuard guard(lock_);
+  linkFactory_ = std::move(factory);
+}
+
+void CVantrelEventServer::registerClientEvent(const char* name, VantrelClientInstance* instance, int value) {
+  VLOG_INFO("CVantrelEventServer::registerClientEvent");
+  RQPMutexGuard guard(lock_);
+  clients_.push_back(instance);
+  auto* key = new VantrelClientEvent(name, instance, value);
+  if (!registerEvent(key)) {
+    VLOG_ERROR("CVantrelEventServer::registerClientEvent - registration of client %s refused", name);
+    delete key;
+  }
+}
+
+void CVantrelEventServer::registerHostEvent(const char* name, iVantrelHostLink* link, int value) {
+  VLOG_INFO("CVantrelEventServer::registerHostEvent");
+  RQPMutexGuard guard(lock_);
+  hosts_.push_back(link);
+  auto* key = new VantrelHostEvent(name, link, value);
+  if (!registerEvent(key)) {
+    VLOG_ERROR("CVantrelEventServer::registerHostEvent - registration of host %s refused", name);
+    delete key;
+  }
+}
+
+void CVantrelEventServer::removeClient(VantrelClientInstance* instance) {
+  RQPMutexGuard guard(lock_);
+  unRegisterClient(instance);
+  auto it = std::find(clients_.begin(), clients_.end(), instance);
+  if (it != clients_.end()) {
+    VLOG_INFO("CVantrelEventServer::removeClient - Removing client %s", instance->name());
+    clients_.erase(it);
+  }
+}
+
+void CVantrelEventServer::removeHost(iVantrelHostLink* link) {
+  RQPMutexGuard guard(lock_);
+  unRegisterClient(link);
+  auto it = std::find(hosts_.begin(), hosts_.end(), link);
+  if (it != hosts_.end()) {
+    VLOG_INFO("CVantrelEventServer::removeHost - Removing host %s", link->HostText());
+    hosts_.erase(it);
+  }
+}
+
+bool CVantrelEventServer::dispatchClientEvent(VantrelClientEvent* event) {
+  if (event == nullptr) return false;
+  RQPMutexGuard guard(lock_);
+  return dispatchEvent(event);
+}
+
+bool CVantrelEventServer::dispatchHostEvent(VantrelHostEvent* event) {
+  if (event == nullptr) return false;
+  RQPMutexGuard guard(lock_);
+  if (dispatchEvent(event)) return true;
+  const std::string host = event->getToHost();
+  VLOG_INFO("CVantrelEventServer::dispatchHostEvent, Creating new CVantrelHostConnection(%s)", host);
+  if (!linkFactory_) {
+    VLOG_ERROR("CVantrelEventServer::dispatchHostEvent - no way to open a link to %s", host);
+    return false;
+  }
+  // The new link registers itself under the host text on this thread, while the
+  // lock is held, so the second look-up finds it.
+  iVantrelHostLink* link = linkFactory_(host);
+  if (link == nullptr) return false;
+  if (dispatchEvent(event)) return true;
+  VLOG_ERROR("CVantrelEventServer::dispatchHostEvent - new link to %s did not register", host);
+  return false;
+}
+
+void CVantrelEventServer::cleanUp() {
+  std::vector<iVantrelHostLink*> hosts;
+  std::vector<VantrelClientInstance*> clients;
+  {
+    RQPMutexGuard guard(lock_);
+    hosts.swap(hosts_);
+    clients.swap(clients_);
+    for (auto* link : hosts) unRegisterClient(link);
+    for (auto* instance : clients) unRegisterClient(instance);
+  }
+  // Terminating joins the objects' threads, which may be waiting for this very
+  // lock (a reader dispatching), so it runs outside it.
+  for (auto* link : hosts) {
+    VLOG_INFO("CVantrelEventServer::cleanUp - Removing host %s", link->HostText());
+    link->Terminate(true);
+  }
+  for (auto* instance : clients) {
+    VLOG_INFO("CVantrelEventServer::cleanUp - Removing client %s", instance->name());
+    instance->detach();
+  }
+}
+
+bool CVantrelEventServer::isLocalHost(const char* host) const {
+  if (owner_ == nullptr || host == nullptr) return false;
+  return owner_->GetHostName() == host || owner_->GetAddressHostText() == host;
+}
+
+std::size_t CVantrelEventServer::clientCount() {
+  RQPMutexGuard guard(lock_);
+  return clients_.size();
+}
+
+std::size_t CVantrelEventServer::hostCount() {
+  RQPMutexGuard guard(lock_);
+  return hosts_.size();
+}
