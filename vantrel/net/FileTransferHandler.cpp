@@ -199,7 +199,7 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
   bool stopped = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    stopped = stopRequested_;
+    stopped = stopRequested_ || receiveAborted_;
     if (!stopped) {
       receiving_ = true;
       // Anything left from an earlier transfer is stale.
@@ -305,7 +305,10 @@ void CFileTransferHandler::HandleFileEvent(const char* data, unsigned length, sh
     case kAbort: {
       delete event;
       VLOG_INFO("CFileTransferHandler::HandleFileEvent - the sender aborts");
-      AbortReceive();
+      std::lock_guard<std::mutex> lock(mutex_);
+      receiving_ = false;
+      chunks_.TerminateZ72();
+      cond_.notify_all();
       return;
     }
     case kFinal: {
@@ -359,7 +362,13 @@ void CFileTransferHandler::Stop() {
 
 void CFileTransferHandler::AbortReceive() {
   std::lock_guard<std::mutex> lock(mutex_);
+  receiveAborted_ = true;
   receiving_ = false;
   chunks_.TerminateZ72();
   cond_.notify_all();
+}
+
+void CFileTransferHandler::ArmReceive() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  receiveAborted_ = false;
 }

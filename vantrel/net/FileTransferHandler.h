@@ -84,8 +84,11 @@ class CFileTransferHandler {
   // wakes every waiter. Later transfers on this handler end at once.
   void Stop();
   // Ends a receive in progress (its partial file is deleted), as the sender's
-  // abort does. Used when the link restarts its file reader.
+  // abort does, and makes a receive that has not yet begun end at once. Used
+  // when the link restarts its file reader.
   void AbortReceive();
+  // Lets the next ReceiveFile run after an AbortReceive.
+  void ArmReceive();
 
   // How long ReceiveFile waits for the next chunk; shortened by tests.
   void SetChunkWaitMs(long milliseconds) { chunkWaitMs_ = milliseconds; }
@@ -117,6 +120,7 @@ class CFileTransferHandler {
   bool sending_ = false;
   bool receiving_ = false;
   bool stopRequested_ = false;
+  bool receiveAborted_ = false;
   RQPEventQueue chunks_;
   int finalState_ = 0;
 
