@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "support/testutil.h"
+#include "tests/support/testutil.h"
 
 namespace {
 
@@ -271,6 +271,7 @@ TEST(FileTransferHandlerReceive, FailuresLeaveNoFile) {
     CFileTransferHandler handler(&link);
     handler.SetChunkWaitMs(50);
     auto received = std::async(std::launch::async, [&] { return handler.ReceiveFile(destination, Request()); });
+    EXPECT_EQ(link.data(0), "A");
     Feed(handler, std::string("x") + 'B');
     EXPECT_EQ(received.get(), 4);
     EXPECT_EQ(link.data(2), "4F");

@@ -43,9 +43,13 @@ void CFileTransferHandler::post(const cVantrelMessage& request, bool back, const
   link_->PostFileEvent(event);
 }
 
-void CFileTransferHandler::takeCredit() {
-  std::unique_lock<std::mutex> lock(mutex_);
+void CFileTransferHandler::reserveCredit() {
+  std::lock_guard<std::mutex> lock(mutex_);
   if (credits_ > 0) --credits_;
+}
+
+void CFileTransferHandler::awaitCredit() {
+  std::unique_lock<std::mutex> lock(mutex_);
   cond_.wait(lock, [this] { return !(sending_ && credits_ == 0); });
 }
 
@@ -109,8 +113,9 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     credits_ = 1;
     window_ = 1;
   }
+  reserveCredit();
   post(request, false, dstPath.c_str(), static_cast<unsigned>(dstPath.size() + 1), kFileRequest);
-  takeCredit();
+  awaitCredit();
 
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -132,8 +137,9 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     }
     const bool last = std::feof(file) != 0;
     readBuffer_[count] = last ? kLastChunk : kChunk;
+    reserveCredit();
     post(request, false, readBuffer_.data(), static_cast<unsigned>(count + 1), kFileTraffic);
-    takeCredit();
+    awaitCredit();
     if (last) {
       waitForWindow();
       finished = true;
@@ -183,7 +189,8 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
   }
   if (state == kStopped) {
     std::lock_guard<std::mutex> lock(mutex_);
-    result->state = finalState_;
+    // An unreadable report carries no state of its own.
+    result->state = finalState_ < 0 ? kStopped : finalState_;
     result->fileName = dstPath;
   } else {
     result->state = state;
@@ -316,7 +323,6 @@ void CFileTransferHandler::HandleFileEvent(const char* data, unsigned length, sh
       if (state < 0) {
         VLOG_WARN("CFileTransferHandler::HandleFileEvent - final report '%s' is not a number, taken as a failure",
                   std::string(payload, payloadLength));
-        state = kStopped;
       }
       delete event;
       finish(state);

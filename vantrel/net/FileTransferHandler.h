@@ -105,7 +105,10 @@ class CFileTransferHandler {
 
  private:
   void post(const cVantrelMessage& request, bool back, const char* data, unsigned length, short type);
-  void takeCredit();
+  // Taking a credit: reserved before the message goes out, so that an answer
+  // quicker than this thread is counted; then waited for while none is left.
+  void reserveCredit();
+  void awaitCredit();
   void waitForWindow();
   // True when sending ended (by "F" or Stop) within `milliseconds`.
   bool waitSendingEnded(long milliseconds);
