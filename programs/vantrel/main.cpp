@@ -19,6 +19,7 @@
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/socket/streamsocket.h"
 #include "vantrel/base/platform/manualevent.h"
+#include "vantrel/base/platform/thread.h"
 #include "vantrel/service/vantrelclass.h"
 #include "vantrel/supervision/Clock.h"
 
@@ -29,6 +30,7 @@ constexpr unsigned short kDefaultNetPort = 9011;
 // How long a relaunched service waits for its predecessor's ports.
 constexpr long kRelaunchWaitMs = 30000;
 constexpr long kRelaunchProbeMs = 100;
+constexpr long kLogFlushMs = 200;
 
 class cVantrelService : public CVantrelClass {
  public:
@@ -134,6 +136,16 @@ int main(int argc, char** argv) {
   nClock::gActivateProcess();
   if (waitForPorts) WaitForPorts(clientsPort, netPort);
 
+  // The log writes warnings through at once; everything else is pushed out
+  // here a few times a second, so that a file shows the service's progress.
+  RQPManualEvent stopFlushing;
+  vantrel::platform::cThread flusher;
+  flusher.Start(
+      [&stopFlushing] {
+        while (stopFlushing.Wait(kLogFlushMs) == 0) vantrel::log::Flush();
+      },
+      "VTLogFlush", "vantrel:LogFlusher");
+
   int status = 0;
   {
     cVantrelService service(silent);
@@ -154,6 +166,8 @@ int main(int argc, char** argv) {
       VLOG_INFO("vantrel - stopped");
     }
   }
+  stopFlushing.Set();
+  flusher.Join();
   vantrel::log::Flush();
   return status;
 }

@@ -85,7 +85,7 @@ bool CVantrelClientConnection::greet(char* data, unsigned length, short type) {
   const std::string name(data + kGreetingNameOffset, strnlen(data + kGreetingNameOffset, kGreetingFieldSize));
   // The host field is filled the way a bounded string copy does it: padded with
   // zeros, and without a terminator when the text fills the field.
-  const std::string host = service_->GetAddressHostText();
+  const std::string& host = service_->GetHostName();
   std::strncpy(data + kGreetingHostOffset, host.c_str(), kGreetingFieldSize);
   const std::uint16_t port = service_->GetNetPortZ5181();
   std::memcpy(data, &port, sizeof port);

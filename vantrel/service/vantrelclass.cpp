@@ -61,8 +61,8 @@ CVantrelClass::~CVantrelClass() {
 
 void CVantrelClass::RememberProcessArguments(int argc, char** argv) { gRememberProcessArguments(argc, argv); }
 
-std::string CVantrelClass::GetAddressHostText() const {
-  return hostName + gVantrelAddressPortDelimiter() + std::to_string(netPort);
+static std::string AddressHostText(const std::string& host, unsigned short port) {
+  return host + gVantrelAddressPortDelimiter() + std::to_string(port);
 }
 
 bool CVantrelClass::vInitZ1() {
@@ -98,6 +98,7 @@ bool CVantrelClass::vInitZ1() {
 
   keeper->Start();
 
+  addressHostText = AddressHostText(hostName, netPort);
   netListener->SetPort(netPort);
   bool netStarted = false;
   try {
@@ -138,7 +139,10 @@ bool CVantrelClass::vInitZ1() {
     }
     return false;
   }
-  if (netPort == 0) netPort = netListener->GetPort();
+  if (netPort == 0) {
+    netPort = netListener->GetPort();
+    addressHostText = AddressHostText(hostName, netPort);
+  }
 
   clientListener->SetPort(clientsPort);
   bool clientsStarted = false;

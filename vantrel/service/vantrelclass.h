@@ -70,7 +70,7 @@ class VANTREL_API CVantrelClass {
   const std::string& GetHostAddress() const { return hostAddress; }
   // How clients and peers address this service: the host name, the address-port
   // delimiter and the net port ("lg01~9011").
-  std::string GetAddressHostText() const;
+  const std::string& GetAddressHostText() const { return addressHostText; }
   bool UseOpenSsl() const { return useOpenSsl; }
   // Makes, adopts and starts a connection (null when it cannot be made).
   iVantrelHostLink* CreateOutgoingHostLink(const std::string& hostText);
@@ -108,6 +108,7 @@ class VANTREL_API CVantrelClass {
   CVantrelClientListener* clientListener = nullptr;
   std::string hostName;
   std::string hostAddress;
+  std::string addressHostText;
   cVantrelConnectionKeeper* keeper = nullptr;
   std::shared_ptr<cBusyCheckState> busyState;
   int instanceLockFd = -1;

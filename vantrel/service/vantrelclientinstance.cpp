@@ -59,7 +59,7 @@ bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length
     case kSend + kLocalOffset:
     case kSendNoResponse + kLocalOffset:
     case kSendNoWait + kLocalOffset:
-      routeToClient(data, length, type, subtype);
+      routeToClient(data, length, type, subtype, type);
       return true;
     case kFileCopy + kLocalOffset:
       localFileCopy(data, length, type, subtype);
@@ -80,6 +80,12 @@ void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, 
     delete event;
     return;
   }
+  if (server_ != nullptr && type != kFileCopy && server_->isLocalHost(event->getToHost())) {
+    // Addressed to this very service by its host text: no link to itself.
+    delete event;
+    routeToClient(data, length, type, subtype, static_cast<short>(type + kLocalOffset));
+    return;
+  }
   const std::uint32_t messageId = event->getMessageId();
   if (server_ != nullptr && server_->dispatchHostEvent(event)) return;
   delete event;
@@ -87,7 +93,9 @@ void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, 
   reply(messageId, type == kSendNoWait ? QTYPE_ASYNC : QTYPE_SYNC, kNotDelivered, 0, kHostDispatchText);
 }
 
-void VantrelClientInstance::routeToClient(const char* data, std::uint32_t length, short type, short subtype) {
+void VantrelClientInstance::routeToClient(const char* data, std::uint32_t length, short type, short subtype,
+                                          short kind) {
+  // The record keeps the type its sender gave it; `kind` is the local kind.
   auto* event = new VantrelClientEvent(data, static_cast<long>(length), type, subtype);
   if (!event->isValid()) {
     VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed record of type %d dropped", name_, type);
@@ -97,11 +105,11 @@ void VantrelClientInstance::routeToClient(const char* data, std::uint32_t length
   const std::uint32_t messageId = event->getMessageId();
   const bool delivered = server_ != nullptr && server_->dispatchClientEvent(event);
   if (!delivered) delete event;
-  if (type == kSendNoResponse + kLocalOffset) return;
+  if (kind == kSendNoResponse + kLocalOffset) return;
   // A delivered answer travels on the acknowledgement subtype so that it ends the
   // sender's wait; a failure arrives with the ordinary messages. The text does not
   // tell success: the type does.
-  reply(messageId, type == kSendNoWait + kLocalOffset ? QTYPE_ASYNC : QTYPE_SYNC,
+  reply(messageId, kind == kSendNoWait + kLocalOffset ? QTYPE_ASYNC : QTYPE_SYNC,
         delivered ? kDelivered : kNotDelivered, delivered ? 1 : 0, kClientDispatchText);
 }
 

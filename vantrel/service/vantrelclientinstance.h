@@ -57,7 +57,7 @@ class VantrelClientInstance : public ClientObj {
  private:
   int deliver(BaseEvent* event);
   void routeToHost(const char* data, std::uint32_t length, short type, short subtype);
-  void routeToClient(const char* data, std::uint32_t length, short type, short subtype);
+  void routeToClient(const char* data, std::uint32_t length, short type, short subtype, short kind);
   // The client asked for a file copy on this host; answered with a copy result.
   void localFileCopy(const char* data, std::uint32_t length, short type, short subtype);
   void reply(std::uint32_t messageId, QType qtype, short type, short subtype, const char* text);

@@ -109,6 +109,11 @@ void CVantrelEventServer::cleanUp() {
   }
 }
 
+bool CVantrelEventServer::isLocalHost(const char* host) const {
+  if (owner_ == nullptr || host == nullptr) return false;
+  return owner_->GetHostName() == host || owner_->GetAddressHostText() == host;
+}
+
 std::size_t CVantrelEventServer::clientCount() {
   RQPMutexGuard guard(lock_);
   return clients_.size();

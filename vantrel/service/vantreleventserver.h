@@ -69,6 +69,10 @@ class CVantrelEventServer : public ServerObj {
   // detached (joining their threads) outside it.
   void cleanUp();
 
+  // True when `host` names this service itself (its host name, or its host text
+  // with the net port).
+  bool isLocalHost(const char* host) const;
+
   // Numbers of registered objects (diagnostics and tests).
   std::size_t clientCount();
   std::size_t hostCount();

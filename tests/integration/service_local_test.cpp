@@ -1,0 +1,129 @@
+// Two clients on one service: the local road of a message.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "tests/support/servicehelper.h"
+
+namespace vantrel::test {
+namespace {
+
+class LocalServiceTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    // A send to an unregistered client is not answered on the acknowledgement
+    // queue; keep its wait short.
+    setenv("VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT", "1500", 1);
+  }
+
+  void SetUp() override {
+    ASSERT_TRUE(service.start());
+    ASSERT_TRUE(service.waitReady()) << service.log();
+    ASSERT_TRUE(alice.NETInitZ641("alice", service.clientsPort()));
+    ASSERT_TRUE(bob.NETInitZ641("bob", service.clientsPort()));
+  }
+
+  void TearDown() override {
+    alice.NETTerminate();
+    bob.NETTerminate();
+    EXPECT_EQ(service.stop(), 0) << service.log();
+  }
+
+  std::string address(const char* client) const { return std::string(client) + "@" + service.hostText(); }
+
+  ServiceProcess service;
+  TestClient alice;
+  TestClient bob;
+};
+
+TEST_F(LocalServiceTest, GreetingGivesTheServiceAddress) {
+  EXPECT_EQ(std::string(alice.NETWhoAmI()), address("alice"));
+  EXPECT_EQ(std::string(alice.NETLocalHostName()), LocalHostName());
+}
+
+TEST_F(LocalServiceTest, AcknowledgedSendIsDeliveredAndAcknowledged) {
+  ASSERT_TRUE(alice.NETSendMessageZ1("hello", 6, address("bob").c_str())) << alice.NETGetLastStatus();
+  auto received = bob.next();
+  ASSERT_TRUE(received.has_value());
+  EXPECT_STREQ(received->getData(), "hello");
+  EXPECT_STREQ(received->getFromClient(), "alice");
+  EXPECT_EQ(received->getType(), 2);
+  // Nothing but the acknowledgement went back to the sender.
+  EXPECT_EQ(alice.pending(), 0u);
+
+  // The bare host name is local to the client library itself.
+  const std::string bare = "bob@" + LocalHostName();
+  ASSERT_TRUE(alice.NETSendMessageZ1("again", 6, bare.c_str())) << alice.NETGetLastStatus();
+  received = bob.next();
+  ASSERT_TRUE(received.has_value());
+  EXPECT_EQ(received->getType(), 1034);
+  // Addressed by its own host text, the service never opened a link to itself.
+  EXPECT_EQ(service.logCount("Creating new CVantrelHostConnection"), 0u);
+}
+
+TEST_F(LocalServiceTest, NoResponseSendToUnknownClientGetsNoAnswer) {
+  ASSERT_TRUE(alice.NETSendMessageNoresponseZ1("lost", 5, address("nobody").c_str()));
+  // A round trip through the service after it: the first thing alice sees is
+  // bob's message, not an answer to the lost one.
+  ASSERT_TRUE(bob.NETSendMessageNoresponseZ1("ping", 5, address("alice").c_str()));
+  auto first = alice.next();
+  ASSERT_TRUE(first.has_value());
+  EXPECT_STREQ(first->getData(), "ping");
+  EXPECT_EQ(alice.pending(), 0u);
+}
+
+TEST_F(LocalServiceTest, NoWaitSendCarriesItsIdAndTheAnswerComesBack) {
+  ASSERT_TRUE(alice.NETSendMessageNowaitZ1(4711, "question", 9, address("bob").c_str()));
+  auto question = bob.next();
+  ASSERT_TRUE(question.has_value());
+  EXPECT_EQ(question->getMessageId(), 4711u);
+  EXPECT_EQ(question->getType(), 4);
+
+  const std::string replyTo = std::string(question->getFromClient()) + "@" + question->getFromHost();
+  ASSERT_TRUE(bob.NETSendMessageNowaitZ1(4712, "answer", 7, replyTo.c_str()));
+  auto answer = alice.next();
+  ASSERT_TRUE(answer.has_value());
+  EXPECT_STREQ(answer->getData(), "answer");
+  EXPECT_EQ(answer->getMessageId(), 4712u);
+}
+
+TEST_F(LocalServiceTest, SendToUnregisteredClientTimesOutAndItsFailureLandsOnTheMessageQueue) {
+  EXPECT_FALSE(alice.NETSendMessageZ1("anyone?", 8, address("ghost").c_str()));
+  EXPECT_EQ(alice.NETGetLastStatus(), 0);
+  auto failure = alice.next();
+  ASSERT_TRUE(failure.has_value());
+  EXPECT_EQ(failure->getType(), 103);
+  EXPECT_STREQ(failure->getData(), "Error dispatching client event");
+}
+
+TEST_F(LocalServiceTest, FarewellUnregistersTheClient) {
+  bob.NETTerminate();
+  ASSERT_TRUE(service.waitLog("Removing client bob"));
+  EXPECT_FALSE(alice.NETSendMessageZ1("gone?", 6, address("bob").c_str()));
+  auto failure = alice.next();
+  ASSERT_TRUE(failure.has_value());
+  EXPECT_EQ(failure->getType(), 103);
+  // The name is free again.
+  TestClient again;
+  ASSERT_TRUE(again.NETInitZ641("bob", service.clientsPort()));
+  EXPECT_TRUE(alice.NETSendMessageZ1("back", 5, address("bob").c_str()));
+}
+
+TEST_F(LocalServiceTest, HundredsOfMessagesArriveInOrder) {
+  constexpr int kCount = 400;
+  for (int i = 0; i < kCount; ++i) {
+    const std::string text = "message " + std::to_string(i);
+    ASSERT_TRUE(alice.NETSendMessageNoresponseZ1(text.c_str(), static_cast<unsigned>(text.size() + 1),
+                                                 address("bob").c_str()));
+  }
+  for (int i = 0; i < kCount; ++i) {
+    auto received = bob.next();
+    ASSERT_TRUE(received.has_value()) << "message " << i << " missing";
+    ASSERT_EQ(std::string(received->getData()), "message " + std::to_string(i));
+  }
+}
+
+}  // namespace
+}  // namespace vantrel::test

@@ -1,0 +1,87 @@
+#pragma once
+// Runs the real `vantrel` program for integration tests: on free ports, with its
+// own temporary folder, settings file and log file. Readiness is seen in the log
+// ("vantrel ready"), never by connecting and closing, which the service answers
+// by restarting itself.
+#include <sys/types.h>
+
+#include <chrono>
+#include <deque>
+#include <mutex>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/support/testutil.h"
+#include "vantrel/client/vantrelclientobj.h"
+
+namespace vantrel::test {
+
+class ServiceProcess {
+ public:
+  // Picks two free ports and writes a default settings file with `iniExtra`
+  // lines appended.
+  explicit ServiceProcess(const std::string& iniExtra = "");
+  // Kills the process (and a successor it relaunched) when still running.
+  ~ServiceProcess();
+  ServiceProcess(const ServiceProcess&) = delete;
+  ServiceProcess& operator=(const ServiceProcess&) = delete;
+
+  // Extra environment of the process (set before Start).
+  void setEnv(const std::string& name, const std::string& value) { env_[name] = value; }
+  void setPorts(unsigned short clientsPort, unsigned short netPort);
+
+  // Spawns the program; false when it cannot be started.
+  bool start(const std::vector<std::string>& extraArgs = {});
+  // Waits for the readiness line.
+  bool waitReady(std::chrono::milliseconds timeout = std::chrono::seconds(15)) const;
+  bool waitLog(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(15)) const;
+  std::size_t logCount(const std::string& text) const;
+  std::string log() const;
+
+  // SIGTERM and wait; the exit code (or 128 + signal), nothing on time-out.
+  std::optional<int> stop(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+  std::optional<int> waitExit(std::chrono::milliseconds timeout);
+  void kill();
+  bool running();
+
+  pid_t pid() const { return pid_; }
+  unsigned short clientsPort() const { return clientsPort_; }
+  unsigned short netPort() const { return netPort_; }
+  // This service's host text as clients and peers use it ("name~port").
+  std::string hostText() const;
+  const TempDir& dir() const { return dir_; }
+  std::string logFile() const { return dir_.file("vantrel.log"); }
+  // Other processes whose command line names this service's log file (a
+  // relaunched successor).
+  std::vector<pid_t> successors() const;
+
+ private:
+  TempDir dir_;
+  unsigned short clientsPort_;
+  unsigned short netPort_;
+  std::map<std::string, std::string> env_;
+  pid_t pid_ = -1;
+  std::optional<int> exitCode_;
+};
+
+std::string LocalHostName();
+
+// A client object that keeps what arrives on channel 0 (messages and failure
+// answers) for the test, so that waits can have deadlines.
+class TestClient : public cVantrelClientObject {
+ public:
+  TestClient() = default;
+  ~TestClient() { NETTerminate(); }
+  bool NewMessageEvent(cTypedMessageObject* message, short channel) override;
+  // The next record that arrived on channel 0, waiting at most `timeout`.
+  std::optional<cVantrelMessage> next(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  std::size_t pending();
+
+ private:
+  std::mutex mutex_;
+  std::deque<cVantrelMessage> received_;
+};
+
+}  // namespace vantrel::test
