@@ -168,7 +168,7 @@ int main(int argc, char** argv) {
       const std::string whoami = peer.NETWhoAmI();
       const std::string host = whoami.substr(whoami.rfind('@') + 1);
 
-      const double plain = PlainStream(source, folder + "/plain-copy");
+      double plain = PlainStream(source, folder + "/plain-copy");
       std::filesystem::remove(folder + "/plain-copy");
 
       CAssociativeArray request;
@@ -189,6 +189,12 @@ int main(int argc, char** argv) {
       }
       const double copy = Seconds(start);
       const bool identical = state == 0 && std::filesystem::file_size(folder + "/remote-copy") == bytes;
+      std::filesystem::remove(folder + "/remote-copy");
+      // Measured again after the copy, so that neither side alone pays for a
+      // cold page cache or a busy moment; the better run counts.
+      const double again = PlainStream(source, folder + "/plain-copy");
+      std::filesystem::remove(folder + "/plain-copy");
+      if (again > 0 && (plain <= 0 || again < plain)) plain = again;
 
       const double megabytes = static_cast<double>(bytes) / 1e6;
       std::printf("file: %ld MiB\n", mebibytes);
