@@ -21,6 +21,7 @@
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/process.h"
 #include "vantrel/client/vantrelclientobj.h"
+#include "vantrel/client/vantrelini.h"
 #include "vantrel/support/associativearray.h"
 
 namespace {
@@ -413,6 +414,23 @@ class cCopy : public iCommand {
 
 }  // namespace
 
+// The settings print their TLS block on standard output when they are first
+// read. This program's standard output is for results that scripts read, so the
+// block goes to standard error instead.
+void ReadSettingsQuietly() {
+  std::fflush(stdout);
+  const int saved = ::dup(STDOUT_FILENO);
+  if (saved < 0 || ::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+    if (saved >= 0) ::close(saved);
+    (void)gVantrelUseOpenSsl();
+    return;
+  }
+  (void)gVantrelUseOpenSsl();
+  std::fflush(stdout);
+  ::dup2(saved, STDOUT_FILENO);
+  ::close(saved);
+}
+
 int main(int argc, char** argv) {
   try {
     CLI::App app{"vantrel-cli - command-line client of the Vantrel message bus"};
@@ -459,6 +477,7 @@ int main(int argc, char** argv) {
       vantrel::log::SetLevel(severity);
     }
     if (chosen == nullptr) return kExitUsage;
+    ReadSettingsQuietly();
     if (!session.Open()) return kExitNoService;
     const int result = chosen->Run(session);
     session.client.NETTerminate();
