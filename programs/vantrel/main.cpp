@@ -30,7 +30,6 @@ constexpr unsigned short kDefaultNetPort = 9011;
 // How long a relaunched service waits for its predecessor's ports.
 constexpr long kRelaunchWaitMs = 30000;
 constexpr long kRelaunchProbeMs = 100;
-constexpr long kLogFlushMs = 200;
 
 class cVantrelService : public CVantrelClass {
  public:
@@ -120,6 +119,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "vantrel: unknown log level '%s'\n", logLevel.c_str());
     return 2;
   }
+  // Every line is written through, so that a watched log file shows the
+  // service's progress as it happens.
+  vantrel::log::SetFlushEveryLine(true);
   vantrel::log::Configure(logLevel, logFile);
   // Must be set before the settings are read for the first time.
   if (!config.empty()) setenv("VANTREL_INI", config.c_str(), 1);
@@ -135,16 +137,6 @@ int main(int argc, char** argv) {
 
   nClock::gActivateProcess();
   if (waitForPorts) WaitForPorts(clientsPort, netPort);
-
-  // The log writes warnings through at once; everything else is pushed out
-  // here a few times a second, so that a file shows the service's progress.
-  RQPManualEvent stopFlushing;
-  vantrel::platform::cThread flusher;
-  flusher.Start(
-      [&stopFlushing] {
-        while (stopFlushing.Wait(kLogFlushMs) == 0) vantrel::log::Flush();
-      },
-      "VTLogFlush", "vantrel:LogFlusher");
 
   int status = 0;
   {
@@ -166,8 +158,6 @@ int main(int argc, char** argv) {
       VLOG_INFO("vantrel - stopped");
     }
   }
-  stopFlushing.Set();
-  flusher.Join();
   vantrel::log::Flush();
   return status;
 }

@@ -1,16 +1,12 @@
 #include "vantrel/service/vantrelclass.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <utility>
 
-#include "vantrel/base/env/envcontainer.h"
 #include "vantrel/base/log/log.h"
+#include "vantrel/base/platform/lockfile.h"
 #include "vantrel/base/socket/hostlookup.h"
 #include "vantrel/client/vantrelini.h"
 #include "vantrel/net/VantrelToolKit.h"
@@ -56,7 +52,7 @@ CVantrelClass::~CVantrelClass() {
   delete netListener;
   delete eventServer;
   delete keeper;
-  if (instanceLockFd >= 0) ::close(instanceLockFd);
+  RQPUnlockFile(instanceLockFd);
 }
 
 void CVantrelClass::RememberProcessArguments(int argc, char** argv) { gRememberProcessArguments(argc, argv); }
@@ -196,21 +192,15 @@ bool CVantrelClass::LockInstance() {
   if (instanceLockFd >= 0) return true;
   // One lock per net port: several services on one host (host~port addressing)
   // are separate instances.
-  RQEnvContainerClass env;
   const bool global = VantrelToolKit::GetLocalHostOS() == "Win2000";
-  const char* runtime = env.RQEGetEnv("XDG_RUNTIME_DIR");
-  std::string folder = global || runtime == nullptr || *runtime == '\0' ? "/tmp" : runtime;
-  const std::string path = folder + "/QXVantrel-" + std::to_string(netPort) + ".lock";
-  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0) {
-    VLOG_WARN("CVantrelClass::IsOtherVantrelAlive - cannot open %s", path);
+  const std::string path = RQPRuntimeFolder(global) + "/QXVantrel-" + std::to_string(netPort) + ".lock";
+  std::string error;
+  const int handle = RQPLockFileExclusive(path, &error);
+  if (handle < 0) {
+    VLOG_INFO("CVantrelClass::IsOtherVantrelAlive - %s", error);
     return false;
   }
-  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-    ::close(fd);
-    return false;
-  }
-  instanceLockFd = fd;
+  instanceLockFd = handle;
   return true;
 }
 

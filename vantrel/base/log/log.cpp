@@ -33,6 +33,7 @@ State& state() {
 
 std::atomic<int> gLevel{-1};  // -1: not yet read from the environment
 std::atomic<bool> gCapturing{false};
+std::atomic<bool> gFlushEveryLine{false};
 
 spdlog::level::level_enum ToSpd(tQXLogMessageSeverity s) {
   switch (s) {
@@ -62,7 +63,7 @@ std::shared_ptr<spdlog::logger> MakeLogger(const std::string& file) {
   auto logger = std::make_shared<spdlog::logger>("vantrel", std::move(sink));
   logger->set_pattern("%Y-%m-%d %H:%M:%S.%f %L %v");
   logger->set_level(spdlog::level::trace);  // filtering is done by Enabled()
-  logger->flush_on(spdlog::level::warn);
+  logger->flush_on(gFlushEveryLine.load() ? spdlog::level::trace : spdlog::level::warn);
   return logger;
 }
 
@@ -161,6 +162,12 @@ void Flush() {
     logger = state().logger;
   }
   if (logger) logger->flush();
+}
+
+void SetFlushEveryLine(bool enabled) {
+  gFlushEveryLine.store(enabled);
+  std::lock_guard<std::mutex> lock(state().mutex);
+  if (state().logger) state().logger->flush_on(enabled ? spdlog::level::trace : spdlog::level::warn);
 }
 
 void SetCaptureSink(CaptureSink sink, void* context) {

@@ -40,6 +40,9 @@ VANTREL_API tQXLogMessageSeverity CurrentLevel();
 // Parses a level name; false for an unknown name.
 VANTREL_API bool ParseLevel(std::string_view name, tQXLogMessageSeverity& out);
 VANTREL_API void Flush();
+// By default only warnings and worse are written through at once; a long-running
+// program whose log file is watched (the service) writes every line through.
+VANTREL_API void SetFlushEveryLine(bool enabled);
 
 // Tests capture what is logged: every line written while a sink is installed is
 // also handed to it (text only, without decoration). Not for production use.
