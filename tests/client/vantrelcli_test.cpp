@@ -1,0 +1,88 @@
+// The command-line client's results and exit codes, against a scripted service.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <future>
+#include <string>
+#include <vector>
+
+#include "tests/support/scriptedservice.h"
+#include "tests/support/testutil.h"
+#include "vantrel/base/platform/process.h"
+#include "vantrel/message/packmsg.h"
+
+using vantrel::test::ScriptedService;
+
+namespace {
+
+class VantrelCli : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!std::filesystem::exists(program_)) GTEST_SKIP() << "vantrel-cli is not built: " << program_;
+  }
+
+  RQPRunResult Run(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"--name", "cli", "--port", std::to_string(service_.Port())});
+    return RQPRunAndCapture(program_, arguments, nTime::cDiff::FromSeconds(20));
+  }
+
+  // The record of the next frame that the run numbered `connection` sent after its greeting.
+  cVantrelMessage SentRecord(std::size_t connection) {
+    auto greeting = service_.NextFrame(connection);
+    EXPECT_TRUE(greeting && greeting->type == 1029);
+    auto frame = service_.NextFrame(connection);
+    if (!frame) return cVantrelMessage(nullptr, 0, 0, 0);
+    return cVantrelMessage(frame->data.data(), static_cast<std::uint32_t>(frame->data.size()), frame->type,
+                           frame->subtype);
+  }
+
+  const std::string program_ = VANTREL_BINARY_DIR "/programs/vantrel-cli";
+  ScriptedService service_{{.hostName = "lg01", .netPort = 9011}};
+};
+
+TEST_F(VantrelCli, SendsReportTheirOutcomeInTheExitCode) {
+  auto sent = Run({"send", "peer@lg02", "hello"});
+  EXPECT_EQ(sent.exitCode, 0);
+  cVantrelMessage record = SentRecord(0);
+  EXPECT_EQ(record.getType(), 2);
+  EXPECT_STREQ(record.getData(), "hello");
+
+  service_.SetAck(ScriptedService::tAck::eRefused);
+  EXPECT_EQ(Run({"send", "peer@lg01", "hello"}).exitCode, 5);
+  EXPECT_EQ(SentRecord(1).getType(), 1034);
+
+  EXPECT_EQ(Run({"notify", "peer@lg02", "note"}).exitCode, 0);
+  EXPECT_EQ(SentRecord(2).getType(), 3);
+
+  EXPECT_EQ(Run({"post", "--id", "9", "peer@lg02", "later"}).exitCode, 0);
+  cVantrelMessage posted = SentRecord(3);
+  EXPECT_EQ(posted.getType(), 4);
+  EXPECT_EQ(posted.getMessageId(), 9u);
+
+  EXPECT_EQ(Run({"send", "no-host-part", "x"}).exitCode, 2);
+  EXPECT_EQ(Run({"frobnicate"}).exitCode, 2);
+}
+
+TEST_F(VantrelCli, ReceivingAndIdentity) {
+  auto whoami = Run({"whoami"});
+  EXPECT_EQ(whoami.exitCode, 0);
+  EXPECT_NE(whoami.output.find("cli@lg01"), std::string::npos) << whoami.output;
+
+  EXPECT_EQ(Run({"fetch"}).exitCode, 6);
+  EXPECT_EQ(Run({"wait", "--timeout", "100"}).exitCode, 6);
+
+  auto waiting = std::async(std::launch::async, [&] { return Run({"wait", "--from"}); });
+  ASSERT_TRUE(service_.WaitConnections(4));
+  ASSERT_TRUE(service_.NextFrame(3));  // greeting: the client is registered
+  ASSERT_TRUE(service_.SendRecord(3, 1034, 0, "incoming"));
+  auto received = waiting.get();
+  EXPECT_EQ(received.exitCode, 0);
+  EXPECT_NE(received.output.find("sender@elsewhere\tincoming\n"), std::string::npos) << received.output;
+}
+
+TEST_F(VantrelCli, NoServiceIsItsOwnFailure) {
+  RQPRunResult result = RQPRunAndCapture(program_, {"--port", std::to_string(vantrel::test::FreePort()), "whoami"}, nTime::cDiff::FromSeconds(20));
+  EXPECT_EQ(result.exitCode, 3);
+}
+
+}  // namespace

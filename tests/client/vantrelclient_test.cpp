@@ -1,0 +1,391 @@
+// The client library against a scripted service on a real loopback socket.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <future>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "tests/support/scriptedservice.h"
+#include "tests/support/testutil.h"
+#include "vantrel/client/vantrelclientobj.h"
+#include "vantrel/client/vantrelclientobjimp.h"
+#include "vantrel/client/vantrelini.h"
+
+using vantrel::test::cFrame;
+using vantrel::test::LogCapture;
+using vantrel::test::ScriptedService;
+
+namespace {
+
+// Sets an environment variable for the life of the object.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const std::string& value) : name_(name) { setenv(name, value.c_str(), 1); }
+  ~ScopedEnv() { unsetenv(name_); }
+
+ private:
+  const char* name_;
+};
+
+// The record a frame carries.
+cVantrelMessage Record(const cFrame& frame) {
+  return cVantrelMessage(frame.data.data(), static_cast<std::uint32_t>(frame.data.size()), frame.type,
+                         frame.subtype);
+}
+
+// Connects `client` as "tester" and takes the greeting off the record.
+void Register(cVantrelClientObject& client, ScriptedService& service, std::size_t connection = 0) {
+  ASSERT_TRUE(client.NETInitZ641("tester", service.Port()));
+  auto greeting = service.NextFrame(connection);
+  ASSERT_TRUE(greeting);
+  ASSERT_EQ(greeting->type, 1029);
+}
+
+}  // namespace
+
+TEST(ClientLibrary, GreetingAndReplyDecideWhoWeAre) {
+  ScriptedService service({.hostName = "lg01", .netPort = 9123});
+  cVantrelClientObject client;
+  ASSERT_TRUE(client.NETInitZ641("recorder", service.Port()));
+  EXPECT_TRUE(client.Valid());
+
+  auto greeting = service.NextFrame(0);
+  ASSERT_TRUE(greeting);
+  EXPECT_EQ(greeting->type, 1029);
+  EXPECT_EQ(greeting->subtype, 0);
+  ASSERT_EQ(greeting->data.size(), 258u);
+  EXPECT_STREQ(greeting->data.c_str() + 2, "recorder");
+
+  EXPECT_STREQ(client.NETLocalHostName(), "lg01");
+  const std::string expected = std::string("recorder@lg01") + gVantrelAddressPortDelimiter() + "9123";
+  const char* first = client.NETWhoAmI();
+  EXPECT_EQ(expected, first);
+  EXPECT_EQ(client.NETWhoAmI(), first);  // built once, the same text every time
+  EXPECT_EQ(client.NETGetLastStatus(), 0);
+  EXPECT_STREQ(client.NETGetLastErrorMessage(), "");
+}
+
+TEST(ClientLibrary, GreetingRefusedOrUnansweredFailsInit) {
+  {
+    ScriptedService service({.greetingReplyType = 0});
+    cVantrelClientObject client;
+    EXPECT_FALSE(client.NETInitZ641("tester", service.Port()));
+    EXPECT_FALSE(client.Valid());
+    EXPECT_STREQ(client.NETWhoAmI(), "");
+    EXPECT_EQ(client.NETGetLastStatus(), 15005);
+  }
+  {
+    // The service drops the connection before it replies: init must not hang.
+    ScriptedService service({.replyToGreeting = false});
+    cVantrelClientObject client;
+    auto init = std::async(std::launch::async, [&] { return client.NETInitZ641("tester", service.Port()); });
+    ASSERT_TRUE(service.NextFrame(0));
+    service.Close(0);
+    ASSERT_EQ(init.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_FALSE(init.get());
+  }
+  {
+    // Nothing listens on the port.
+    const unsigned short port = vantrel::test::FreePort();
+    cVantrelClientObject client;
+    EXPECT_FALSE(client.NETInitZ641("tester", port));
+  }
+}
+
+TEST(ClientLibrary, PortZeroTakesTheEnvironmentOrTheDefault) {
+  {
+    ScriptedService service;
+    ScopedEnv env("VANTREL_CLIENT_PORT", std::to_string(service.Port()));
+    LogCapture log;
+    cVantrelClientObject client;
+    EXPECT_TRUE(client.NETInitZ641("tester", 0));
+    EXPECT_TRUE(log.contains("port null"));
+    EXPECT_TRUE(service.WaitConnections(1));
+  }
+  unsetenv("VANTREL_CLIENT_PORT");
+  std::unique_ptr<ScriptedService> onDefault;
+  try {
+    onDefault = std::make_unique<ScriptedService>(ScriptedService::cOptions{.port = 9010});
+  } catch (const std::exception&) {
+    GTEST_SKIP() << "port 9010 is in use on this machine";
+  }
+  cVantrelClientObject client;
+  EXPECT_TRUE(client.NETInitZ641("tester", 0));
+  EXPECT_TRUE(onDefault->WaitConnections(1));
+}
+
+TEST(ClientLibrary, EachSendPathUsesItsTypeCode) {
+  ScriptedService service({.hostName = "lg01"});
+  cVantrelClientObject client;
+  Register(client, service);
+
+  struct {
+    std::function<bool()> send;
+    short type;
+    const char* toHost;
+    const char* toClient;
+    unsigned messageId;
+  } cases[] = {
+      {[&] { return client.NETSendMessageZ1("a", 2, "peer@lg01"); }, 1034, "lg01", "peer", 0},
+      {[&] { return client.NETSendMessageZ1("b", 2, "peer@LG01"); }, 2, "LG01", "peer", 0},  // case counts
+      {[&] { return client.NETSendMessageNoresponseZ1("c", 2, "peer@lg01"); }, 1035, "lg01", "peer", 0},
+      {[&] { return client.NETSendMessageNoresponseZ1("d", 2, "peer@lg02"); }, 3, "lg02", "peer", 0},
+      {[&] { return client.NETSendMessageNowaitZ1(77, "e", 2, "peer@lg01"); }, 1036, "lg01", "peer", 77},
+      {[&] { return client.NETSendMessageNowaitZ1(78, "f", 2, "peer@lg02~9011"); }, 4, "lg02~9011", "peer", 78},
+      {[&] { return client.NETCopyFileZ1(79, "g", 2, "lg01"); }, 5, "lg01", "NoClient", 79},
+      {[&] { return client.NETCopyFileZ1(80, "h", 2, "lg02"); }, 5, "lg02", "NoClient", 80},
+  };
+  char payload = 'a';
+  for (auto& c : cases) {
+    SCOPED_TRACE(std::string("payload ") + payload);
+    EXPECT_TRUE(c.send());
+    EXPECT_EQ(client.NETGetLastStatus(), 0);
+    auto frame = service.NextFrame(0);
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(frame->type, c.type);
+    EXPECT_EQ(frame->subtype, 0);
+    cVantrelMessage record = Record(*frame);
+    ASSERT_TRUE(record.isValid());
+    EXPECT_EQ(record.getType(), c.type);
+    EXPECT_STREQ(record.getToHost(), c.toHost);
+    EXPECT_STREQ(record.getToClient(), c.toClient);
+    EXPECT_STREQ(record.getFromHost(), "lg01");
+    EXPECT_STREQ(record.getFromClient(), "tester");
+    EXPECT_EQ(record.getMessageId(), c.messageId);
+    EXPECT_EQ(record.getQtype(), QTYPE_CLIENT);
+    EXPECT_EQ(std::string(record.getData()), std::string(1, payload));
+    ++payload;
+  }
+  EXPECT_TRUE(client.NETSendMultiMessageZ1("x", 2, "a@b;c@d"));
+}
+
+TEST(ClientLibrary, BadAddressesSendNothing) {
+  ScriptedService service;
+  cVantrelClientObject client;
+  Register(client, service);
+  for (const char* address : {"@lg01", "peer", "peer@", ""}) {
+    SCOPED_TRACE(address);
+    EXPECT_FALSE(client.NETSendMessageZ1("x", 2, address));
+    EXPECT_EQ(client.NETGetLastStatus(), 0);
+    EXPECT_FALSE(client.NETSendMessageNoresponseZ1("x", 2, address));
+    EXPECT_FALSE(client.NETSendMessageNowaitZ1(1, "x", 2, address));
+  }
+  EXPECT_FALSE(client.NETCopyFileZ1(1, "x", 2, ""));
+  // The first frame after the greeting is the one sent to a good address.
+  ASSERT_TRUE(client.NETSendMessageNoresponseZ1("ok", 3, "peer@lg09"));
+  auto frame = service.NextFrame(0);
+  ASSERT_TRUE(frame);
+  EXPECT_STREQ(Record(*frame).getData(), "ok");
+}
+
+TEST(ClientLibrary, AcknowledgementDecidesTheResultOfASend) {
+  ScopedEnv timeout("VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT", "300");
+  ScriptedService service;
+  cVantrelClientObject client;
+  Register(client, service);
+
+  service.SetAck(ScriptedService::tAck::eDelivered);
+  EXPECT_TRUE(client.NETSendMessageZ1("x", 2, "peer@lg09"));
+  EXPECT_EQ(client.NETGetLastStatus(), 0);
+
+  service.SetAck(ScriptedService::tAck::eRefused);
+  EXPECT_FALSE(client.NETSendMessageZ1("x", 2, "peer@lg09"));
+  EXPECT_EQ(client.NETGetLastStatus(), 15008);
+
+  service.SetAck(ScriptedService::tAck::eNone);
+  EXPECT_FALSE(client.NETSendMessageZ1("x", 2, "peer@lg09"));
+  EXPECT_EQ(client.NETGetLastStatus(), 0);
+
+  // "Not delivered" arrives on the message channel, not as an acknowledgement.
+  service.SetAck(ScriptedService::tAck::eNotDelivered);
+  EXPECT_FALSE(client.NETSendMessageZ1("x", 2, "peer@lg09"));
+  EXPECT_EQ(client.NETGetLastStatus(), 0);
+  const cVantrelMessage* answer = client.NETWaitMessageX1();
+  ASSERT_NE(answer, nullptr);
+  EXPECT_EQ(answer->getType(), 103);
+
+  // A stale acknowledgement left on the queue does not answer the next send.
+  service.SetAck(ScriptedService::tAck::eNone);
+  ASSERT_TRUE(service.SendRecord(0, 102, 1, ""));
+  ASSERT_TRUE(service.SendRecord(0, 1, 0, "marker"));  // arrives after the stale one
+  ASSERT_STREQ(client.NETWaitMessageX2(), "marker");
+  EXPECT_FALSE(client.NETSendMessageZ1("x", 2, "peer@lg09"));
+}
+
+TEST(ClientLibrary, ReceivingByWaitAndFetch) {
+  ScriptedService service;
+  cVantrelClientObject client;
+  Register(client, service);
+
+  EXPECT_EQ(client.NETFetchMessage(), nullptr);
+  EXPECT_EQ(client.NETGetLastStatus(), 0);
+
+  ASSERT_TRUE(service.SendRecord(0, 1034, 0, "first", 5));
+  ASSERT_TRUE(service.SendRecord(0, 1034, 0, "second"));
+  const cVantrelMessage* record = client.NETWaitMessageX1();
+  ASSERT_NE(record, nullptr);
+  EXPECT_STREQ(record->getData(), "first");
+  EXPECT_STREQ(record->getFromClient(), "sender");
+  EXPECT_EQ(record->getMessageId(), 5u);
+  ASSERT_TRUE(vantrel::test::WaitUntil([&] { return client.NETFetchMessage() != nullptr; }));
+  // The fetched record is the current one until the next receive call.
+  EXPECT_EQ(client.NETGetLastStatus(), 0);
+}
+
+// Records the channels the hook sees and keeps channel-2 messages itself.
+class HookedClient : public cVantrelClientObject {
+ public:
+  ~HookedClient() { NETTerminate(); }
+  bool NewMessageEvent(cTypedMessageObject* message, short channel) override {
+    std::lock_guard<std::mutex> lock(mutex);
+    channels.push_back(channel);
+    if (channel == 2) {
+      delete message;
+      return false;
+    }
+    return true;
+  }
+  std::mutex mutex;
+  std::vector<short> channels;
+};
+
+TEST(ClientLibrary, HookSeesChannelsZeroAndTwoOnlyAndBadSubtypesAreDropped) {
+  ScriptedService service;
+  HookedClient client;
+  Register(client, service);
+  LogCapture log;
+  ASSERT_TRUE(service.SendRecord(0, 102, 1, "ack"));
+  ASSERT_TRUE(service.SendRecord(0, 4, 2, "nowait answer"));
+  ASSERT_TRUE(service.SendRecord(0, 1034, 7, "bad subtype"));
+  ASSERT_TRUE(service.SendRecord(0, 1034, -1, "negative subtype"));
+  ASSERT_TRUE(service.SendRecord(0, 1034, 0, "message"));
+  EXPECT_STREQ(client.NETWaitMessageX2(), "message");
+  {
+    std::lock_guard<std::mutex> lock(client.mutex);
+    EXPECT_EQ(client.channels, (std::vector<short>{2, 0}));
+  }
+  EXPECT_TRUE(log.contains("subtype 7 dropped"));
+  EXPECT_TRUE(log.contains("subtype -1 dropped"));
+  EXPECT_EQ(client.NETFetchMessage(), nullptr);
+}
+
+TEST(ClientLibrary, DefaultHookQueuesChannelZeroOnly) {
+  cVantrelClientObject client;
+  auto* zero = new cTypedMessageObject("x", 2, 1034, 0);
+  EXPECT_TRUE(client.NewMessageEvent(zero, 0));
+  delete zero;
+  EXPECT_FALSE(client.NewMessageEvent(new cTypedMessageObject("x", 2, 4, 2), 2));  // the default frees it
+}
+
+TEST(ClientLibrary, TurningOffEndsWaitsAndDropsTraffic) {
+  ScriptedService service;
+  cVantrelClientObject waiting;
+  Register(waiting, service, 0);
+  auto wait = std::async(std::launch::async, [&] { return waiting.NETWaitMessageX1(); });
+  EXPECT_EQ(wait.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  EXPECT_TRUE(waiting.NETTurnOff());
+  ASSERT_EQ(wait.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_EQ(wait.get(), nullptr);
+  EXPECT_EQ(waiting.NETGetLastStatus(), 15005);
+
+  cVantrelClientObject toggled;
+  Register(toggled, service, 1);
+  LogCapture log;
+  ASSERT_TRUE(toggled.NETTurnOff());
+  ASSERT_TRUE(service.SendRecord(1, 1034, 0, "while off"));
+  ASSERT_TRUE(log.waitFor("turned off, message dropped"));
+  ASSERT_TRUE(toggled.NETTurnOn());
+  ASSERT_TRUE(service.SendRecord(1, 1034, 0, "while on"));
+  EXPECT_STREQ(toggled.NETWaitMessageX2(), "while on");
+}
+
+TEST(ClientLibrary, TerminateSaysFarewellAndInitReconnects) {
+  ScriptedService service;
+  cVantrelClientObject client;
+  Register(client, service, 0);
+  client.NETTerminate();
+  auto farewell = service.NextFrame(0);
+  ASSERT_TRUE(farewell);
+  EXPECT_EQ(farewell->type, 1033);
+  EXPECT_EQ(farewell->data, std::string(1, '\0'));
+  EXPECT_TRUE(service.WaitPeerClosed(0));
+  EXPECT_EQ(client.NETWaitMessageX1(), nullptr);
+  EXPECT_EQ(client.NETGetLastStatus(), 15005);
+
+  Register(client, service, 1);
+  // A second init ends the first session with its farewell.
+  ASSERT_TRUE(client.NETInitZ641("tester", service.Port()));
+  auto second = service.NextFrame(1);
+  ASSERT_TRUE(second);
+  EXPECT_EQ(second->type, 1033);
+  EXPECT_TRUE(service.WaitPeerClosed(1));
+  ASSERT_TRUE(service.WaitConnections(3));
+  EXPECT_TRUE(client.NETSendMessageNoresponseZ1("again", 6, "peer@x"));
+}
+
+TEST(ClientLibrary, ServiceClosingEndsTheSession) {
+  ScriptedService service;
+  cVantrelClientObject client;
+  Register(client, service);
+  auto wait = std::async(std::launch::async, [&] { return client.NETWaitMessageX2(); });
+  service.Close(0);
+  ASSERT_EQ(wait.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_EQ(wait.get(), nullptr);
+  EXPECT_FALSE(client.NETSendMessageNoresponseZ1("x", 2, "peer@x"));
+  EXPECT_EQ(client.NETGetLastStatus(), 15005);
+  EXPECT_STREQ(client.NETWhoAmI(), "");
+}
+
+TEST(ClientLibrary, NeverInitialisedObjectGivesNeutralResults) {
+  cVantrelClientObject client;
+  EXPECT_FALSE(client.Valid());
+  EXPECT_FALSE(client.NETSendMessageZ1("x", 2, "a@b"));
+  EXPECT_FALSE(client.NETSendMessageNoresponseZ1("x", 2, "a@b"));
+  EXPECT_FALSE(client.NETSendMessageNowaitZ1(1, "x", 2, "a@b"));
+  EXPECT_FALSE(client.NETSendMultiMessageZ1("x", 2, "a@b"));
+  EXPECT_FALSE(client.NETCopyFileZ1(1, "x", 2, "b"));
+  EXPECT_EQ(client.NETWaitMessageX1(), nullptr);
+  EXPECT_EQ(client.NETWaitMessageX2(), nullptr);
+  EXPECT_EQ(client.NETFetchMessage(), nullptr);
+  EXPECT_STREQ(client.NETWhoAmI(), "");
+  EXPECT_STREQ(client.NETLocalHostName(), "");
+  EXPECT_EQ(client.NETGetLastStatus(), -1);
+  EXPECT_EQ(client.NETGetLastErrorMessage(), nullptr);
+  EXPECT_FALSE(client.NETTurnOn());
+  EXPECT_FALSE(client.NETTurnOff());
+  client.NETTerminate();
+  EXPECT_FALSE(client.Valid());
+}
+
+TEST(ClientQueue, AckQueueKeepsOnlyTheNewestEntries) {
+  CVantrelClientQueue queue(1, 4);
+  LogCapture log;
+  for (int i = 0; i < 6; ++i) {
+    const std::string text = std::to_string(i);
+    queue.putMessage(new cTypedMessageObject(text.c_str(), 2, 102, 1));
+  }
+  EXPECT_EQ(queue.size(), 4u);
+  EXPECT_EQ(log.count("oldest dropped"), 2u);
+  for (const char* expected : {"2", "3", "4", "5"}) {
+    std::unique_ptr<cTypedMessageObject> next(queue.fetchMessage());
+    ASSERT_TRUE(next);
+    EXPECT_STREQ(next->getData(), expected);
+  }
+  EXPECT_EQ(queue.fetchMessage(), nullptr);
+}
+
+TEST(ClientQueue, ClientsCollectionIsEmptiedByClientTerminate) {
+  struct Counted : RWCollectable {
+    explicit Counted(int& count) : count(count) {}
+    ~Counted() override { ++count; }
+    int& count;
+  };
+  int destroyed = 0;
+  CClientsCollection::Instance().Insert(new Counted(destroyed));
+  CClientsCollection::Instance().Insert(new Counted(destroyed));
+  VantrelClientTerminate();
+  EXPECT_EQ(destroyed, 2);
+  EXPECT_EQ(CClientsCollection::Instance().Size(), 0u);
+}

@@ -1,0 +1,181 @@
+#include "vantrel/message/packmsg.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/support/testutil.h"
+#include "vantrel/message/typedmsg.h"
+
+namespace {
+
+void ExpectSameFields(const cVantrelMessage& a, cVantrelMessage b) {
+  EXPECT_EQ(a.getMessageId(), b.getMessageId());
+  EXPECT_STREQ(a.getToHost(), b.getToHost());
+  EXPECT_STREQ(a.getToClient(), b.getToClient());
+  EXPECT_STREQ(a.getFromHost(), b.getFromHost());
+  EXPECT_STREQ(a.getFromClient(), b.getFromClient());
+  EXPECT_EQ(const_cast<cVantrelMessage&>(a).getQtype(), b.getQtype());
+  EXPECT_EQ(a.getType(), b.getType());
+  EXPECT_EQ(a.getSubtype(), b.getSubtype());
+  ASSERT_EQ(a.getDatalen(), b.getDatalen());
+  EXPECT_EQ(0, std::memcmp(a.getData(), b.getData(), a.getDatalen()));
+}
+
+cVantrelMessage Rebuilt(const cVantrelMessage& m) {
+  return cVantrelMessage(m.getPackedBuf(), m.getPackedBufLen(), m.getType(), m.getSubtype());
+}
+
+TEST(PackedRecord, RoundTripKeepsEveryField) {
+  const std::string payload("bin\0ary\xff", 8);
+  cVantrelMessage m(0xDEADBEEF, "lg01~9011", "recorder", "lg02", "driver", QTYPE_ASYNC, -2, 1036, payload.data(),
+                    static_cast<std::uint32_t>(payload.size()));
+  ASSERT_TRUE(m.isValid());
+  cVantrelMessage back = Rebuilt(m);
+  ASSERT_TRUE(back.isValid());
+  ExpectSameFields(m, back);
+  EXPECT_EQ(back.getQtype(), QTYPE_ASYNC);
+  EXPECT_EQ(back.getSubtype(), 1036);
+  EXPECT_EQ(back.getType(), -2);
+  EXPECT_EQ(back.getToList(), back.getToHost());
+  // The payload is followed by a zero inside the buffer, so it reads as text safely.
+  EXPECT_EQ(back.getData()[back.getDatalen()], '\0');
+}
+
+TEST(PackedRecord, EmptyTextsAndNoDataRoundTrip) {
+  cVantrelMessage m(0, nullptr, "", nullptr, "", QTYPE_CLIENT, 3, 0, nullptr, 0);
+  ASSERT_TRUE(m.isValid());
+  cVantrelMessage back = Rebuilt(m);
+  ASSERT_TRUE(back.isValid());
+  ExpectSameFields(m, back);
+  EXPECT_STREQ(back.getToHost(), "");
+  ASSERT_NE(back.getData(), nullptr);
+  EXPECT_EQ(back.getDatalen(), 0u);
+}
+
+TEST(PackedRecord, SubtypeTravelsInsideTheBufferNotInTheFrame) {
+  cVantrelMessage m(7, "h", "c", "fh", "fc", QTYPE_SYNC, 2, 0, "x", 1);
+  // A host link carries every frame with its version marker as subtype.
+  cVantrelMessage back(m.getPackedBuf(), m.getPackedBufLen(), 2, 0x7F04);
+  EXPECT_EQ(back.getSubtype(), 0);
+
+  m.setSubtype(1);
+  EXPECT_EQ(m.getSubtype(), 1);
+  EXPECT_EQ(Rebuilt(m).getSubtype(), 0) << "setSubtype must not rewrite the packed buffer";
+}
+
+TEST(PackedRecord, CopiesShareTheBufferAndMayOutliveTheSource) {
+  auto* source = new cVantrelMessage(1, "h", "c", "fh", "fc", QTYPE_CLIENT, 2, 0, "payload", 8);
+  cVantrelMessage copy(*source);
+  cVantrelMessage assigned(0, "", "", "", "", QTYPE_CLIENT, 0, 0, nullptr, 0);
+  assigned = *source;
+  EXPECT_EQ(copy.getPackedBuf(), source->getPackedBuf());
+  EXPECT_EQ(copy.getData(), source->getData());
+  EXPECT_EQ(assigned.getToClient(), source->getToClient());
+  delete source;
+  // Under the address sanitizer a freed buffer here would be reported.
+  EXPECT_STREQ(copy.getData(), "payload");
+  EXPECT_STREQ(assigned.getFromHost(), "fh");
+}
+
+TEST(PackedRecord, MalformedBuffersAreRejectedWithoutReadingPastThem) {
+  cVantrelMessage m(9, "host", "client", "from", "sender", QTYPE_SYNC, 2, 0, "data", 4);
+  const std::vector<char> good(m.getPackedBuf(), m.getPackedBuf() + m.getPackedBufLen());
+  vantrel::test::LogCapture log;
+
+  // Every truncation, each in a buffer of exactly that size.
+  for (std::size_t n = 0; n < good.size(); ++n) {
+    std::vector<char> cut(good.begin(), good.begin() + static_cast<long>(n));
+    std::unique_ptr<cVantrelMessage> out;
+    std::string error;
+    EXPECT_FALSE(cVantrelMessage::Unpack(cut.data(), static_cast<std::uint32_t>(n), 2, 0, out, &error)) << n;
+    EXPECT_FALSE(out);
+    EXPECT_FALSE(error.empty());
+  }
+  // Trailing bytes.
+  std::vector<char> longer = good;
+  longer.push_back('\0');
+  cVantrelMessage extra(longer.data(), static_cast<std::uint32_t>(longer.size()), 2, 0);
+  EXPECT_FALSE(extra.isValid());
+  EXPECT_STREQ(extra.getToHost(), "");
+  EXPECT_EQ(extra.getData(), nullptr);
+  EXPECT_EQ(extra.getPackedBufLen(), 0u);
+  EXPECT_TRUE(log.contains("malformed packed record"));
+
+  // A declared length far beyond the buffer, and a text with no terminator.
+  std::vector<char> huge = good;
+  huge[36] = '\x7f';
+  EXPECT_FALSE(cVantrelMessage(huge.data(), static_cast<std::uint32_t>(huge.size()), 2, 0).isValid());
+  std::vector<char> unterminated = good;
+  unterminated[40 + 4] = 'X';  // the zero after "host"
+  EXPECT_FALSE(cVantrelMessage(unterminated.data(), static_cast<std::uint32_t>(unterminated.size()), 2, 0).isValid());
+  EXPECT_FALSE(cVantrelMessage(nullptr, 100, 2, 0).isValid());
+}
+
+TEST(PackedRecord, RandomBuffersNeverCrash) {
+  std::mt19937 rng(1234);
+  cVantrelMessage m(9, "host", "client", "from", "sender", QTYPE_SYNC, 2, 0, "data", 4);
+  for (int round = 0; round < 2000; ++round) {
+    std::vector<char> buf(m.getPackedBuf(), m.getPackedBuf() + m.getPackedBufLen());
+    if (round % 2 == 0) {
+      buf.resize(rng() % 128);
+      for (char& c : buf) c = static_cast<char>(rng());
+    } else {
+      for (int flips = 0; flips < 3; ++flips) buf[rng() % buf.size()] = static_cast<char>(rng());
+    }
+    cVantrelMessage r(buf.data(), static_cast<std::uint32_t>(buf.size()), 2, 0);
+    if (r.isValid()) {
+      // Whatever survived validation lies inside the buffer.
+      EXPECT_EQ(r.getPackedBufLen(), buf.size());
+      EXPECT_LE(std::strlen(r.getToHost()) + std::strlen(r.getFromClient()) + r.getDatalen(), buf.size());
+    }
+  }
+}
+
+TEST(TypedMessage, PayloadIsCopiedOrAdoptedAndEmptyMeansNull) {
+  char frame[] = "abc";
+  cTypedMessageObject copied(frame, 3, 2, 1);
+  frame[0] = 'z';
+  ASSERT_NE(copied.getData(), nullptr);
+  EXPECT_EQ(std::string(copied.getData(), 3), "abc");
+  EXPECT_EQ(copied.getSubtype(), 1);
+
+  cTypedMessageObject empty("ignored", 0, 2, 0);
+  EXPECT_EQ(empty.getData(), nullptr);
+
+  char* buffer = new char[4]{'w', 'x', 'y', 'z'};
+  cTypedMessageObject adopted(cTypedMessageObject::AdoptBuffer{}, buffer, 4, 5, 0);
+  EXPECT_EQ(adopted.getData(), buffer);
+
+  vantrel::test::LogCapture log;
+  cTypedMessageObject broken(nullptr, 16, 2, 0);
+  EXPECT_EQ(broken.getData(), nullptr);
+  EXPECT_EQ(broken.getLength(), 0);
+  EXPECT_TRUE(log.contains("null data with length 16"));
+  EXPECT_TRUE(copied.isEqual(&copied));
+  EXPECT_FALSE(copied.isEqual(&adopted));
+}
+
+TEST(TypedMessage, FrameToRecordConversion) {
+  cVantrelMessage m(42, "lg01", "recorder", "lg02", "driver", QTYPE_CLIENT, 1034, 0, "hi", 3);
+  cTypedMessageObject frame(m.getPackedBuf(), static_cast<std::int32_t>(m.getPackedBufLen()), 1034, 0);
+  cVantrelMessage* r = NVSTmo2Ttm(&frame);
+  ASSERT_NE(r, nullptr);
+  EXPECT_TRUE(r->isValid());
+  ExpectSameFields(m, *r);
+  NVSDeleteMsg(r);
+
+  // A greeting-sized block of zeros is not a record.
+  std::vector<char> block(258, '\0');
+  cTypedMessageObject greeting(block.data(), 258, 1029, 1);
+  cVantrelMessage* bad = NVSTmo2Ttm(&greeting);
+  ASSERT_NE(bad, nullptr);
+  EXPECT_FALSE(bad->isValid());
+  NVSDeleteMsg(bad);
+  EXPECT_EQ(NVSTmo2Ttm(nullptr), nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,99 @@
+#include "vantrel/support/associativearray.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/support/testutil.h"
+
+namespace {
+
+CAssociativeArray RoundTrip(const CAssociativeArray& a, bool terminator, bool lines) {
+  std::string text;
+  long length = 0;
+  a.ToString(text, length, terminator, lines);
+  EXPECT_EQ(static_cast<std::size_t>(length), text.size() + (terminator ? 1 : 0));
+  CAssociativeArray back;
+  EXPECT_TRUE(back.FromString(text.c_str(), length)) << text;
+  return back;
+}
+
+TEST(AssociativeArray, HostileTextsRoundTripExactly) {
+  CAssociativeArray a;
+  a.AddCouple("$LOCALFILE", "C:\\dir with spaces\\a;b=c.txt");
+  a.AddCouple("$FILECOPYCOMPLETIONSTATE", 4L);
+  a.AddCouple("quote\"d", "line\nbreak;\n12:x=3:abc;");
+  a.AddCouple(std::string("nul\0key", 7), std::string("\0\0value\0", 8));
+  a.AddCouple("", "");
+  a.AddCouple("A3;", "=");
+  for (bool terminator : {false, true})
+    for (bool lines : {false, true}) {
+      CAssociativeArray back = RoundTrip(a, terminator, lines);
+      using Map = std::unordered_map<std::string, std::string>;
+      EXPECT_TRUE(static_cast<const Map&>(back) == static_cast<const Map&>(a));
+    }
+  EXPECT_EQ(a.GetValueOfParameter("$FILECOPYCOMPLETIONSTATE"), "4");
+  EXPECT_EQ(RoundTrip(CAssociativeArray(), false, false).size(), 0u);
+}
+
+TEST(AssociativeArray, MissingNamesGiveEmptyTextOrTheKeyException) {
+  CAssociativeArray a(3);
+  a.AddCouple("$FILENAME", "x");
+  a.AddCouple("$FILENAME", "y");  // replaces
+  EXPECT_EQ(a["$FILENAME"], "y");
+  EXPECT_EQ(a.GetValueOfParameter("$REMOTEFILE"), "");
+  EXPECT_FALSE(a.HasParameter("$REMOTEFILE"));
+  EXPECT_EQ(a.size(), 1u) << "a lookup must not add a couple";
+  try {
+    a.GetRequiredValue("$REMOTEFILE");
+    FAIL() << "no exception";
+  } catch (const CAssociativeArrayException& e) {
+    EXPECT_EQ(e.messageNumber(), 11);
+    EXPECT_EQ(e.messageFile(), "runcore.frm");
+    EXPECT_NE(std::string(e.what()).find("$REMOTEFILE"), std::string::npos);
+  }
+}
+
+TEST(AssociativeArray, MalformedTextsAreRejectedAndLeaveTheArrayEmpty) {
+  const std::string bad[] = {
+      "garbage",
+      "A1;",                         // count without couples
+      "A1;5:abc=0:;",                // name length past the end
+      "A1;3:abc=0:",                 // no separator
+      "A1;3:abc=0:;x",               // trailing bytes
+      "A2;1:a=0:;1:a=0:;",           // name twice
+      "A99999999999;",               // count too long
+      "A4294967295;1:a=0:;",         // count larger than the text
+      "A1;-1:a=0:;",                 // signed length
+      std::string("A0;\0\0", 5),     // more than one trailing zero
+  };
+  vantrel::test::LogCapture log;
+  for (const std::string& text : bad) {
+    CAssociativeArray a;
+    a.AddCouple("stale", "value");
+    EXPECT_FALSE(a.FromString(text.data(), static_cast<long>(text.size()))) << text;
+    EXPECT_TRUE(a.empty()) << text;
+  }
+  EXPECT_TRUE(log.contains("CAssociativeArray::FromString - illegal syntax"));
+  CAssociativeArray a;
+  EXPECT_FALSE(a.FromString(nullptr, 4));
+  EXPECT_FALSE(a.FromString("A0;", -1));
+  EXPECT_TRUE(a.FromString("", 0));
+  EXPECT_THROW(a.Parse("A1;", 3), CIllegalAssoSyntaxException);
+}
+
+TEST(ErrorException, MessageTextsCarryTheirArguments) {
+  CIllegalAssoSyntaxException syntax("A1;");
+  EXPECT_EQ(syntax.messageNumber(), 10);
+  EXPECT_STREQ(syntax.what(), "Illegal associative array syntax: \"A1;\".");
+  CAssoKeyDoesNotExistException key("$X", "request");
+  EXPECT_STREQ(key.what(), "The key \"$X\" does not exist in \"request\".");
+  const QXErrorException& base = key;
+  EXPECT_EQ(base.arguments().size(), 2u);
+
+  QXErrorException unknown("runcore.frm", 99, {"a", "b"});
+  EXPECT_STREQ(unknown.what(), "Error 99 of message file \"runcore.frm\" (arguments: \"a\" \"b\").");
+  EXPECT_EQ(QXErrorException::MessageTemplate("other.frm", 10), nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,169 @@
+#include "tests/support/scriptedservice.h"
+
+#include <cstring>
+#include <deque>
+
+#include "vantrel/message/packmsg.h"
+
+namespace vantrel::test {
+
+namespace {
+constexpr std::size_t kGreetingSize = 258;
+constexpr std::size_t kHostOffset = 130;
+constexpr std::size_t kNameOffset = 2;
+}  // namespace
+
+struct ScriptedService::cConnection {
+  explicit cConnection(StreamSocket::cSocketHandle&& handle) : socket(std::move(handle), nullptr, "scripted") {}
+  StreamSocket socket;
+  std::thread reader;
+  std::deque<cFrame> unread;
+  std::size_t received = 0;
+  bool peerClosed = false;
+  std::string clientName;
+};
+
+ScriptedService::ScriptedService(cOptions options) : options_(std::move(options)), listener_(false, "scripted") {
+  listener_.CreateListenerSocket(options_.port, c_Socket::eLoopbackOnly);
+  port_ = listener_.LocalPort();
+  acceptThread_ = std::thread([this] { AcceptLoop(); });
+}
+
+ScriptedService::~ScriptedService() {
+  listener_.CloseSocket();
+  acceptThread_.join();
+  std::vector<std::unique_ptr<cConnection>> connections;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    connections.swap(connections_);
+  }
+  for (auto& connection : connections) connection->socket.CloseSocket();
+  for (auto& connection : connections) connection->reader.join();
+}
+
+void ScriptedService::SetAck(tAck ack) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ack_ = ack;
+}
+
+void ScriptedService::AcceptLoop() {
+  for (;;) {
+    auto accepted = listener_.Accept(StreamSocket::cSocketOptions());
+    if (!accepted.handle) return;
+    auto connection = std::make_unique<cConnection>(std::move(*accepted.handle));
+    cConnection* raw = connection.get();
+    std::lock_guard<std::mutex> lock(mutex_);
+    connections_.push_back(std::move(connection));
+    raw->reader = std::thread([this, raw] { ReadLoop(raw); });
+    changed_.notify_all();
+  }
+}
+
+void ScriptedService::ReadLoop(cConnection* connection) {
+  for (;;) {
+    short type = 0;
+    short subtype = 0;
+    char* data = nullptr;
+    unsigned length = 0;
+    if (!connection->socket.WaitTypedMessageZ1(type, subtype, data, length, nullptr)) break;
+    cFrame frame{type, subtype, std::string(data ? data : "", data ? length : 0)};
+    StreamSocket::FreeMessage(data);
+    Answer(connection, frame);
+    std::lock_guard<std::mutex> lock(mutex_);
+    connection->unread.push_back(std::move(frame));
+    ++connection->received;
+    changed_.notify_all();
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  connection->peerClosed = true;
+  changed_.notify_all();
+}
+
+void ScriptedService::Answer(cConnection* connection, const cFrame& frame) {
+  if (frame.type == 1029 && frame.data.size() == kGreetingSize) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      connection->clientName = std::string(frame.data.c_str() + kNameOffset, strnlen(frame.data.c_str() + kNameOffset, 128));
+    }
+    if (!options_.replyToGreeting) return;
+    std::string reply = frame.data;
+    std::memset(reply.data() + kHostOffset, 0, 128);
+    std::memcpy(reply.data() + kHostOffset, options_.hostName.data(), std::min<std::size_t>(options_.hostName.size(), 128));
+    std::memcpy(reply.data(), &options_.netPort, sizeof(options_.netPort));
+    const short type = options_.greetingReplyType < 0 ? frame.type : options_.greetingReplyType;
+    connection->socket.SendTypedMessageZ2(type, 1, reply.data(), static_cast<unsigned>(reply.size()));
+    return;
+  }
+  if (frame.type != 2 && frame.type != 1034) return;
+  tAck ack;
+  std::string clientName;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ack = ack_;
+    clientName = connection->clientName;
+  }
+  if (ack == tAck::eNone) return;
+  const short type = ack == tAck::eDelivered ? 102 : ack == tAck::eRefused ? 101 : 103;
+  const short subtype = ack == tAck::eNotDelivered ? 0 : 1;
+  const cVantrelMessage answer(0, options_.hostName.c_str(), clientName.c_str(),
+                               options_.hostName.c_str(), "", QTYPE_SYNC, type, subtype, "", 1);
+  connection->socket.SendTypedMessageZ2(type, subtype, answer.getPackedBuf(), answer.getPackedBufLen());
+}
+
+ScriptedService::cConnection* ScriptedService::Get(std::size_t index) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return index < connections_.size() ? connections_[index].get() : nullptr;
+}
+
+bool ScriptedService::WaitConnections(std::size_t count, std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return changed_.wait_for(lock, timeout, [&] { return connections_.size() >= count; });
+}
+
+std::optional<cFrame> ScriptedService::NextFrame(std::size_t index, std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (!changed_.wait_for(lock, timeout,
+                         [&] { return index < connections_.size() && !connections_[index]->unread.empty(); }))
+    return std::nullopt;
+  cFrame frame = std::move(connections_[index]->unread.front());
+  connections_[index]->unread.pop_front();
+  return frame;
+}
+
+std::size_t ScriptedService::FrameCount(std::size_t index) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return index < connections_.size() ? connections_[index]->received : 0;
+}
+
+bool ScriptedService::Send(std::size_t index, short type, short subtype, const std::string& data) {
+  cConnection* connection = Get(index);
+  return connection != nullptr &&
+         connection->socket.SendTypedMessageZ2(type, subtype, data.data(), static_cast<unsigned>(data.size()));
+}
+
+bool ScriptedService::SendRecord(std::size_t index, short type, short subtype, const std::string& payload,
+                                 std::uint32_t messageId) {
+  cConnection* connection = Get(index);
+  if (connection == nullptr) return false;
+  std::string clientName;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    clientName = connection->clientName;
+  }
+  const cVantrelMessage record(messageId, options_.hostName.c_str(), clientName.c_str(), "elsewhere",
+                               "sender", QTYPE_SYNC, type, subtype, payload.c_str(),
+                               static_cast<std::uint32_t>(payload.size() + 1));
+  return connection->socket.SendTypedMessageZ2(type, subtype, record.getPackedBuf(), record.getPackedBufLen());
+}
+
+void ScriptedService::Close(std::size_t index) {
+  if (cConnection* connection = Get(index)) connection->socket.CloseSocket();
+}
+
+bool ScriptedService::WaitPeerClosed(std::size_t index, std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return changed_.wait_for(lock, timeout,
+                           [&] { return index < connections_.size() && connections_[index]->peerClosed; });
+}
+
+}  // namespace vantrel::test

@@ -1,0 +1,68 @@
+#pragma once
+// VantrelClientEvent and VantrelHostEvent: a message record that is also an
+// event of the event framework, so that the service can route it.
+//
+// A client event is keyed by its to-client name (it is delivered to a local
+// client); a host event by its to-host name (it goes to another host's
+// service). The same classes are the registration keys (built from a name and
+// the client object that wants the traffic) and the routed messages. Two events
+// are equal when they are of the same class and their key texts are equal byte
+// for byte; nothing else of the records is compared. A client event never
+// equals a host event.
+//
+// Ownership and threads: as for their bases. A routed event belongs to whoever
+// holds it (creator, queue, taker); a registration key belongs to the registry
+// it was registered with. An event is not changed once it is posted, so the
+// threads it passes through only read it.
+#include <cstdint>
+
+#include "vantrel/base/events/events.h"
+#include "vantrel/base/export.h"
+#include "vantrel/message/packmsg.h"
+
+class VANTREL_API VantrelClientEvent : public cVantrelMessage, public BaseEvent {
+ public:
+  static constexpr std::uint16_t kClassId = 0;
+
+  VantrelClientEvent(const VantrelClientEvent& other) = default;
+  // A record from its parts, with a default event part. A negative length is
+  // logged and taken as no data.
+  VantrelClientEvent(long messageId, const char* toHost, const char* toClient, const char* fromHost,
+                     const char* fromClient, QType qtype, short type, short subtype, const char* data, long datalen);
+  // A record rebuilt from a packed buffer (see cVantrelMessage), with a
+  // default event part. A malformed buffer leaves the record invalid.
+  VantrelClientEvent(const char* buffer, long length, short type, short subtype);
+  // A registration key: to client `name`, every other text empty, id, QType,
+  // type and subtype 0, data the empty text with length 1; the event part
+  // names `client` and its handler id `value`.
+  VantrelClientEvent(const char* name, ClientObj* client, int value);
+  VantrelClientEvent& operator=(const VantrelClientEvent& other) = default;
+  ~VantrelClientEvent() override;
+
+  std::uint16_t isA() const override;
+  unsigned hash() const override;
+  bool isEqual(const RWCollectable* other) const override;
+  const char* nameOf() const override;
+};
+
+class VANTREL_API VantrelHostEvent : public cVantrelMessage, public BaseEvent {
+ public:
+  static constexpr std::uint16_t kClassId = 1;
+
+  VantrelHostEvent(const VantrelHostEvent& other) = default;
+  VantrelHostEvent(long messageId, const char* toHost, const char* toClient, const char* fromHost,
+                   const char* fromClient, QType qtype, short type, short subtype, const char* data, long datalen);
+  VantrelHostEvent(const char* buffer, long length, short type, short subtype);
+  // A registration key: as for VantrelClientEvent, with `name` as the to host.
+  VantrelHostEvent(const char* name, ClientObj* client, int value);
+  VantrelHostEvent& operator=(const VantrelHostEvent& other) = default;
+  ~VantrelHostEvent() override;
+
+  std::uint16_t isA() const override;
+  unsigned hash() const override;
+  bool isEqual(const RWCollectable* other) const override;
+  const char* nameOf() const override;
+};
+
+// The exact-case hash of a key text used by both event classes (FNV-1a).
+VANTREL_API unsigned gVantrelKeyHash(const char* key);
