@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <random>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -133,6 +135,24 @@ TEST(PackedRecord, RandomBuffersNeverCrash) {
       EXPECT_LE(std::strlen(r.getToHost()) + std::strlen(r.getFromClient()) + r.getDatalen(), buf.size());
     }
   }
+}
+
+TEST(PackedRecord, CopiesOnOtherThreadsOutliveTheSource) {
+  auto source = std::make_unique<cVantrelMessage>(1, "h", "c", "fh", "fc", QTYPE_CLIENT, 2, 0, "shared", 7);
+  std::vector<cVantrelMessage> copies(4, *source);
+  std::vector<std::thread> readers;
+  std::atomic<int> intact{0};
+  for (cVantrelMessage& copy : copies)
+    readers.emplace_back([&intact, c = std::move(copy)] {
+      for (int i = 0; i < 1000; ++i) {
+        cVantrelMessage again(c);
+        if (std::strcmp(again.getData(), "shared") == 0) ++intact;
+      }
+    });
+  source.reset();  // while the threads still read their copies
+  copies.clear();
+  for (std::thread& t : readers) t.join();
+  EXPECT_EQ(intact.load(), 4000);
 }
 
 TEST(TypedMessage, PayloadIsCopiedOrAdoptedAndEmptyMeansNull) {

@@ -259,6 +259,7 @@ TEST(StreamSocketTest, SimulatedLatencyDelaysFramesInTurn) {
   options.simulatedLatency = {nTime::cDiff::FromSeconds(30)};
   auto slow = SocketPair::Plain(options);
   auto send = std::async(std::launch::async, [&] { return slow.client->SendTypedMessageZ2(1, 0, "z", 1); });
+  EXPECT_EQ(send.wait_for(100ms), std::future_status::timeout);  // inside the delay
   slow.client->CloseSocket();
   ASSERT_EQ(send.wait_for(2s), std::future_status::ready);
   EXPECT_FALSE(send.get());

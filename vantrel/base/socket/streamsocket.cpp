@@ -164,14 +164,16 @@ c_Socket::tWait c_Socket::WaitReady(int descriptor, short events, std::int64_t d
       if (remaining <= 0) return tWait::eTimeout;
       timeoutMs = static_cast<int>(std::min<std::int64_t>((remaining + 999) / 1000, 1 << 30));
     }
-    pollfd fds[2] = {{descriptor, events, 0}, {wakeFd_, POLLIN, 0}};
+    // The wake descriptor comes first so that a pure wait for a close (no
+    // descriptor) polls it alone.
+    pollfd fds[2] = {{wakeFd_, POLLIN, 0}, {descriptor, events, 0}};
     const int n = ::poll(fds, descriptor >= 0 ? 2 : 1, timeoutMs);
     if (n < 0) {
       if (errno == EINTR) continue;
       return tWait::eError;
     }
-    if (IsClosed() || (descriptor >= 0 ? fds[1].revents : fds[0].revents)) return tWait::eClosed;
-    if (n > 0 && descriptor >= 0 && fds[0].revents) return tWait::eReady;
+    if (IsClosed() || fds[0].revents) return tWait::eClosed;
+    if (n > 0 && descriptor >= 0 && fds[1].revents) return tWait::eReady;
   }
 }
 

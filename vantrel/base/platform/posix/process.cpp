@@ -122,7 +122,8 @@ int PidFdOpen(pid_t pid) {
 }
 
 int MillisecondsLeft(std::chrono::steady_clock::time_point deadline) {
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+  // Rounded up: poll must not return before the deadline.
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
   if (left.count() <= 0) return 0;
   return static_cast<int>(std::min<long long>(left.count(), 1000 * 1000));
 }

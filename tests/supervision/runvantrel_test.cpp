@@ -1,0 +1,305 @@
+#include "vantrel/supervision/runvantrel.h"
+
+#include <gtest/gtest.h>
+#include <grp.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/support/testutil.h"
+#include "vantrel/base/platform/hostinfo.h"
+#include "vantrel/base/platform/process.h"
+#include "vantrel/supervision/processcheck.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using vantrel::test::LogCapture;
+using vantrel::test::ReadFile;
+using vantrel::test::TempDir;
+using vantrel::test::WaitUntil;
+
+constexpr std::uint32_t kNobody = 65534;
+
+// Sets an environment variable for the life of the object.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    if (const char* old = getenv(name)) old_ = old;
+    if (value != nullptr) {
+      setenv(name, value, 1);
+    } else {
+      unsetenv(name);
+    }
+  }
+  ~ScopedEnv() {
+    if (old_) {
+      setenv(name_.c_str(), old_->c_str(), 1);
+    } else {
+      unsetenv(name_.c_str());
+    }
+  }
+
+ private:
+  std::string name_;
+  std::optional<std::string> old_;
+};
+
+std::string WriteScript(const TempDir& dir, const std::string& name, const std::string& body) {
+  const std::string path = dir.write(name, "#!/bin/sh\n" + body);
+  chmod(path.c_str(), 0755);
+  return path;
+}
+
+// A sleeping process whose name begins with "vantrel", started from a link to
+// sleep; optionally as another user (real and effective ids given).
+class FakeService {
+ public:
+  FakeService(const TempDir& dir, const std::string& name, std::optional<std::pair<uid_t, uid_t>> ids = {}) {
+    const std::string link = dir.file(name);
+    symlink("/bin/sleep", link.c_str());
+    pid_ = fork();
+    if (pid_ == 0) {
+      if (ids) {
+        // Group first: without root the group can no longer be changed.
+        if (setgroups(0, nullptr) != 0 || setresgid(kNobody, kNobody, kNobody) != 0 ||
+            setresuid(ids->first, ids->second, ids->second) != 0)
+          _exit(120);
+      }
+      execl(link.c_str(), name.c_str(), "30", static_cast<char*>(nullptr));
+      _exit(121);
+    }
+    const std::string shown = name.substr(0, 15);
+    started_ = WaitUntil([&] { return RQPReadProcessEntry(pid_, entry_) && entry_.imageName == shown; });
+  }
+  ~FakeService() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  bool started() const { return started_; }
+  const RQPProcessEntry& entry() const { return entry_; }
+
+ private:
+  pid_t pid_ = -1;
+  bool started_ = false;
+  RQPProcessEntry entry_;
+};
+
+RQPProcessEntry Self() {
+  RQPProcessEntry self;
+  EXPECT_TRUE(RQPReadProcessEntry(getpid(), self));
+  return self;
+}
+
+int Check(const std::vector<RQPProcessEntry>& entries, const char* direct, char* message) {
+  return nSupervision::gCheckVantrelProcesses(entries, getpid(), direct, message);
+}
+
+TEST(VantrelProcessCheck, FindsARunningServiceProcessByNamePrefix) {
+  TempDir dir;
+  FakeService fake(dir, "vantrel-fake");
+  ASSERT_TRUE(fake.started());
+  {
+    ScopedEnv direct("DIRECT_SNAREWAY_EXECUTION", nullptr);
+    char message[kVantrelProcessMessageSize] = "untouched";
+    EXPECT_EQ(IsVantrelProcessRunning(message), 0);
+    EXPECT_STREQ(message, "untouched");
+  }
+  {
+    ScopedEnv direct("DIRECT_SNAREWAY_EXECUTION", "YES");
+    EXPECT_EQ(IsVantrelProcessRunning(nullptr), 0);
+  }
+
+  // Prefix without regard to case.
+  FakeService upper(dir, "VANTREL2");
+  ASSERT_TRUE(upper.started());
+  EXPECT_EQ(Check({Self(), upper.entry()}, nullptr, nullptr), 0);
+}
+
+TEST(VantrelProcessCheck, NotFoundSkipsTheCallerAndOtherNames) {
+  TempDir dir;
+  FakeService other(dir, "servicevantrel");
+  ASSERT_TRUE(other.started());
+  // The test program's own name begins with "vantrel" too: it must not count.
+  const RQPProcessEntry self = Self();
+  ASSERT_TRUE(nSupervision::gIsVantrelImage(self));
+
+  char message[kVantrelProcessMessageSize] = "";
+  EXPECT_EQ(Check({self, other.entry()}, "yes", message), 3);
+  EXPECT_STREQ(message, "The Vantrel process was not found.");
+  EXPECT_EQ(Check({self}, nullptr, nullptr), 3);
+
+  // A service process that has ended but was not reaped serves nobody.
+  RQPProcessEntry zombie = self;
+  zombie.pid = getpid() + 1;
+  zombie.state = 'Z';
+  EXPECT_EQ(Check({self, zombie}, nullptr, nullptr), 3);
+}
+
+TEST(VantrelProcessCheck, AnotherUsersServiceCountsOnlyWhenDirectExecutionSaysSo) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to start a process as user nobody";
+  TempDir dir;
+  chmod(dir.path().c_str(), 0755);
+  FakeService foreign(dir, "vantrel-nobody", std::make_pair(kNobody, kNobody));
+  ASSERT_TRUE(foreign.started());
+  ASSERT_EQ(foreign.entry().realUid, kNobody);
+  const std::vector<RQPProcessEntry> entries{Self(), foreign.entry()};
+
+  EXPECT_EQ(Check(entries, nullptr, nullptr), 0);
+  EXPECT_EQ(Check(entries, "", nullptr), 0);
+  EXPECT_EQ(Check(entries, "YES", nullptr), 0);
+
+  char message[kVantrelProcessMessageSize] = "untouched";
+  EXPECT_EQ(Check(entries, "yes", nullptr), 2);
+  EXPECT_EQ(Check(entries, "yes", message), 2);
+  const std::string expected = "The Vantrel process is running as different user \"" + RQPGetLocalHostName() +
+                               "\\nobody\".\r\nPlease close Brenmark Recorder, exit Vantrel and restart Brenmark "
+                               "Recorder to continue working.";
+  EXPECT_EQ(std::string(message), expected);
+}
+
+TEST(VantrelProcessCheck, SameUserAtAnotherElevationOrInAnotherSession) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to drop the effective user id";
+  TempDir dir;
+  chmod(dir.path().c_str(), 0755);
+  // Real user root, effective user nobody: the same user, not elevated.
+  FakeService lowered(dir, "vantrel-lowered", std::make_pair(0u, kNobody));
+  ASSERT_TRUE(lowered.started());
+  ASSERT_EQ(lowered.entry().realUid, 0u);
+  ASSERT_EQ(lowered.entry().effectiveUid, kNobody);
+
+  char message[kVantrelProcessMessageSize] = "";
+  EXPECT_EQ(Check({Self(), lowered.entry()}, "no", message), 2);
+  EXPECT_EQ(std::string(message),
+            "The Vantrel process is running  with different elevation level.\r\nPlease close Brenmark Recorder, exit "
+            "Vantrel and restart Brenmark Recorder to continue working.");
+
+  // Same user and elevation but another session: reported as a different user.
+  FakeService same(dir, "vantrel-same");
+  ASSERT_TRUE(same.started());
+  EXPECT_EQ(Check({Self(), same.entry()}, "no", nullptr), 0);
+  RQPProcessEntry elsewhere = same.entry();
+  elsewhere.sessionId = Self().sessionId + 1;
+  EXPECT_EQ(Check({Self(), elsewhere}, "no", nullptr), 2);
+  EXPECT_EQ(Check({Self(), elsewhere}, "no", message), 2);
+  EXPECT_NE(std::string(message).find("different user \"" + RQPGetLocalHostName() + "\\root\""), std::string::npos)
+      << message;
+}
+
+// A stand-in for systemctl, put first in PATH. It answers from files in its
+// folder: "loaded" makes the unit known, "active" makes it run; "start" is
+// recorded in "started".
+class FakeSystemd {
+ public:
+  explicit FakeSystemd(const std::string& extra = "")
+      : path_(("PATH"), (dir_.path() + ":" + std::string(getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin")).c_str()) {
+    WriteScript(dir_, "systemctl",
+                extra + "D=" + dir_.path() + "\n"
+                "case \"$1\" in\n"
+                "show) [ -f \"$D/loaded\" ] && state=loaded || state=not-found\n"
+                "      printf 'Id=vantrel.service\\nDescription=Vantrel message bus\\nLoadState=%s\\n' $state ;;\n"
+                "is-active) [ -f \"$D/active\" ] ;;\n"
+                "start) echo \"$@\" > \"$D/started\" ;;\n"
+                "esac\n");
+  }
+  void set(const std::string& name) const { dir_.write(name, ""); }
+  std::string file(const std::string& name) const { return dir_.file(name); }
+
+ private:
+  TempDir dir_;
+  ScopedEnv path_;
+};
+
+TEST(VantrelServiceConfig, FollowsWhatSystemdSays) {
+  FakeSystemd systemd;
+  VantrelServiceConfig config;
+  EXPECT_FALSE(config.ResolveVantrelServiceName());
+  EXPECT_EQ(IsVantrlServiceRunning(false), 0);
+
+  systemd.set("loaded");
+  ASSERT_TRUE(config.ResolveVantrelServiceName());
+  EXPECT_STREQ(config.GetServiceName(), "vantrel.service");
+  EXPECT_STREQ(config.GetDisplayName(), "Vantrel message bus");
+  EXPECT_NE(config.IsInstalled(), 0);
+  EXPECT_EQ(config.IsRunning(), 0);
+  EXPECT_EQ(IsVantrlServiceRunning(false), 1);
+  EXPECT_EQ(IsVantrlServiceRunning(true), 0);
+
+  systemd.set("active");
+  EXPECT_EQ(IsVantrlServiceRunning(true), 1);
+
+  VantrelServiceConfig copy;
+  copy = config;
+  EXPECT_STREQ(copy.GetServiceName(), "vantrel.service");
+  EXPECT_STREQ(copy.GetDisplayName(), "Vantrel message bus");
+}
+
+TEST(VantrelServiceConfig, NoSystemdOrAHangingOneMeansNotInstalled) {
+  {
+    ScopedEnv path("PATH", "/nonexistent");
+    EXPECT_EQ(IsVantrlServiceRunning(false), 0);
+  }
+  FakeSystemd stuck("exec sleep 30\n");
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(IsVantrlServiceRunning(false), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 20s);
+}
+
+class RunVantrelTest : public ::testing::Test {
+ protected:
+  RunVantrelTest() : bin_("RQ_BIN", programs_.path().c_str()) {}
+  void InstallProgram() {
+    WriteScript(programs_, "vantrel",
+                "echo $$ > " + programs_.file("pid.tmp") + "\n" + "mv " + programs_.file("pid.tmp") + " " +
+                    programs_.file("pid") + "\n" + "echo \"$@\" > " + programs_.file("args") + "\n" +
+                    "exec sleep 30\n");
+  }
+  TempDir programs_;
+  FakeSystemd systemd_;  // no unit installed unless a test says so
+  ScopedEnv bin_;
+};
+
+TEST_F(RunVantrelTest, StartsTheProgramFromTheProgramsFolderAndTerminatesIt) {
+  InstallProgram();
+  ASSERT_TRUE(RunVantrel(true));
+  ASSERT_TRUE(WaitUntil([&] { return !ReadFile(programs_.file("args")).empty(); }));
+  EXPECT_EQ(ReadFile(programs_.file("args")), "/s\n");
+  const pid_t pid = std::atoi(ReadFile(programs_.file("pid")).c_str());
+  ASSERT_GT(pid, 0);
+  EXPECT_EQ(getsid(pid), pid);  // detached from the caller
+
+  TerminateVantrel();
+  EXPECT_EQ(kill(pid, 0), -1);  // killed and reaped
+  TerminateVantrel();           // nothing left to do
+
+  ASSERT_EQ(unlink(programs_.file("args").c_str()), 0);
+  ASSERT_TRUE(RunVantrel(false));
+  ASSERT_TRUE(WaitUntil([&] { return !ReadFile(programs_.file("args")).empty(); }));
+  EXPECT_EQ(ReadFile(programs_.file("args")), "\n");
+  TerminateVantrel();
+}
+
+TEST_F(RunVantrelTest, AMissingProgramIsReported) {
+  LogCapture log;
+  EXPECT_FALSE(RunVantrel(true));
+  EXPECT_TRUE(log.contains("Error Occurred while running Vantrel (code: 2)\n please contact Tech support."));
+}
+
+TEST_F(RunVantrelTest, AnInstalledServiceIsStartedThroughSystemd) {
+  InstallProgram();
+  systemd_.set("loaded");
+  EXPECT_TRUE(RunVantrel(true));
+  EXPECT_EQ(ReadFile(systemd_.file("started")), "start --no-block vantrel.service\n");
+  EXPECT_EQ(access(programs_.file("pid").c_str(), F_OK), -1);
+}
+
+}  // namespace

@@ -1,0 +1,166 @@
+#include "vantrel/support/sync.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <cstdint>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "tests/support/testutil.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using vantrel::test::WaitUntil;
+
+TEST(AtomicManualEvent, TimedWaitsTestTheStateAndHonourTheDeadline) {
+  RQPAtomicManualEvent event;
+  EXPECT_FALSE(event.Get());
+
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(event.Wait(0L));
+  EXPECT_FALSE(event.Wait(-5000L));  // a deadline in the past tests once
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+
+  start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(event.Wait(60L));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 60ms);
+
+  EXPECT_TRUE(event.Set());
+  EXPECT_TRUE(event.Set());
+  event.Wait();  // set twice: returns at once
+  EXPECT_TRUE(event.Wait(0L));
+  EXPECT_TRUE(event.Wait(-1L));
+  EXPECT_TRUE(event.Get());
+
+  EXPECT_TRUE(event.Reset());
+  EXPECT_TRUE(event.Reset());
+  EXPECT_FALSE(event.Get());
+  EXPECT_FALSE(event.Wait(0L));
+}
+
+TEST(AtomicManualEvent, OneSetReleasesEveryWaiter) {
+  RQPAtomicManualEvent event;
+  constexpr int kWaiters = 6;
+  std::atomic<int> started{0};
+  std::atomic<int> released{0};
+  std::atomic<int> timedWaitsSet{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kWaiters; ++i) {
+    threads.emplace_back([&, i] {
+      ++started;
+      if (i % 2 == 0) {
+        event.Wait();
+      } else if (event.Wait(20000L)) {
+        ++timedWaitsSet;
+      }
+      ++released;
+    });
+  }
+  ASSERT_TRUE(WaitUntil([&] { return started.load() == kWaiters; }));
+  EXPECT_EQ(released.load(), 0);
+  event.Set();
+  EXPECT_TRUE(WaitUntil([&] { return released.load() == kWaiters; }, 5s));
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(timedWaitsSet.load(), kWaiters / 2);
+}
+
+TEST(AtomicManualEvent, SetGuardResetsForItsScopeAndSetsOnExitAndException) {
+  RQPAtomicManualEvent event;
+  event.Set();
+  {
+    RQPAtomicManualEvent::SetGuard guard(event);
+    EXPECT_FALSE(event.Get());
+  }
+  EXPECT_TRUE(event.Get());
+
+  try {
+    RQPAtomicManualEvent::SetGuard guard(event);
+    EXPECT_FALSE(event.Get());
+    throw std::runtime_error("leave the scope");
+  } catch (const std::runtime_error&) {
+  }
+  EXPECT_TRUE(event.Get());
+}
+
+TEST(SafeCounter, CountsAndWrapsAtTheThirtyTwoBitLimits) {
+  RQPSafeCounter zero;
+  EXPECT_EQ(zero.Get(), 0);
+  EXPECT_EQ(zero.Decrement(), -1);
+  EXPECT_EQ(zero.Get(), -1);
+
+  RQPSafeCounter five(5);
+  EXPECT_EQ(five.Increment(), 6);
+  five.Reset();
+  EXPECT_EQ(five.Get(), 0);
+
+  RQPSafeCounter top(INT32_MAX);
+  EXPECT_EQ(top.Increment(), static_cast<long>(INT32_MIN));
+  EXPECT_EQ(top.Get(), static_cast<long>(INT32_MIN));
+  EXPECT_EQ(top.Decrement(), static_cast<long>(INT32_MAX));
+}
+
+TEST(SafeCounter, ConcurrentIncrementsAreNotLost) {
+  RQPSafeCounter counter;
+  constexpr int kThreads = 4, kEach = 20000;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i)
+    threads.emplace_back([&] {
+      for (int n = 0; n < kEach; ++n) counter.Increment();
+    });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(counter.Get(), kThreads * kEach);
+}
+
+TEST(SafeFlag, SetReturnsThePreviousValueAndExactlyOneRacerWins) {
+  RQPSafeFlag flag;
+  EXPECT_FALSE(flag.Get());
+  EXPECT_FALSE(flag.Set(true));
+  EXPECT_TRUE(flag.Set(true));
+  EXPECT_TRUE(flag.Get());
+  EXPECT_TRUE(flag.Set(false));
+  EXPECT_FALSE(flag.Get());
+
+  RQPSafeFlag initiallySet(true);
+  EXPECT_TRUE(initiallySet.Get());
+
+  RQPSafeFlag race;
+  std::atomic<int> winners{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i)
+    threads.emplace_back([&] {
+      if (!race.Set(true)) ++winners;
+    });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(winners.load(), 1);
+}
+
+TEST(Mutex, IsReentrantAndNeedsOneUnlockPerLock) {
+  RQPMutex mutex;
+  {
+    RQPMutexGuard outer(mutex);
+    RQPMutexGuard inner(mutex);  // same thread: no deadlock
+    std::lock_guard<RQPMutex> scoped(mutex);
+  }
+
+  mutex.Lock();
+  mutex.Lock();
+  std::atomic<bool> acquired{false};
+  std::thread other([&] {
+    RQPMutexGuard guard(mutex);
+    acquired = true;
+  });
+  mutex.Unlock();
+  // Still held once: the other thread must stay out.
+  EXPECT_FALSE(WaitUntil([&] { return acquired.load(); }, 100ms));
+  mutex.Unlock();
+  EXPECT_TRUE(WaitUntil([&] { return acquired.load(); }));
+  other.join();
+}
+
+}  // namespace
