@@ -1,0 +1,87 @@
+// vantrel-bench: runs the named benchmark scenarios and prints one table.
+//
+//   vantrel-bench                 every scenario
+//   vantrel-bench latency         one scenario
+//   vantrel-bench --quick         short cases (a smoke run)
+//   vantrel-bench --list          the scenarios
+//
+// The scenarios start their own `vantrel` services on free loopback ports; by
+// default the program built beside this one.
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "bench/benchcore.h"
+#include "bench/servicerunner.h"
+
+namespace {
+
+// The client library reads its settings once, on first use; point it at the
+// same settings the services get before any client exists.
+std::string UseBenchSettings() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "vantrel-bench-client-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) == nullptr) return std::string();
+  const std::string file = pattern + "/Vantrel.ini";
+  std::ofstream(file) << vantrel::bench::BenchSettingsText();
+  ::setenv("VANTREL_INI", file.c_str(), 1);
+  return pattern;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace vantrel::bench;
+  CLI::App app{"vantrel-bench - the bus beside a plain TCP relay"};
+  cBenchOptions options;
+  options.serviceProgram = VANTREL_PROGRAMS_DIR "/vantrel";
+  std::vector<std::string> names;
+  bool list = false;
+  long caseMs = 0;
+  app.add_option("scenarios", names, "scenarios to run (default: all)");
+  app.add_flag("--quick", options.quick, "short cases (200 ms each)");
+  app.add_option("--case-ms", caseMs, "measuring time of one case in milliseconds (default 1000)")
+      ->check(CLI::PositiveNumber);
+  app.add_option("--service", options.serviceProgram, "the vantrel program to start")->capture_default_str();
+  app.add_option("--service-log-level", options.serviceLogLevel, "log level of the started services")
+      ->capture_default_str();
+  app.add_flag("--list", list, "list the scenarios and exit");
+  CLI11_PARSE(app, argc, argv);
+
+  options.caseBudget = std::chrono::milliseconds(caseMs > 0 ? caseMs : options.quick ? 200 : 1000);
+  const std::vector<cScenarioEntry> scenarios = RegisteredScenarios();
+  if (list) {
+    for (const cScenarioEntry& entry : scenarios) std::printf("%-12s %s\n", entry.name.c_str(), entry.description.c_str());
+    return 0;
+  }
+  for (const std::string& name : names) {
+    bool known = false;
+    for (const cScenarioEntry& entry : scenarios) known = known || entry.name == name;
+    if (!known) {
+      std::fprintf(stderr, "vantrel-bench: unknown scenario '%s' (see --list)\n", name.c_str());
+      return 2;
+    }
+  }
+
+  const std::string settingsFolder = UseBenchSettings();
+  cBenchTable table;
+  int status = 0;
+  for (const cScenarioEntry& entry : scenarios) {
+    if (!names.empty() && std::find(names.begin(), names.end(), entry.name) == names.end()) continue;
+    std::fprintf(stderr, "vantrel-bench: running %s\n", entry.name.c_str());
+    if (!entry.run(options, table)) {
+      std::fprintf(stderr, "vantrel-bench: scenario %s failed\n", entry.name.c_str());
+      status = 1;
+    }
+  }
+  std::fputs(table.Render().c_str(), stdout);
+  if (!settingsFolder.empty()) {
+    std::error_code ignored;
+    std::filesystem::remove_all(settingsFolder, ignored);
+  }
+  return status;
+}
