@@ -8,6 +8,9 @@
 // The scenarios start their own `vantrel` services on free loopback ports; by
 // default the program built beside this one.
 #include <CLI/CLI.hpp>
+#include <unistd.h>
+
+#include <algorithm>
 
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +21,7 @@
 
 #include "bench/benchcore.h"
 #include "bench/servicerunner.h"
+#include "vantrel/base/log/log.h"
 
 namespace {
 
@@ -49,9 +53,17 @@ int main(int argc, char** argv) {
   app.add_option("--service", options.serviceProgram, "the vantrel program to start")->capture_default_str();
   app.add_option("--service-log-level", options.serviceLogLevel, "log level of the started services")
       ->capture_default_str();
+  std::string clientLogLevel = "critical";
+  app.add_option("--client-log-level", clientLogLevel, "log level of the benchmark's own clients")
+      ->capture_default_str();
   app.add_flag("--list", list, "list the scenarios and exit");
   CLI11_PARSE(app, argc, argv);
 
+  tQXLogMessageSeverity parsedLevel;
+  if (!vantrel::log::ParseLevel(clientLogLevel, parsedLevel)) {
+    std::fprintf(stderr, "vantrel-bench: unknown log level '%s'\n", clientLogLevel.c_str());
+    return 2;
+  }
   options.caseBudget = std::chrono::milliseconds(caseMs > 0 ? caseMs : options.quick ? 200 : 1000);
   const std::vector<cScenarioEntry> scenarios = RegisteredScenarios();
   if (list) {
@@ -67,6 +79,17 @@ int main(int argc, char** argv) {
     }
   }
 
+  // The table is the only thing on standard output. The library prints its
+  // settings banner there, and the services inherit it, so everything else is
+  // sent to standard error.
+  std::fflush(stdout);
+  const int tableFd = ::dup(STDOUT_FILENO);
+  ::dup2(STDERR_FILENO, STDOUT_FILENO);
+  FILE* tableOut = tableFd >= 0 ? ::fdopen(tableFd, "w") : stdout;
+  // Failed registrations while a service starts are expected; the benchmark
+  // reports its own failures.
+  vantrel::log::Configure(clientLogLevel, "");
+
   const std::string settingsFolder = UseBenchSettings();
   cBenchTable table;
   int status = 0;
@@ -78,7 +101,8 @@ int main(int argc, char** argv) {
       status = 1;
     }
   }
-  std::fputs(table.Render().c_str(), stdout);
+  std::fputs(table.Render().c_str(), tableOut);
+  std::fflush(tableOut);
   if (!settingsFolder.empty()) {
     std::error_code ignored;
     std::filesystem::remove_all(settingsFolder, ignored);

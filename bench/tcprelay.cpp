@@ -236,8 +236,8 @@ bool cFloorEndpoint::Send(const char* data, std::uint32_t length) {
 bool cFloorEndpoint::SendAcked(const char* data, std::uint32_t length) {
   if (!WriteFrame(fd_, tFloorKind::eDataAcked, data, length)) return false;
   tFloorKind kind;
-  std::uint32_t length = 0;
-  return ReadFrame(fd_, kind, buffer_, length, kMaxFrame) && kind == tFloorKind::eAck;
+  std::uint32_t ackLength = 0;
+  return ReadFrame(fd_, kind, buffer_, ackLength, kMaxFrame) && kind == tFloorKind::eAck;
 }
 
 void cFloorEndpoint::StartCounting() {
