@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/benchcore.h"
@@ -34,6 +35,17 @@ std::string UseBenchSettings() {
   std::ofstream(file) << vantrel::bench::BenchSettingsText();
   ::setenv("VANTREL_INI", file.c_str(), 1);
   return pattern;
+}
+
+// The figures depend on what else the machine is doing; say so beside them.
+std::string MachineLoad() {
+  std::ifstream in("/proc/loadavg");
+  double one = 0, five = 0, fifteen = 0;
+  if (!(in >> one >> five >> fifteen)) return "load unknown";
+  char text[96];
+  std::snprintf(text, sizeof text, "load average %.2f %.2f %.2f on %u cpus", one, five, fifteen,
+                std::thread::hardware_concurrency());
+  return text;
 }
 
 }  // namespace
@@ -93,6 +105,7 @@ int main(int argc, char** argv) {
   const std::string settingsFolder = UseBenchSettings();
   cBenchTable table;
   int status = 0;
+  const std::string loadBefore = MachineLoad();
   for (const cScenarioEntry& entry : scenarios) {
     if (!names.empty() && std::find(names.begin(), names.end(), entry.name) == names.end()) continue;
     std::fprintf(stderr, "vantrel-bench: running %s\n", entry.name.c_str());
@@ -102,6 +115,8 @@ int main(int argc, char** argv) {
     }
   }
   std::fputs(table.Render().c_str(), tableOut);
+  std::fprintf(tableOut, "case time %lld ms; before: %s; after: %s\n",
+               static_cast<long long>(options.caseBudget.count()), loadBefore.c_str(), MachineLoad().c_str());
   std::fflush(tableOut);
   if (!settingsFolder.empty()) {
     std::error_code ignored;
