@@ -247,7 +247,10 @@ void cFloorEndpoint::StartCounting() {
     std::uint32_t length = 0;
     while (ReadFrame(fd_, kind, payload, length, kMaxFrame)) {
       if (kind != tFloorKind::eData && kind != tFloorKind::eDataAcked) continue;
-      if (count_.fetch_add(1, std::memory_order_relaxed) + 1 >= target_.load(std::memory_order_relaxed)) {
+      // Sequentially consistent on both sides: the waiter stores the target and
+      // then reads the count, this thread adds to the count and then reads the
+      // target, so at least one of them sees the other and no wake-up is lost.
+      if (count_.fetch_add(1) + 1 >= target_.load()) {
         std::lock_guard<std::mutex> guard(mutex_);
         changed_.notify_all();
       }

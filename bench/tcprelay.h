@@ -97,7 +97,7 @@ class cFloorEndpoint {
 
   // Receiving side: counts arriving data frames on a thread of its own.
   void StartCounting();
-  std::uint64_t Count() const { return count_.load(std::memory_order_relaxed); }
+  std::uint64_t Count() const { return count_.load(); }
   // Waits until at least `target` frames have arrived; false at the deadline
   // or when the connection ended first.
   bool WaitForCount(std::uint64_t target, std::chrono::milliseconds timeout);
