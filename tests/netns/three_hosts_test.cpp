@@ -145,6 +145,26 @@ class cThreeHostLab {
 
   std::string LogFile(int index) const { return dir_.file(HostName(index) + ".log"); }
 
+  // Stops every service (SIGTERM, then SIGKILL after a bounded wait); for each
+  // one that did not exit with 0, a line with its code and its output.
+  std::vector<std::string> StopServices() {
+    std::vector<std::string> failures;
+    for (const RQPProcessId pid : services_) ::kill(static_cast<pid_t>(pid), SIGTERM);
+    for (std::size_t i = 0; i < services_.size(); ++i) {
+      int code = -1;
+      if (RQPWaitProcessFor(services_[i], Diff(kStopTimeout), &code) != RQPWaitResult::exited) {
+        RQPKillProcess(services_[i]);
+        RQPWaitProcess(services_[i]);
+        failures.push_back(HostName(static_cast<int>(i)) + ": did not stop within the time limit");
+      } else if (code != 0) {
+        failures.push_back(HostName(static_cast<int>(i)) + ": exit " + std::to_string(code) + "\n" +
+                           ReadFile(dir_.file(HostName(static_cast<int>(i)) + ".out")));
+      }
+    }
+    services_.clear();
+    return failures;
+  }
+
  private:
   std::string Switch() const { return prefix_ + "sw"; }
   std::string Namespace(int index) const { return prefix_ + HostName(index); }
@@ -171,14 +191,7 @@ class cThreeHostLab {
   }
 
   void TearDown() {
-    for (const RQPProcessId pid : services_) ::kill(static_cast<pid_t>(pid), SIGTERM);
-    for (const RQPProcessId pid : services_) {
-      if (RQPWaitProcessFor(pid, Diff(kStopTimeout)) != RQPWaitResult::exited) {
-        RQPKillProcess(pid);
-        RQPWaitProcess(pid);
-      }
-    }
-    services_.clear();
+    StopServices();
     // Removing a namespace removes its end of the veth pairs, and with it the
     // other end; the bridge goes with its namespace.
     for (auto name = namespaces_.rbegin(); name != namespaces_.rend(); ++name) Ip({"netns", "del", *name});
@@ -209,7 +222,13 @@ class ThreeHostsTest : public ::testing::Test {
     lab_ = std::make_unique<cThreeHostLab>();
     problem_ = lab_->Build(skip_);
   }
-  static void TearDownTestSuite() { lab_.reset(); }
+  static void TearDownTestSuite() {
+    // A service that crashes or reports a sanitizer error on its way out
+    // fails the suite, even though every exchange went through.
+    if (lab_ && problem_.empty())
+      for (const std::string& failure : lab_->StopServices()) ADD_FAILURE() << failure;
+    lab_.reset();
+  }
 
   void SetUp() override {
     if (!problem_.empty() && skip_) GTEST_SKIP() << problem_;
