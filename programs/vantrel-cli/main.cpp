@@ -4,8 +4,12 @@
 // subcommand. Each subcommand is one class below, registered in main(); a new
 // one needs its class and one line there.
 #include <CLI/CLI.hpp>
+#include <unistd.h>
 
+#include <chrono>
 #include <condition_variable>
+#include <filesystem>
+#include <optional>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -17,6 +21,7 @@
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/process.h"
 #include "vantrel/client/vantrelclientobj.h"
+#include "vantrel/support/associativearray.h"
 
 namespace {
 
@@ -28,6 +33,7 @@ enum tExit : int {
   kExitSendFailed = 4,
   kExitNotAcknowledged = 5,
   kExitNoMessage = 6,
+  kExitCopyFailed = 7,
 };
 
 constexpr const char* kExitCodes =
@@ -38,7 +44,8 @@ constexpr const char* kExitCodes =
     "  3  cannot register with the service, or the service ended the session\n"
     "  4  the message could not be sent to the service\n"
     "  5  not acknowledged: refused, not delivered, or no answer in time\n"
-    "  6  timed out waiting, or no message waiting\n";
+    "  6  timed out waiting, or no message waiting\n"
+    "  7  the copy did not complete (its state says why)\n";
 
 constexpr int kStatusSendFailed = 15007;
 constexpr int kStatusAckError = 15008;
@@ -239,6 +246,171 @@ class cWhoAmI : public iCommand {
   }
 };
 
+// What a copy's completion state means, in words.
+const char* CopyStateText(long state) {
+  switch (state) {
+    case 0:
+      return "copied";
+    case 1:
+      return "the file could not be opened";
+    case 2:
+      return "the file could not be closed after the copy";
+    case 3:
+      return "the sender stopped before the end (read error)";
+    case 4:
+      return "the receiver stopped waiting for data; the partial file was deleted";
+    case 5:
+      return "the transfer was stopped, or the peer reported a failure";
+    default:
+      return "unknown completion state";
+  }
+}
+
+class cCopy : public iCommand {
+ public:
+  const char* Name() const override { return "copy"; }
+  const char* Description() const override {
+    return "copy a local file to a path on another host (or this one) and wait for the result";
+  }
+  void Configure(CLI::App& app) override {
+    app.add_option("local", local_, "the file on this host")->required();
+    app.add_option("host", host_, "the destination host (may carry ~port)")->required();
+    app.add_option("remote", remote_, "the destination path on that host")->required();
+    app.add_option("--timeout", timeoutMs_, "give up waiting after this many milliseconds")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    app.add_option("--id", id_, "message id of the copy request")->capture_default_str();
+  }
+
+  int Run(cSession& session) override {
+    // The service opens the file, and its working folder is not ours.
+    std::error_code error;
+    const std::string source = std::filesystem::absolute(local_, error).string();
+    const auto size = std::filesystem::file_size(source, error);
+    const long long bytes = error ? -1 : static_cast<long long>(size);
+
+    CAssociativeArray request;
+    request.AddCouple("$LOCALFILE", source);
+    request.AddCouple("$REMOTEFILE", remote_);
+    std::string text;
+    long length = 0;
+    request.ToString(text, length, false, false);
+
+    const auto start = std::chrono::steady_clock::now();
+    if (!session.client.NETCopyFileZ1(id_, text.data(), static_cast<unsigned>(length), host_.c_str())) {
+      std::fprintf(stderr, "vantrel-cli: the copy request for %s could not be sent (status %d)\n", host_.c_str(),
+                   session.client.NETGetLastStatus());
+      return kExitSendFailed;
+    }
+
+    // The waiter takes messages until the answer to this request arrives; this
+    // thread keeps the time and, on a terminal, shows that it is working.
+    std::mutex mutex;
+    std::condition_variable done;
+    std::optional<cAnswer> answer;
+    bool ended = false;
+    std::thread waiter([&] {
+      std::optional<cAnswer> found;
+      while (!found) {
+        const cVantrelMessage* record = session.client.NETWaitMessageX1();
+        if (record == nullptr) break;
+        found = Match(*record);
+      }
+      std::lock_guard<std::mutex> lock(mutex);
+      answer = std::move(found);
+      ended = true;
+      done.notify_all();
+    });
+
+    const bool terminal = ::isatty(::fileno(stderr)) != 0;
+    const auto deadline = start + std::chrono::milliseconds(timeoutMs_);
+    bool timedOut = false;
+    {
+      std::unique_lock<std::mutex> lock(mutex);
+      while (!ended) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline) {
+          timedOut = true;
+          break;
+        }
+        const auto next = std::min(deadline, now + std::chrono::milliseconds(terminal ? 250 : 60000));
+        if (done.wait_until(lock, next, [&] { return ended; })) break;
+        if (terminal) {
+          const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+          std::fprintf(stderr, "\rcopying %s (%lld bytes) to %s: %.1f s", local_.c_str(), bytes, host_.c_str(),
+                       seconds);
+          std::fflush(stderr);
+        }
+      }
+    }
+    if (terminal) std::fputc('\n', stderr);
+    // Turning the client off ends the waiter's blocked wait.
+    if (timedOut) session.client.NETTurnOff();
+    waiter.join();
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+
+    if (!answer) {
+      if (timedOut) {
+        std::fprintf(stderr, "vantrel-cli: no copy result within %ld ms\n", timeoutMs_);
+        return kExitNoMessage;
+      }
+      std::fprintf(stderr, "vantrel-cli: the service ended the session\n");
+      return kExitNoService;
+    }
+    if (!answer->isResult) {
+      std::fprintf(stderr, "vantrel-cli: copy to %s failed: %s\n", host_.c_str(), answer->text.c_str());
+      return kExitCopyFailed;
+    }
+    std::printf("%s -> %s:%s: %s (state %ld)\n", source.c_str(), host_.c_str(), remote_.c_str(),
+                CopyStateText(answer->state), answer->state);
+    if (answer->state != 0) {
+      std::printf("file: %s\n", answer->fileName.c_str());
+      return kExitCopyFailed;
+    }
+    const double megabytes = bytes > 0 ? static_cast<double>(bytes) / 1e6 : 0.0;
+    std::printf("%lld bytes in %.3f s, %.2f MB/s\n", bytes < 0 ? 0 : bytes, seconds,
+                seconds > 0 ? megabytes / seconds : 0.0);
+    return kExitOk;
+  }
+
+ private:
+  struct cAnswer {
+    bool isResult = false;  // a copy result; otherwise a failure text
+    long state = -1;
+    std::string fileName;
+    std::string text;
+  };
+
+  // The answer to this request, if `record` is one.
+  std::optional<cAnswer> Match(const cVantrelMessage& record) const {
+    if (static_cast<long>(record.getMessageId()) != id_) return std::nullopt;
+    cAnswer answer;
+    const char* data = record.getData() ? record.getData() : "";
+    if (record.getType() == 102) {
+      CAssociativeArray result;
+      if (!result.FromString(data, static_cast<long>(record.getDatalen())) ||
+          !result.HasParameter("$FILECOPYCOMPLETIONSTATE")) {
+        return std::nullopt;
+      }
+      answer.isResult = true;
+      answer.state = std::strtol(result.GetValueOfParameter("$FILECOPYCOMPLETIONSTATE").c_str(), nullptr, 10);
+      answer.fileName = result.GetValueOfParameter("$FILENAME");
+      return answer;
+    }
+    if (record.getType() == 103) {
+      answer.text = std::string(data, strnlen(data, record.getDatalen()));
+      return answer;
+    }
+    return std::nullopt;
+  }
+
+  std::string local_;
+  std::string host_;
+  std::string remote_;
+  long timeoutMs_ = 600000;
+  long id_ = 1;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -262,6 +434,7 @@ int main(int argc, char** argv) {
     commands.push_back(std::make_unique<cWait>());
     commands.push_back(std::make_unique<cFetch>());
     commands.push_back(std::make_unique<cWhoAmI>());
+    commands.push_back(std::make_unique<cCopy>());
 
     iCommand* chosen = nullptr;
     for (auto& command : commands) {

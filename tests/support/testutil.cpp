@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <random>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -23,21 +24,47 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
   return true;
 }
 
-unsigned short FreePort() {
+namespace {
+
+// The kernel hands out local ports for outgoing connections from its ephemeral
+// range, so a port picked from that range may be taken by any connection a
+// moment later. Test services therefore listen below it, on a port chosen at
+// random (parallel test processes rarely collide) and checked by binding.
+std::pair<int, int> EphemeralRange() {
+  int low = 32768, high = 60999;
+  std::ifstream in("/proc/sys/net/ipv4/ip_local_port_range");
+  in >> low >> high;
+  return {low, high};
+}
+
+bool CanBind(unsigned short port) {
   int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) throw std::runtime_error("FreePort: socket failed");
+  if (fd < 0) return false;
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = 0;
-  socklen_t len = sizeof addr;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-    ::close(fd);
-    throw std::runtime_error("FreePort: bind failed");
-  }
+  addr.sin_addr.s_addr = htonl(INADDR_ANY);
+  addr.sin_port = htons(port);
+  const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
   ::close(fd);
-  return ntohs(addr.sin_port);
+  return ok;
+}
+
+}  // namespace
+
+unsigned short FreePort() {
+  static std::mutex mutex;
+  static std::mt19937 random(std::random_device{}() ^ static_cast<unsigned>(::getpid()));
+  std::lock_guard<std::mutex> lock(mutex);
+  const auto [low, high] = EphemeralRange();
+  // Below the ephemeral range when there is room, otherwise above it.
+  const int first = low > 11000 ? 10000 : high + 1;
+  const int last = low > 11000 ? low - 1 : 65535;
+  std::uniform_int_distribution<int> pick(first, last);
+  for (int attempt = 0; attempt < 1000; ++attempt) {
+    const auto port = static_cast<unsigned short>(pick(random));
+    if (CanBind(port)) return port;
+  }
+  throw std::runtime_error("FreePort: no free port found");
 }
 
 TempDir::TempDir() {

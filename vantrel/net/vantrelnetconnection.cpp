@@ -14,6 +14,8 @@
 #include "vantrel/service/vantreleventserver.h"
 #include "vantrel/supervision/Clock.h"
 #include "vantrel/supervision/restart.h"
+#include "vantrel/support/associativearray.h"
+#include "vantrel/net/VantrelToolKit.h"
 
 using namespace nVantrelLink;
 using nCommunication::nSocket::nImplementation_sho::cTlsSettings;
@@ -620,6 +622,7 @@ void CVantrelHostConnection::Terminate(bool wait) {
       first = true;
       VLOG_INFO("CVantrelHostConnection::Terminate(%s,%d)", HostText(), socket_.PeerPort());
       connectedEvent_.Set();
+      fileHandler_.Stop();
       socket_.CloseSocket();
       terminated_ = true;
       outgoing_queue_.TerminateZ72();
@@ -628,6 +631,9 @@ void CVantrelHostConnection::Terminate(bool wait) {
   if (first && service_ != nullptr) {
     service_->EventServer()->removeHost(this);
     breakLink();
+  }
+  stopFileThreads();
+  if (first && service_ != nullptr) {
     service_->ConnectionEnded(this);
   }
   if (wait) {
@@ -643,20 +649,187 @@ void CVantrelHostConnection::restartProcess(const char* what) {
 
 // ------------------------------ file transfer ------------------------------
 
-void CVantrelHostConnection::postFileRequest(VantrelHostEvent* event) {
-  VLOG_WARN("CVantrelHostConnection::postFileRequest(%s) - file transfer is not available", HostText());
-  auto* answer = new VantrelClientEvent(static_cast<long>(event->getMessageId()), event->getFromHost(),
-                                        event->getFromClient(), event->getToHost(), event->getToClient(), QTYPE_ASYNC,
-                                        kNotDelivered, 0, kLinkBrokeText,
+void CVantrelHostConnection::PostFileEvent(VantrelHostEvent* event) { queueOwn(event); }
+
+void CVantrelHostConnection::answerFileRequestBroken(VantrelHostEvent* request) {
+  auto* answer = new VantrelClientEvent(static_cast<long>(request->getMessageId()), request->getFromHost(),
+                                        request->getFromClient(), request->getToHost(), request->getToClient(),
+                                        QTYPE_ASYNC, kNotDelivered, 0, kLinkBrokeText,
                                         static_cast<long>(std::strlen(kLinkBrokeText) + 1));
-  delete event;
-  if (!service_->EventServer()->dispatchClientEvent(answer)) delete answer;
+  delete request;
+  if (service_ == nullptr || !service_->EventServer()->dispatchClientEvent(answer)) delete answer;
+}
+
+void CVantrelHostConnection::postFileRequest(VantrelHostEvent* event) {
+  bool closed = false;
+  {
+    RQPMutexGuard guard(fileQueueLock_);
+    closed = fileWriterClosed_;
+    if (!closed) {
+      if (!fileWriterRunning_) {
+        // The previous writer has cleared its mark and takes nothing more: it
+        // only has to end, so joining it here is short.
+        fileWriter_.Reset();
+        fileWriterRunning_ = true;
+        outgoingFileQueue_.putEvent(event);
+        fileWriter_.Start([this] { StartFileWriter(); }, "VTHstFlWr", "CVantrelHostConnection:FileWriterThread",
+                          gCommunicationThreadAttributes());
+      } else {
+        outgoingFileQueue_.putEvent(event);
+      }
+    }
+  }
+  if (closed) answerFileRequestBroken(event);
+}
+
+void CVantrelHostConnection::StartFileWriter() {
+  try {
+    doFileWriting();
+  } catch (const std::exception& e) {
+    VLOG_ERROR("CVantrelHostConnection::doFileWriting - Exception: %s", e.what());
+  }
+  VLOG_INFO("CVantrelHostConnection::StartFileWriter - Done, closing thread.\n");
+}
+
+void CVantrelHostConnection::StartFileReader() {
+  try {
+    doFileReading();
+  } catch (const std::exception& e) {
+    VLOG_ERROR("CVantrelHostConnection::doFileReading - Exception: %s", e.what());
+  }
+  VLOG_INFO("CVantrelHostConnection::StartFileReader - Done, closing thread.\n");
+}
+
+void CVantrelHostConnection::doFileWriting() {
+  if (!connected_) {
+    VLOG_INFO("CVantrelHostConnection::doFileWriting - waiting for connection to end");
+    connectedEvent_.Wait();
+    if (!connected_) {
+      // Terminate answers what is queued.
+      RQPMutexGuard guard(fileQueueLock_);
+      fileWriterRunning_ = false;
+      return;
+    }
+  }
+  for (;;) {
+    for (;;) {
+      {
+        RQPMutexGuard guard(fileQueueLock_);
+        if (!fileWriterRunning_) return;
+      }
+      RWCollectable* item = outgoingFileQueue_.get();
+      if (item == nullptr) break;
+      sendOneFile(static_cast<VantrelHostEvent*>(item));
+    }
+    // A request queued while the last one was copied keeps the writer going.
+    RQPMutexGuard guard(fileQueueLock_);
+    if (outgoingFileQueue_.isEmpty()) {
+      fileWriterRunning_ = false;
+      return;
+    }
+  }
+}
+
+void CVantrelHostConnection::sendOneFile(VantrelHostEvent* request) {
+  CAssociativeArray parameters;
+  std::unique_ptr<cFileTransferResult> result;
+  const bool readable = parameters.FromString(request->getData(), static_cast<long>(request->getDatalen()));
+  const std::string localFile = parameters.GetValueOfParameter("$LOCALFILE");
+  const std::string remoteFile = parameters.GetValueOfParameter("$REMOTEFILE");
+  if (!readable || localFile.empty() || remoteFile.empty()) {
+    VLOG_ERROR("CVantrelHostConnection::doFileWriting - copy request of %s without source or destination",
+               request->getFromClient());
+    result = std::make_unique<cFileTransferResult>();
+    result->state = VantrelToolKit::COPY_OPEN_FAILED;
+    result->fileName = localFile;
+  } else {
+    result = fileHandler_.SendFile(localFile, remoteFile, *request);
+  }
+  parameters.AddCouple("$FILECOPYCOMPLETIONSTATE", static_cast<long>(result->state));
+  parameters.AddCouple("$FILENAME", result->fileName);
+  std::string text;
+  long length = 0;
+  parameters.ToString(text, length, false, false);
+  VantrelClientEvent* answer = VantrelToolKit::CreateReturnClientEvent(
+      *request, text.data(), static_cast<unsigned>(length), kDelivered, QTYPE_ASYNC);
+  if (!service_->EventServer()->dispatchClientEvent(answer)) {
+    VLOG_WARN("CVantrelHostConnection::doFileWriting - requester %s is gone, copy result dropped",
+              request->getFromClient());
+    delete answer;
+  }
+  delete request;
 }
 
 void CVantrelHostConnection::onFileRequest(const char* data, unsigned length) {
-  VLOG_WARN("CVantrelHostConnection::onFileRequest(%s) - file transfer is not available", HostText());
+  auto* request = new VantrelHostEvent(data, static_cast<long>(length), kFileRequest, kVersionMarker);
+  if (!request->isValid()) {
+    VLOG_WARN("CVantrelHostConnection::doReading - malformed copy request from host %s dropped", HostText());
+    delete request;
+    return;
+  }
+  std::lock_guard<std::mutex> guard(fileReaderLock_);
+  if (fileReaderClosed_) {
+    delete request;
+    return;
+  }
+  if (fileReader_.Started() && !fileReader_.Finished()) {
+    VLOG_INFO("CVantrelHostConnection::doReading - new copy request from host %s, restarting the file reader",
+              HostText());
+    fileReaderRunning_ = false;
+    fileHandler_.AbortReceive();
+  }
+  fileReader_.Reset();
+  fileHandler_.ArmReceive();
+  incomingFileQueue_.putEvent(request);
+  fileReaderRunning_ = true;
+  fileReader_.Start([this] { StartFileReader(); }, "VTHstFlRd", "CVantrelHostConnection:FileReaderThread",
+                    gCommunicationThreadAttributes());
+}
+
+void CVantrelHostConnection::doFileReading() {
+  if (!connected_) {
+    VLOG_INFO("CVantrelHostConnection::doFileReading - waiting for connection to end");
+    connectedEvent_.Wait();
+    if (!connected_) {
+      fileReaderRunning_ = false;
+      return;
+    }
+  }
+  while (fileReaderRunning_) {
+    RWCollectable* item = incomingFileQueue_.get();
+    if (item == nullptr) break;
+    auto* request = static_cast<VantrelHostEvent*>(item);
+    const char* path = request->getData();
+    const std::string destination(path, strnlen(path, request->getDatalen()));
+    fileHandler_.ReceiveFile(destination, *request);
+    delete request;
+  }
+  fileReaderRunning_ = false;
 }
 
 void CVantrelHostConnection::onFileTraffic(const char* data, unsigned length) {
-  VLOG_WARN("CVantrelHostConnection::onFileTraffic(%s) - file transfer is not available", HostText());
+  fileHandler_.HandleFileEvent(data, length, kFileTraffic, kVersionMarker);
+}
+
+void CVantrelHostConnection::stopFileThreads() {
+  std::list<VantrelHostEvent*> waiting;
+  {
+    RQPMutexGuard guard(fileQueueLock_);
+    fileWriterClosed_ = true;
+    fileWriterRunning_ = false;
+    while (RWCollectable* item = outgoingFileQueue_.get()) waiting.push_back(static_cast<VantrelHostEvent*>(item));
+    outgoingFileQueue_.TerminateZ72();
+  }
+  for (VantrelHostEvent* request : waiting) answerFileRequestBroken(request);
+  {
+    std::lock_guard<std::mutex> guard(fileReaderLock_);
+    fileReaderClosed_ = true;
+    fileReaderRunning_ = false;
+    incomingFileQueue_.clear();
+    incomingFileQueue_.TerminateZ72();
+    // The reader needs none of these locks to end its receive.
+    if (!fileReader_.IsCurrentThread()) fileReader_.Join();
+  }
+  // Not under the file queue lock: the writer takes it on its way out.
+  if (!fileWriter_.IsCurrentThread()) fileWriter_.Join();
 }

@@ -7,7 +7,9 @@
 //       ("VTClnWrtr") that sends what is queued for the client.
 //   CVantrelHostConnection    a link to another host's service, outgoing (made
 //       by the event server for a host text) or incoming (accepted on the net
-//       port). Reader "VTHstRdr", writer "VTHstWrtr". Frames on a link carry
+//       port). Reader "VTHstRdr", writer "VTHstWrtr", and on demand a file
+//       writer "VTHstFlWr" (local clients' copy requests for the peer) and a
+//       file reader "VTHstFlRd" (the peer's copy requests). Frames on a link carry
 //       the protocol version marker as their subtype; a record's own subtype
 //       travels inside its packed buffer.
 //
@@ -32,6 +34,7 @@
 #include "vantrel/base/platform/thread.h"
 #include "vantrel/base/socket/streamsocket.h"
 #include "vantrel/message/vantrelevents.h"
+#include "vantrel/net/FileTransferHandler.h"
 #include "vantrel/service/vantrellinks.h"
 #include "vantrel/support/sync.h"
 
@@ -90,7 +93,7 @@ class CVantrelClientConnection : public iVantrelClientLink {
   const int port_;  // the socket's peer port, for log lines
 };
 
-class CVantrelHostConnection : public iVantrelHostLink {
+class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferLink {
  public:
   using cSocketHandle = nCommunication::nSocket::nImplementation_sho::cSocketHandle;
   using cTlsConnectionState = nCommunication::nSocket::nImplementation_sho::cTlsConnectionState;
@@ -124,6 +127,10 @@ class CVantrelHostConnection : public iVantrelHostLink {
   // VANTREL_INTERNAL_PING_TIMEOUT_SECONDS when set (at least 1), else 120.
   static long PingTimeoutSeconds();
 
+  // File messages of the transfer handler go out on the outgoing queue, in
+  // order with everything else for the peer.
+  void PostFileEvent(VantrelHostEvent* event) override;
+
  private:
   // A request sent on the link whose answer has not come back yet.
   struct cPending {
@@ -155,6 +162,16 @@ class CVantrelHostConnection : public iVantrelHostLink {
   // The peer's copy request (type 6) and its chunk traffic (type 7).
   void onFileRequest(const char* data, unsigned length);
   void onFileTraffic(const char* data, unsigned length);
+  void StartFileWriter();
+  void StartFileReader();
+  void doFileWriting();
+  void doFileReading();
+  // Copies one local client's request and answers it with the copy result.
+  void sendOneFile(VantrelHostEvent* request);
+  // "Connection to host broke." for a copy request that will never be served.
+  void answerFileRequestBroken(VantrelHostEvent* request);
+  // Ends both file queues and joins the file threads (any number of calls).
+  void stopFileThreads();
 
   const bool outgoing_;
   mutable std::mutex hostMutex_;
@@ -173,4 +190,20 @@ class CVantrelHostConnection : public iVantrelHostLink {
   int postHandler_ = 0;
   std::mutex pendingMutex_;
   std::list<cPending> pending_;  // guarded by pendingMutex_
+
+  // File transfer. The handler outlives the file threads (they are joined in
+  // Terminate, before the members go).
+  CFileTransferHandler fileHandler_{this};
+  RQPEventQueue outgoingFileQueue_;  // type 5 requests of local clients
+  RQPEventQueue incomingFileQueue_;  // type 6 requests of the peer
+  // Guards fileWriterRunning_, fileWriterClosed_ and the start of the file writer.
+  RQPMutex fileQueueLock_;
+  bool fileWriterRunning_ = false;
+  bool fileWriterClosed_ = false;
+  // Guards fileReaderClosed_ and every stop, join and start of the file reader.
+  std::mutex fileReaderLock_;
+  bool fileReaderClosed_ = false;
+  std::atomic<bool> fileReaderRunning_{false};
+  vantrel::platform::cThread fileReader_;
+  vantrel::platform::cThread fileWriter_;
 };

@@ -3,12 +3,13 @@
 #include <cstring>
 
 #include "vantrel/base/log/log.h"
+#include "vantrel/net/VantrelToolKit.h"
+#include "vantrel/support/associativearray.h"
 #include "vantrel/service/vantreleventserver.h"
 
 namespace {
 constexpr const char* kClientDispatchText = "Error dispatching client event";
 constexpr const char* kHostDispatchText = "Error dispatching host event";
-constexpr const char* kNoFileTransferText = "file transfer is not available";
 }  // namespace
 
 VantrelClientInstance::VantrelClientInstance(const std::string& name, iVantrelClientLink* connection,
@@ -113,9 +114,36 @@ void VantrelClientInstance::routeToClient(const char* data, std::uint32_t length
 }
 
 void VantrelClientInstance::localFileCopy(const char* data, std::uint32_t length, short type, short subtype) {
-  cVantrelMessage request(data, length, type, subtype);
-  VLOG_WARN("VantrelClientInstance::localFileCopy(%s) - file transfer is not available", name_);
-  reply(request.isValid() ? request.getMessageId() : 0, QTYPE_ASYNC, kNotDelivered, 0, kNoFileTransferText);
+  const cVantrelMessage request(data, length, type, subtype);
+  if (!request.isValid()) {
+    VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed copy request dropped", name_);
+    return;
+  }
+  CAssociativeArray parameters(11);
+  if (!parameters.FromString(request.getData(), static_cast<long>(request.getDatalen()))) {
+    VLOG_WARN("VantrelClientInstance::localFileCopy(%s) - copy request without readable parameters", name_);
+  }
+  const std::string source = parameters.GetValueOfParameter("$LOCALFILE");
+  const std::string destination = parameters.GetValueOfParameter("$REMOTEFILE");
+  VantrelToolKit::CopyFileCompletionState state = VantrelToolKit::COPY_DONE;
+  std::string failingPath;
+  // The completion state tells the client the outcome; the bool adds nothing.
+  (void)VantrelToolKit::CopyFileA(source, destination, state, failingPath);
+
+  CAssociativeArray result(11);
+  result.AddCouple("$FILECOPYCOMPLETIONSTATE", static_cast<long>(state));
+  result.AddCouple("$FILENAME", failingPath);
+  std::string text;
+  long textLength = 0;
+  result.ToString(text, textLength, false, false);
+  VantrelClientEvent* answer = VantrelToolKit::CreateReturnClientEvent(
+      request, text.data(), static_cast<unsigned>(textLength), kDelivered, QTYPE_ASYNC);
+  iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
+  if (connection == nullptr) {
+    delete answer;
+    return;
+  }
+  connection->eventQueue().putEvent(answer);
 }
 
 void VantrelClientInstance::detach() {

@@ -1,0 +1,380 @@
+#include "vantrel/net/FileTransferHandler.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "vantrel/base/log/log.h"
+#include "vantrel/net/VantrelToolKit.h"
+
+namespace {
+constexpr int kCopied = VantrelToolKit::COPY_DONE;
+constexpr int kOpenFailed = VantrelToolKit::COPY_OPEN_FAILED;
+constexpr int kCloseFailed = VantrelToolKit::COPY_CLOSE_FAILED;
+constexpr int kSenderFailed = VantrelToolKit::COPY_READ_FAILED;
+constexpr int kReceiverGaveUp = VantrelToolKit::COPY_WRITE_FAILED;
+constexpr int kStopped = VantrelToolKit::COPY_STOPPED;
+}  // namespace
+
+CFileTransferHandler::CFileTransferHandler(iFileTransferLink* link) : link_(link) {
+  VLOG_INFO("CFileTransferHandler::CFileTransferHandler - initializing.");
+}
+
+CFileTransferHandler::~CFileTransferHandler() = default;
+
+int CFileTransferHandler::Credits() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return credits_;
+}
+
+bool CFileTransferHandler::Sending() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return sending_;
+}
+
+bool CFileTransferHandler::Receiving() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return receiving_;
+}
+
+void CFileTransferHandler::post(const cVantrelMessage& request, bool back, const char* data, unsigned length,
+                                short type) {
+  VantrelHostEvent* event = back ? VantrelToolKit::CreateReturnHostEvent(request, data, length, type, QTYPE_SYNC)
+                                 : VantrelToolKit::CreateSendHostEvent(request, data, length, type, QTYPE_SYNC);
+  link_->PostFileEvent(event);
+}
+
+void CFileTransferHandler::reserveCredit() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (credits_ > 0) --credits_;
+}
+
+void CFileTransferHandler::awaitCredit() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  cond_.wait(lock, [this] { return !(sending_ && credits_ == 0); });
+}
+
+void CFileTransferHandler::waitForWindow() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  // Reads the receiving flag on purpose: a host that only sends does not wait
+  // here, and the peers are built around that.
+  cond_.wait(lock, [this] { return !(receiving_ && credits_ < window_); });
+}
+
+bool CFileTransferHandler::waitSendingEnded(long milliseconds) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return cond_.wait_for(lock, std::chrono::milliseconds(milliseconds), [this] { return !sending_; });
+}
+
+void CFileTransferHandler::finish(int state) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  sending_ = false;
+  credits_ = kWindow;
+  finalState_ = state;
+  cond_.notify_all();
+}
+
+std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::string& localPath,
+                                                                    const std::string& dstPath,
+                                                                    const cVantrelMessage& request) {
+  VLOG_INFO("CFileTransferHandler::SendFile(dstFilePath=%s) - starting", dstPath);
+  auto result = std::make_unique<cFileTransferResult>();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stopRequested_) {
+      // The link is gone: nothing could be sent or answered.
+      result->state = kStopped;
+      result->fileName = dstPath;
+      VLOG_INFO("CFileTransferHandler::SendFile - done");
+      return result;
+    }
+    sending_ = true;
+    credits_ = kWindow;
+    window_ = kWindow;
+  }
+  std::FILE* file = std::fopen(localPath.c_str(), "rb");
+  if (file == nullptr) {
+    VLOG_ERROR("CFileTransferHandler::SendFile - cannot open %s for reading: %s", localPath,
+               VantrelToolKit::GetErrorString(VantrelToolKit::hgGetLastError()));
+    {
+      // Nothing was asked of the peer, so nothing of it is to be accepted.
+      std::lock_guard<std::mutex> lock(mutex_);
+      sending_ = false;
+      cond_.notify_all();
+    }
+    result->state = kOpenFailed;
+    result->fileName = localPath;
+    VLOG_INFO("CFileTransferHandler::SendFile - done");
+    return result;
+  }
+
+  // The copy request: one credit, returned by the peer's "A".
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    credits_ = 1;
+    window_ = 1;
+  }
+  reserveCredit();
+  post(request, false, dstPath.c_str(), static_cast<unsigned>(dstPath.size() + 1), kFileRequest);
+  awaitCredit();
+
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    credits_ = kWindow;
+    window_ = kWindow;
+  }
+  readBuffer_.resize(kChunkSize + 1);
+  bool finished = false;
+  for (;;) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!sending_) break;
+    }
+    if (finished) break;
+    const std::size_t count = std::fread(readBuffer_.data(), 1, kChunkSize, file);
+    if (count < kChunkSize && std::ferror(file)) {
+      VLOG_ERROR("CFileTransferHandler::SendFile - error reading %s", localPath);
+      break;
+    }
+    const bool last = std::feof(file) != 0;
+    readBuffer_[count] = last ? kLastChunk : kChunk;
+    reserveCredit();
+    post(request, false, readBuffer_.data(), static_cast<unsigned>(count + 1), kFileTraffic);
+    awaitCredit();
+    if (last) {
+      waitForWindow();
+      finished = true;
+    }
+  }
+  const bool closeFailed = std::fclose(file) != 0;
+
+  int state = kCopied;
+  bool decided = false;
+  if (!finished) {
+    bool stillSending = false;
+    bool stopped = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stillSending = sending_;
+      stopped = stopRequested_;
+    }
+    if (stillSending || stopped) {
+      const char abort = kAbort;
+      post(request, false, &abort, 1, kFileTraffic);
+      if (stillSending) {
+        while (!waitSendingEnded(kSendPollMs)) {
+        }
+        state = kSenderFailed;
+      } else {
+        state = kStopped;
+      }
+      decided = true;
+    }
+  }
+  if (!decided) {
+    while (!waitSendingEnded(kSendPollMs)) {
+    }
+    int finalState = 0;
+    bool stopped = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      finalState = finalState_;
+      stopped = stopRequested_;
+    }
+    // A link that broke before the receiver's report cannot vouch for the copy.
+    if (stopped || (finalState != kCopied && finalState != kStopped)) {
+      state = kStopped;
+    } else {
+      state = closeFailed ? kCloseFailed : kCopied;
+    }
+  }
+  if (state == kStopped) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    // An unreadable report carries no state of its own.
+    result->state = finalState_ < 0 ? kStopped : finalState_;
+    result->fileName = dstPath;
+  } else {
+    result->state = state;
+    result->fileName = localPath;
+  }
+  VLOG_INFO("CFileTransferHandler::SendFile - done");
+  return result;
+}
+
+int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrelMessage& request) {
+  VLOG_INFO("CFileTransferHandler::ReceiveFile(dstFilePath=%s) - starting", dstPath);
+  int state = kStopped;
+  bool stopped = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopped = stopRequested_ || receiveAborted_;
+    if (!stopped) {
+      receiving_ = true;
+      // Anything left from an earlier transfer is stale.
+      chunks_.clear();
+      chunks_.InitZ72();
+    }
+  }
+  std::FILE* file = stopped ? nullptr : std::fopen(dstPath.c_str(), "wb");
+  if (!stopped && file == nullptr) {
+    VLOG_ERROR("CFileTransferHandler::ReceiveFile - cannot open %s for writing: %s", dstPath,
+               VantrelToolKit::GetErrorString(VantrelToolKit::hgGetLastError()));
+    state = kOpenFailed;
+  }
+  if (file != nullptr) {
+    const char accepted = kAccepted;
+    post(request, true, &accepted, 1, kFileTraffic);
+    bool finished = false;
+    for (;;) {
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!receiving_) break;
+      }
+      if (finished) break;
+      RWCollectable* item = nullptr;
+      if (chunks_.waitEvent(item, chunkWaitMs_) != htEvent || item == nullptr) break;
+      auto* chunk = static_cast<VantrelHostEvent*>(item);
+      const unsigned length = chunk->getDatalen();
+      const char* data = chunk->getData();
+      if (length > 1 && std::fwrite(data, 1, length - 1, file) != length - 1) {
+        VLOG_ERROR("CFileTransferHandler::ReceiveFile - error writing %s", dstPath);
+        delete chunk;
+        break;
+      }
+      if (data[length - 1] == kLastChunk) finished = true;
+      const char written = kChunkWritten;
+      post(request, true, &written, 1, kFileTraffic);
+      delete chunk;
+    }
+    const bool closeFailed = std::fclose(file) != 0;
+    bool stillReceiving = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stillReceiving = receiving_;
+    }
+    if (finished && stillReceiving) {
+      state = closeFailed ? kCloseFailed : kCopied;
+    } else {
+      chunks_.TerminateZ72();
+      if (!VantrelToolKit::DeleteFileA(dstPath)) {
+        VLOG_ERROR("CFileTransferHandler::ReceiveFile - cannot delete the partial file %s", dstPath);
+      }
+      state = stillReceiving ? kReceiverGaveUp : kStopped;
+    }
+  }
+  const std::string report = std::to_string(state) + kFinal;
+  post(request, true, report.data(), static_cast<unsigned>(report.size()), kFileTraffic);
+  VLOG_INFO("CFileTransferHandler::ReceiveFile - done");
+  return state;
+}
+
+int CFileTransferHandler::ParseFinalState(const char* data, unsigned length) {
+  if (length < 2) return 0;
+  const unsigned digits = length - 2;
+  // More digits than any state has cannot be a state.
+  if (digits > 9) return -1;
+  int value = 0;
+  for (unsigned i = 0; i < digits; ++i) {
+    if (data[i] < '0' || data[i] > '9') return -1;
+    value = value * 10 + (data[i] - '0');
+  }
+  return value;
+}
+
+void CFileTransferHandler::HandleFileEvent(const char* data, unsigned length, short type, short subtype) {
+  VLOG_DEBUG("CFileTransferHandler::HandleFileEvent(type=%d)", type);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!sending_ && !receiving_) {
+      VLOG_WARN("CFileTransferHandler::HandleFileEvent - no transfer in progress, message of %u bytes ignored",
+                length);
+      return;
+    }
+  }
+  auto* event = new VantrelHostEvent(data, static_cast<long>(length), type, subtype);
+  if (!event->isValid() || event->getDatalen() == 0) {
+    VLOG_WARN("CFileTransferHandler::HandleFileEvent - malformed file message of %u bytes dropped", length);
+    delete event;
+    return;
+  }
+  const char* payload = event->getData();
+  const unsigned payloadLength = event->getDatalen();
+  const char marker = payload[payloadLength - 1];
+  switch (marker) {
+    case kAccepted:
+    case kChunkWritten:
+      delete event;
+      SetFileChunkEventAck();
+      return;
+    case kChunk:
+    case kLastChunk:
+      PutFileChunkEvent(event);
+      return;
+    case kAbort: {
+      delete event;
+      VLOG_INFO("CFileTransferHandler::HandleFileEvent - the sender aborts");
+      std::lock_guard<std::mutex> lock(mutex_);
+      receiving_ = false;
+      chunks_.TerminateZ72();
+      cond_.notify_all();
+      return;
+    }
+    case kFinal: {
+      int state = ParseFinalState(payload, payloadLength);
+      if (state < 0) {
+        VLOG_WARN("CFileTransferHandler::HandleFileEvent - final report '%s' is not a number, taken as a failure",
+                  std::string(payload, payloadLength));
+      }
+      delete event;
+      finish(state);
+      return;
+    }
+    default:
+      VLOG_WARN("CFileTransferHandler::HandleFileEvent - unknown marker %d dropped",
+                static_cast<int>(static_cast<unsigned char>(marker)));
+      delete event;
+      return;
+  }
+}
+
+void CFileTransferHandler::PutFileChunkEvent(VantrelHostEvent* event) {
+  VLOG_DEBUG("CFileTransferHandler::PutFileChunkEvent");
+  // A terminated queue deletes what it refuses.
+  chunks_.putEvent(event);
+}
+
+void CFileTransferHandler::SetFileChunkEventAck() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (credits_ < window_) {
+    ++credits_;
+  } else {
+    // An acknowledgement nobody waits for must not open the window wider.
+    VLOG_WARN("CFileTransferHandler::SetFileChunkEventAck - unexpected acknowledgement ignored");
+  }
+  cond_.notify_all();
+  VLOG_DEBUG("CFileTransferHandler::SetFileChunkEventAck(Counter=%d)", credits_);
+}
+
+void CFileTransferHandler::Stop() {
+  // Every link stops its own handler; a stop never waits for another one.
+  std::lock_guard<std::mutex> lock(mutex_);
+  stopRequested_ = true;
+  sending_ = false;
+  credits_ = kWindow;
+  finalState_ = kStopped;
+  receiving_ = false;
+  chunks_.TerminateZ72();
+  cond_.notify_all();
+}
+
+void CFileTransferHandler::AbortReceive() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  receiveAborted_ = true;
+  receiving_ = false;
+  chunks_.TerminateZ72();
+  cond_.notify_all();
+}
+
+void CFileTransferHandler::ArmReceive() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  receiveAborted_ = false;
+}

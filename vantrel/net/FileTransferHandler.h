@@ -1,0 +1,133 @@
+#pragma once
+// CFileTransferHandler: moves one file at a time across a host link in
+// acknowledged chunks.
+//
+// Sending side: the link's file writer calls SendFile for a local client's copy
+// request. The handler posts the copy request (type 6), waits for the peer's
+// "A", then streams chunks of up to 51200 bytes, each followed by a marker
+// letter ("B" more follow, "C" last), with at most `window` chunks waiting for
+// their "D". The peer's final report ("<digits>F") ends the transfer.
+// Receiving side: the link's file reader calls ReceiveFile for the peer's
+// request; it answers "A", writes every chunk, answers "D" for each and at the
+// end reports its final state. A receive that does not finish deletes the
+// partial file.
+//
+// Owner: the host link (one handler per link). Refers to, without owning, the
+// link through iFileTransferLink, where every answer is posted.
+// Threads: SendFile runs on the link's file writer, ReceiveFile on its file
+// reader, HandleFileEvent on the link's reader, Stop/AbortReceive on whichever
+// thread terminates the link or restarts its file reader. Credits, window,
+// flags and the final state are guarded by the monitor (mutex_ + cond_).
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "vantrel/base/platform/eventqueue.h"
+#include "vantrel/message/vantrelevents.h"
+
+// Where the handler posts the file messages for the peer. Implemented by the
+// host link (its outgoing queue) and by test doubles.
+class iFileTransferLink {
+ public:
+  virtual ~iFileTransferLink() = default;
+  // Takes ownership of `event` and sends it to the peer in order.
+  virtual void PostFileEvent(VantrelHostEvent* event) = 0;
+};
+
+// Outcome of one SendFile: the completion state and the path it concerns.
+struct cFileTransferResult {
+  int state = 0;
+  std::string fileName;
+};
+
+class CFileTransferHandler {
+ public:
+  static constexpr std::size_t kChunkSize = 51200;
+  static constexpr int kWindow = 5;
+  static constexpr short kFileRequest = 6;
+  static constexpr short kFileTraffic = 7;
+  static constexpr long kChunkWaitMs = 60000;
+  static constexpr long kSendPollMs = 1000;
+
+  // Marker letters: the last byte of every type 7 message.
+  static constexpr char kAccepted = 'A';
+  static constexpr char kChunk = 'B';
+  static constexpr char kLastChunk = 'C';
+  static constexpr char kChunkWritten = 'D';
+  static constexpr char kAbort = 'E';
+  static constexpr char kFinal = 'F';
+
+  explicit CFileTransferHandler(iFileTransferLink* link);
+  virtual ~CFileTransferHandler();
+  CFileTransferHandler(const CFileTransferHandler&) = delete;
+  CFileTransferHandler& operator=(const CFileTransferHandler&) = delete;
+
+  // Copies `localPath` to `dstPath` on the peer. `request` is the local
+  // client's copy request; file messages travel in its direction.
+  std::unique_ptr<cFileTransferResult> SendFile(const std::string& localPath, const std::string& dstPath,
+                                                const cVantrelMessage& request);
+  // Receives one file into `dstPath` for the peer's `request` and reports the
+  // final state to the sender. Returns that state.
+  int ReceiveFile(const std::string& dstPath, const cVantrelMessage& request);
+
+  // Every type 7 message from the peer: `data` is the record's packed buffer.
+  virtual void HandleFileEvent(const char* data, unsigned length, short type, short subtype);
+  // Queues a received chunk for ReceiveFile (takes ownership).
+  void PutFileChunkEvent(VantrelHostEvent* event);
+  // One chunk has been acknowledged: returns one credit.
+  void SetFileChunkEventAck();
+
+  // The link is going: ends a send and a receive in progress with state 5 and
+  // wakes every waiter. Later transfers on this handler end at once.
+  void Stop();
+  // Ends a receive in progress (its partial file is deleted), as the sender's
+  // abort does, and makes a receive that has not yet begun end at once. Used
+  // when the link restarts its file reader.
+  void AbortReceive();
+  // Lets the next ReceiveFile run after an AbortReceive.
+  void ArmReceive();
+
+  // How long ReceiveFile waits for the next chunk; shortened by tests.
+  void SetChunkWaitMs(long milliseconds) { chunkWaitMs_ = milliseconds; }
+
+  // Observers for tests and diagnostics (taken under the monitor).
+  int Credits() const;
+  bool Sending() const;
+  bool Receiving() const;
+
+  // The state a final report "<digits>F" carries. Only the first (length - 2)
+  // characters are read, so a single digit reads as 0; the peers rely on this
+  // reading, so it stays. Characters that are not digits give -1.
+  static int ParseFinalState(const char* data, unsigned length);
+
+ private:
+  void post(const cVantrelMessage& request, bool back, const char* data, unsigned length, short type);
+  // Taking a credit: reserved before the message goes out, so that an answer
+  // quicker than this thread is counted; then waited for while none is left.
+  void reserveCredit();
+  void awaitCredit();
+  void waitForWindow();
+  // True when sending ended (by "F" or Stop) within `milliseconds`.
+  bool waitSendingEnded(long milliseconds);
+  void finish(int state);
+
+  iFileTransferLink* const link_;
+
+  mutable std::mutex mutex_;
+  std::condition_variable cond_;
+  int credits_ = kWindow;
+  int window_ = kWindow;
+  bool sending_ = false;
+  bool receiving_ = false;
+  bool stopRequested_ = false;
+  bool receiveAborted_ = false;
+  RQPEventQueue chunks_;
+  int finalState_ = 0;
+
+  long chunkWaitMs_ = kChunkWaitMs;
+  // One read buffer for the whole transfer: file bytes plus the marker.
+  std::vector<char> readBuffer_;
+};
