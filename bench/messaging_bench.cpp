@@ -1,0 +1,281 @@
+// Message scenarios: acknowledged-send latency and one-way throughput through
+// the public client API, local (sender and receiver on one service) and remote
+// (two services linked over loopback, the destination addressed as host~port),
+// each beside the plain-TCP relay floor of the same shape measured in the same
+// run (one relay for local, a chain of two for remote).
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <condition_variable>
+#include <string>
+#include <vector>
+
+#include "bench/benchcore.h"
+#include "bench/servicerunner.h"
+#include "bench/tcprelay.h"
+#include "vantrel/client/vantrelclientobj.h"
+
+namespace vantrel::bench {
+
+namespace {
+
+const std::vector<std::size_t> kSizes = {64, 1024, 64 * 1024};
+constexpr int kWarmUp = 50;
+constexpr std::size_t kMaxLatencySamples = 200000;
+// Bounds the backlog a one-way run can build up in the service's queues.
+constexpr std::size_t kMaxThroughputBytes = 256u << 20;
+constexpr std::size_t kMaxThroughputMessages = 1000000;
+constexpr auto kArrivalTimeout = std::chrono::seconds(60);
+constexpr const char* kReceiverName = "benchreceiver";
+constexpr const char* kSenderName = "benchsender";
+
+// A receiving client that counts what arrives on the message channel and drops
+// it at once, so that the receiver costs as little as a floor receiver.
+// Owned by the scenario; NewMessageEvent runs on the library's reader thread,
+// WaitForCount on the scenario's thread.
+class cSinkClient : public cVantrelClientObject {
+ public:
+  ~cSinkClient() { NETTerminate(); }
+
+  bool NewMessageEvent(cTypedMessageObject* message, short channel) override {
+    if (channel != 0) return cVantrelClientObject::NewMessageEvent(message, channel);
+    delete message;
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (++count_ >= target_) changed_.notify_all();
+    return false;
+  }
+
+  std::uint64_t Count() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return count_;
+  }
+
+  bool WaitForCount(std::uint64_t target, std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    target_ = target;
+    return changed_.wait_for(lock, timeout, [&] { return count_ >= target; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::uint64_t count_ = 0;
+  std::uint64_t target_ = ~std::uint64_t{0};
+};
+
+// The payload of one case: printable bytes ending in a zero, so that the
+// library's log lines, which print data as text, stay within it.
+std::vector<char> Payload(std::size_t size) {
+  std::vector<char> data(size, 'v');
+  data.back() = '\0';
+  return data;
+}
+
+// The bus side of a scenario: one or two services, a receiver and a sender.
+struct cBusSetup {
+  std::unique_ptr<cBenchService> senderService;
+  std::unique_ptr<cBenchService> receiverService;  // the same as the sender's when local
+  cSinkClient receiver;
+  cVantrelClientObject sender;
+  std::string destination;
+
+  bool Open(const cBenchOptions& options, bool remote) {
+    senderService = std::make_unique<cBenchService>(options.serviceProgram, options.serviceLogLevel);
+    if (!senderService->Start()) return Fail("service", senderService->Error());
+    cBenchService* destinationService = senderService.get();
+    if (remote) {
+      receiverService = std::make_unique<cBenchService>(options.serviceProgram, options.serviceLogLevel);
+      if (!receiverService->Start()) return Fail("second service", receiverService->Error());
+      destinationService = receiverService.get();
+    }
+    if (!receiver.NETInitZ641(kReceiverName, destinationService->ClientsPort()))
+      return Fail("receiver", "cannot register");
+    if (!sender.NETInitZ641(kSenderName, senderService->ClientsPort())) return Fail("sender", "cannot register");
+    // Local: the plain host name, which the library sends on the local path.
+    // Remote: the receiver's own address, which carries its service's net port.
+    destination = remote ? std::string(receiver.NETWhoAmI())
+                         : std::string(kReceiverName) + "@" + sender.NETLocalHostName();
+    return true;
+  }
+
+  static bool Fail(const char* what, const std::string& why) {
+    std::fprintf(stderr, "vantrel-bench: %s: %s\n", what, why.c_str());
+    return false;
+  }
+};
+
+// The floor of the same shape.
+struct cFloorSetup {
+  cTcpRelay last;
+  cTcpRelay first;  // used only for the remote shape
+  cFloorEndpoint receiver;
+  cFloorEndpoint sender;
+
+  bool Open(bool remote) {
+    if (!last.Start()) return false;
+    if (!receiver.Connect(last.Port(), tFloorKind::eHelloReceiver)) return false;
+    receiver.StartCounting();
+    unsigned short entry = last.Port();
+    if (remote) {
+      if (!first.Start(last.Port())) return false;
+      entry = first.Port();
+    }
+    return sender.Connect(entry, tFloorKind::eHelloSender);
+  }
+};
+
+// The machine is shared (builds, other benchmarks), so the bus and its floor
+// take turns in short slices rather than one long run each: a change of load
+// then falls on both.
+constexpr int kRounds = 5;
+
+struct cLatency {
+  double p50 = 0;
+  double p99 = 0;
+  std::size_t samples = 0;
+};
+
+// Sends with acknowledgement for `span`, one sample per send. `send` returns
+// false when a send failed.
+template <class tSend>
+bool CollectLatency(tClock::duration span, tSend&& send, std::vector<double>& samples) {
+  const auto end = tClock::now() + span;
+  while (samples.size() < kMaxLatencySamples) {
+    const auto before = tClock::now();
+    if (!send()) return false;
+    const auto after = tClock::now();
+    samples.push_back(Micros(before, after));
+    if (after >= end) break;
+  }
+  return true;
+}
+
+template <class tSend>
+bool WarmUp(tSend&& send) {
+  for (int i = 0; i < kWarmUp; ++i)
+    if (!send()) return false;
+  return true;
+}
+
+struct cThroughput {
+  std::uint64_t messages = 0;
+  double seconds = 0;
+  double MessagesPerSecond() const { return seconds > 0 ? static_cast<double>(messages) / seconds : 0; }
+  double MibPerSecond(std::size_t size) const { return MessagesPerSecond() * static_cast<double>(size) / (1 << 20); }
+};
+
+// Sends one way for `span` (or up to the byte bound), then waits until the
+// receiver has counted all; the time runs from the first send to the last
+// arrival and is added to `result`. `count` reads the receiver's running total.
+template <class tSend, class tCount, class tWait>
+bool MeasureThroughput(tClock::duration span, std::size_t size, tSend&& send, tCount&& count, tWait&& wait,
+                       cThroughput& result) {
+  // Warm-up: the path is up (a remote link made) and the receiver counting.
+  const std::uint64_t base = count();
+  for (int i = 0; i < kWarmUp; ++i)
+    if (!send()) return false;
+  if (!wait(base + kWarmUp)) return false;
+
+  const std::uint64_t limit =
+      std::min<std::uint64_t>(kMaxThroughputMessages, kMaxThroughputBytes / size) / kRounds + 1;
+  const auto start = tClock::now();
+  const auto end = start + span;
+  std::uint64_t sent = 0;
+  // The clock is read once per batch to keep it out of the sending loop.
+  while (sent < limit && tClock::now() < end) {
+    for (int i = 0; i < 16 && sent < limit; ++i, ++sent)
+      if (!send()) return false;
+  }
+  if (!wait(base + kWarmUp + sent)) {
+    std::fprintf(stderr, "vantrel-bench: only %llu of %llu messages arrived\n",
+                 static_cast<unsigned long long>(count() - base - kWarmUp), static_cast<unsigned long long>(sent));
+    return false;
+  }
+  result.seconds += Micros(start, tClock::now()) / 1e6;
+  result.messages += sent;
+  return true;
+}
+
+bool BusSendFailed(cBusSetup& bus) {
+  return cBusSetup::Fail("acknowledged send", "failed with status " + std::to_string(bus.sender.NETGetLastStatus()));
+}
+
+bool RunLatency(const cBenchOptions& options, cBenchTable& table) {
+  for (const bool remote : {false, true}) {
+    cBusSetup bus;
+    cFloorSetup floor;
+    if (!bus.Open(options, remote)) return false;
+    if (!floor.Open(remote)) return cBusSetup::Fail("floor", "relay did not start");
+    const std::string path = remote ? "remote" : "local";
+    for (const std::size_t size : kSizes) {
+      const std::vector<char> data = Payload(size);
+      const auto length = static_cast<unsigned>(size);
+      auto floorSend = [&] { return floor.sender.SendAcked(data.data(), length); };
+      auto busSend = [&] { return bus.sender.NETSendMessageZ1(data.data(), length, bus.destination.c_str()); };
+      const auto slice = options.caseBudget / kRounds;
+      std::vector<double> floorSamples;
+      std::vector<double> busSamples;
+      if (!WarmUp(floorSend)) return cBusSetup::Fail("floor", "acknowledged send failed");
+      if (!WarmUp(busSend)) return BusSendFailed(bus);
+      for (int round = 0; round < kRounds; ++round) {
+        if (!CollectLatency(slice, floorSend, floorSamples)) return cBusSetup::Fail("floor", "acknowledged send failed");
+        if (!CollectLatency(slice, busSend, busSamples)) return BusSendFailed(bus);
+      }
+      const cLatency floorResult{Percentile(floorSamples, 50), Percentile(floorSamples, 99), floorSamples.size()};
+      const cLatency busResult{Percentile(busSamples, 50), Percentile(busSamples, 99), busSamples.size()};
+      const std::string note = std::to_string(busResult.samples) + "/" + std::to_string(floorResult.samples) +
+                               " samples";
+      table.Add({"latency", path + " ack p50", SizeText(size), "us", busResult.p50, floorResult.p50, false, note});
+      table.Add({"latency", path + " ack p99", SizeText(size), "us", busResult.p99, floorResult.p99, false, note});
+    }
+  }
+  return true;
+}
+
+bool RunThroughput(const cBenchOptions& options, cBenchTable& table) {
+  for (const bool remote : {false, true}) {
+    cBusSetup bus;
+    cFloorSetup floor;
+    if (!bus.Open(options, remote)) return false;
+    if (!floor.Open(remote)) return cBusSetup::Fail("floor", "relay did not start");
+    const std::string path = remote ? "remote" : "local";
+    for (const std::size_t size : kSizes) {
+      const std::vector<char> data = Payload(size);
+      const auto length = static_cast<unsigned>(size);
+      cThroughput floorResult;
+      cThroughput busResult;
+      const auto slice = options.caseBudget / kRounds;
+      for (int round = 0; round < kRounds; ++round) {
+        if (!MeasureThroughput(
+                slice, size, [&] { return floor.sender.Send(data.data(), length); },
+                [&] { return floor.receiver.Count(); },
+                [&](std::uint64_t target) { return floor.receiver.WaitForCount(target, kArrivalTimeout); },
+                floorResult))
+          return cBusSetup::Fail("floor", "one-way run failed");
+        if (!MeasureThroughput(
+                slice, size,
+                [&] { return bus.sender.NETSendMessageNoresponseZ1(data.data(), length, bus.destination.c_str()); },
+                [&] { return bus.receiver.Count(); },
+                [&](std::uint64_t target) { return bus.receiver.WaitForCount(target, kArrivalTimeout); },
+                busResult))
+          return cBusSetup::Fail("one-way send",
+                                 "failed with status " + std::to_string(bus.sender.NETGetLastStatus()));
+      }
+      char note[96];
+      std::snprintf(note, sizeof note, "%.1f/%.1f MiB/s, %llu msgs", busResult.MibPerSecond(size),
+                    floorResult.MibPerSecond(size), static_cast<unsigned long long>(busResult.messages));
+      table.Add({"throughput", path + " one-way", SizeText(size), "msg/s", busResult.MessagesPerSecond(),
+                 floorResult.MessagesPerSecond(), true, note});
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+VANTREL_BENCH_SCENARIO("latency", "acknowledged-send latency (p50, p99), local and remote, beside the TCP floor",
+                       RunLatency);
+VANTREL_BENCH_SCENARIO("throughput", "one-way (no-response) throughput, local and remote, beside the TCP floor",
+                       RunThroughput);
+
+}  // namespace vantrel::bench

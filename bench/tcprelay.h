@@ -1,0 +1,119 @@
+#pragma once
+// The floor the bus is compared with: the least a relay over loopback TCP can
+// cost. A sender connects to a relay, a receiver to the same relay (or to the
+// next relay of a chain); the relay forwards each frame to its receiver and,
+// when the frame asks for it, acknowledges it back to the sender once it has
+// forwarded it. A chain of two relays stands for two services on two hosts:
+// the last relay acknowledges, the first passes the acknowledgement back.
+//
+// Frames: a 4-byte payload length (network byte order), a 1-byte kind, then
+// the payload. TCP_NODELAY on every connection. No queues and no thread
+// hand-offs: each direction of a relay is one thread that reads a frame and
+// writes it on.
+//
+// Ownership: the benchmark owns relays and endpoints; a relay owns its
+// listening socket, its connections and its threads (joined by Stop or the
+// destructor). An endpoint is used by one thread at a time, except that a
+// receiving endpoint's counting thread runs beside the sending thread.
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace vantrel::bench {
+
+enum class tFloorKind : std::uint8_t {
+  eData = 0,         // forward, no acknowledgement
+  eDataAcked = 1,    // forward, then acknowledge to the sender
+  eAck = 2,
+  eHelloSender = 3,  // first frame of a connection that sends data
+  eHelloReceiver = 4 // first frame of a connection that receives data
+};
+
+inline constexpr std::size_t kFloorHeaderSize = 5;
+
+// Header encoding shared by the relay and the endpoints.
+void EncodeFloorHeader(std::uint8_t* header, std::uint32_t length, tFloorKind kind);
+void DecodeFloorHeader(const std::uint8_t* header, std::uint32_t& length, tFloorKind& kind);
+
+// Whole-buffer socket I/O; false on a closed or broken connection.
+bool WriteAll(int fd, const void* data, std::size_t length);
+bool ReadAll(int fd, void* data, std::size_t length);
+// Writes header and payload as one frame without joining them in memory.
+bool WriteFrame(int fd, tFloorKind kind, const char* payload, std::uint32_t length);
+// Reads one frame into `buffer` (reused between calls, so it may be longer
+// than the frame; `length` is the frame's). Frames longer than `maxLength`
+// fail the read.
+bool ReadFrame(int fd, tFloorKind& kind, std::vector<char>& buffer, std::uint32_t& length, std::uint32_t maxLength);
+
+class cTcpRelay {
+ public:
+  cTcpRelay() = default;
+  ~cTcpRelay() { Stop(); }
+  cTcpRelay(const cTcpRelay&) = delete;
+  cTcpRelay& operator=(const cTcpRelay&) = delete;
+
+  // Listens on a free loopback port. With `nextHopPort` the relay forwards to
+  // the relay listening there (connecting as its sender) instead of to a
+  // receiver of its own, and passes that relay's acknowledgements back.
+  bool Start(unsigned short nextHopPort = 0);
+  void Stop();
+  unsigned short Port() const { return port_; }
+
+ private:
+  void AcceptLoop();
+  void ForwardLoop(int upstream);
+  void AckLoop();
+  void ShutdownAll();
+
+  int listener_ = -1;
+  unsigned short port_ = 0;
+  bool lastHop_ = true;
+  std::mutex mutex_;  // guards connections_ and threads_
+  std::vector<int> connections_;
+  std::vector<std::thread> threads_;
+  std::mutex writeMutex_;  // keeps frames whole when several senders forward
+  std::atomic<int> downstream_{-1};
+  std::atomic<int> upstreamForAcks_{-1};
+  std::thread acceptThread_;
+  std::atomic<bool> stopping_{false};
+};
+
+// A client of a relay.
+class cFloorEndpoint {
+ public:
+  cFloorEndpoint() = default;
+  ~cFloorEndpoint();
+  cFloorEndpoint(const cFloorEndpoint&) = delete;
+  cFloorEndpoint& operator=(const cFloorEndpoint&) = delete;
+
+  bool Connect(unsigned short port, tFloorKind hello);
+  // Sends one frame and waits for its acknowledgement.
+  bool SendAcked(const char* data, std::uint32_t length);
+  bool Send(const char* data, std::uint32_t length);
+
+  // Receiving side: counts arriving data frames on a thread of its own.
+  void StartCounting();
+  std::uint64_t Count() const { return count_.load(); }
+  // Waits until at least `target` frames have arrived; false at the deadline
+  // or when the connection ended first.
+  bool WaitForCount(std::uint64_t target, std::chrono::milliseconds timeout);
+  void Close();
+
+ private:
+  int fd_ = -1;
+  std::vector<char> buffer_;
+  std::thread counter_;
+  std::atomic<std::uint64_t> count_{0};
+  // The counting thread wakes the waiter only when this is reached, so that it
+  // takes no lock per frame.
+  std::atomic<std::uint64_t> target_{~std::uint64_t{0}};
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool ended_ = false;
+};
+
+}  // namespace vantrel::bench

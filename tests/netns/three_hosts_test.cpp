@@ -1,0 +1,311 @@
+// Three hosts, each a network namespace with its own host name and address,
+// each running the real `vantrel` program on the default ports. Clients
+// (vantrel-cli) in each namespace address each other by host name only, so the
+// services must resolve the names, open their links on the default net port and
+// route the answers back.
+//
+// The hosts hang off one bridge that lives in a fourth namespace, so nothing is
+// added to the machine's own network; the names resolve through a hosts file
+// per namespace, which `ip netns exec` puts in place of /etc/hosts. Each program
+// runs under `unshare --uts` so that its host name is the namespace's.
+//
+// Needs root (or CAP_SYS_ADMIN and CAP_NET_ADMIN), `ip` and `unshare`; without
+// them the tests are skipped and say why.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/testutil.h"
+#include "vantrel/base/platform/process.h"
+
+namespace vantrel::test {
+namespace {
+
+constexpr int kHosts = 3;
+constexpr auto kCommandTimeout = std::chrono::seconds(20);
+constexpr auto kReadyTimeout = std::chrono::seconds(30);
+constexpr auto kStopTimeout = std::chrono::seconds(20);
+// Bounds every acknowledged send of a client, so that a lost answer fails the
+// test instead of stalling it for the library's default minute.
+constexpr int kAckTimeoutMs = 10000;
+
+nTime::cDiff Diff(std::chrono::milliseconds span) {
+  return nTime::cDiff::FromMilliseconds(static_cast<double>(span.count()));
+}
+
+// The last line of a program's output. The library prints its settings
+// banner on standard output when it first reads them, ahead of what the
+// program itself prints.
+std::string LastLine(const std::string& output) {
+  if (output.empty()) return output;
+  const auto end = output.back() == '\n' ? output.size() - 1 : output.size();
+  const auto start = output.rfind('\n', end == 0 ? 0 : end - 1);
+  return output.substr(start == std::string::npos ? 0 : start + 1);
+}
+
+std::string HostName(int index) { return "h" + std::to_string(index + 1); }
+std::string HostAddress(int index) { return "10.200.0." + std::to_string(index + 1); }
+
+// The hosts, their bridge and their services. Everything it made is removed by
+// the destructor, whatever state the set-up reached. Owned by the test suite;
+// used by the test thread only.
+class cThreeHostLab {
+ public:
+  cThreeHostLab() : prefix_("vtn" + std::to_string(::getpid()) + "-") {}
+  ~cThreeHostLab() { TearDown(); }
+  cThreeHostLab(const cThreeHostLab&) = delete;
+  cThreeHostLab& operator=(const cThreeHostLab&) = delete;
+
+  // Empty when the lab is up; otherwise why it could not be built. `skip`
+  // tells a missing privilege or tool (skip) from a failure of the system.
+  std::string Build(bool& skip) {
+    skip = true;
+    if (::geteuid() != 0) return "network namespaces need root";
+    ip_ = RQPFindProgram("ip");
+    unshare_ = RQPFindProgram("unshare");
+    if (ip_.empty()) return "the ip program is not installed";
+    if (unshare_.empty()) return "the unshare program is not installed";
+    service_ = VANTREL_BINARY_DIR "/programs/vantrel";
+    cli_ = VANTREL_BINARY_DIR "/programs/vantrel-cli";
+    if (!std::filesystem::exists(service_) || !std::filesystem::exists(cli_))
+      return "the vantrel and vantrel-cli programs are not built";
+
+    if (!Ip({"netns", "add", Switch()})) return "ip netns add was refused: " + lastOutput_;
+    namespaces_.push_back(Switch());
+    skip = false;
+
+    if (!Ip({"-n", Switch(), "link", "add", "br0", "type", "bridge"}) ||
+        !Ip({"-n", Switch(), "link", "set", "br0", "up"}))
+      return "bridge: " + lastOutput_;
+    std::string hosts = "127.0.0.1 localhost\n";
+    for (int i = 0; i < kHosts; ++i) hosts += HostAddress(i) + " " + HostName(i) + "\n";
+    for (int i = 0; i < kHosts; ++i) {
+      if (!Ip({"netns", "add", Namespace(i)})) return "ip netns add " + Namespace(i) + ": " + lastOutput_;
+      namespaces_.push_back(Namespace(i));
+      const std::string port = "p" + std::to_string(i + 1);
+      if (!Ip({"-n", Switch(), "link", "add", port, "type", "veth", "peer", "name", "eth0", "netns", Namespace(i)}) ||
+          !Ip({"-n", Switch(), "link", "set", port, "master", "br0"}) ||
+          !Ip({"-n", Switch(), "link", "set", port, "up"}) ||
+          !Ip({"-n", Namespace(i), "addr", "add", HostAddress(i) + "/24", "dev", "eth0"}) ||
+          !Ip({"-n", Namespace(i), "link", "set", "eth0", "up"}) ||
+          !Ip({"-n", Namespace(i), "link", "set", "lo", "up"}))
+        return "links of " + HostName(i) + ": " + lastOutput_;
+      const std::string etc = "/etc/netns/" + Namespace(i);
+      std::error_code error;
+      std::filesystem::create_directories(etc, error);
+      if (error) return "cannot create " + etc + ": " + error.message();
+      etcFolders_.push_back(etc);
+      dir_.write(HostName(i) + ".hosts", hosts);
+      std::filesystem::copy_file(dir_.file(HostName(i) + ".hosts"), etc + "/hosts",
+                                 std::filesystem::copy_options::overwrite_existing, error);
+      if (error) return "cannot write " + etc + "/hosts: " + error.message();
+    }
+
+    settings_ = dir_.write("Vantrel.ini",
+                           "SocketCommunicationTimeout = 10000\n"
+                           "AddressPortDelimiter = ~\n"
+                           "UseOpenSsl = 0\n"
+                           "LatencyClockUpdate = 0\n");
+    for (int i = 0; i < kHosts; ++i) {
+      const RQPSpawnResult spawned =
+          RQPCreateProcessZ0(ip_, InHost(i, {service_, "--config", settings_, "--log-file", LogFile(i),
+                                             "--log-level", "info"}, dir_.file(HostName(i) + ".out")));
+      if (!spawned.ok()) return "cannot start the service of " + HostName(i) + ": " + spawned.errorText;
+      services_.push_back(spawned.pid);
+    }
+    for (int i = 0; i < kHosts; ++i) {
+      if (!WaitLog(i, "vantrel ready", kReadyTimeout))
+        return "the service of " + HostName(i) + " did not become ready:\n" + ReadFile(LogFile(i)) +
+               ReadFile(dir_.file(HostName(i) + ".out"));
+    }
+    return std::string();
+  }
+
+  // Runs vantrel-cli on host `index` as client `name`; its exit code and
+  // standard output.
+  RQPRunResult Cli(int index, const std::string& name, const std::vector<std::string>& command,
+                   int ackTimeoutMs = kAckTimeoutMs) const {
+    std::vector<std::string> program = {"/usr/bin/env", "VANTREL_INI=" + settings_,
+                                        "VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT=" + std::to_string(ackTimeoutMs),
+                                        cli_, "--name", name};
+    program.insert(program.end(), command.begin(), command.end());
+    return RQPRunAndCapture(ip_, InHost(index, program, "/dev/null"), Diff(kCommandTimeout));
+  }
+
+  bool WaitLog(int index, const std::string& text, std::chrono::milliseconds timeout) const {
+    return WaitUntil([&] { return ReadFile(LogFile(index)).find(text) != std::string::npos; }, timeout);
+  }
+
+  std::string LogFile(int index) const { return dir_.file(HostName(index) + ".log"); }
+
+  // Stops every service (SIGTERM, then SIGKILL after a bounded wait); for each
+  // one that did not exit with 0, a line with its code and its output.
+  std::vector<std::string> StopServices() {
+    std::vector<std::string> failures;
+    for (const RQPProcessId pid : services_) ::kill(static_cast<pid_t>(pid), SIGTERM);
+    for (std::size_t i = 0; i < services_.size(); ++i) {
+      int code = -1;
+      if (RQPWaitProcessFor(services_[i], Diff(kStopTimeout), &code) != RQPWaitResult::exited) {
+        RQPKillProcess(services_[i]);
+        RQPWaitProcess(services_[i]);
+        failures.push_back(HostName(static_cast<int>(i)) + ": did not stop within the time limit");
+      } else if (code != 0) {
+        failures.push_back(HostName(static_cast<int>(i)) + ": exit " + std::to_string(code) + "\n" +
+                           ReadFile(dir_.file(HostName(static_cast<int>(i)) + ".out")));
+      }
+    }
+    services_.clear();
+    return failures;
+  }
+
+ private:
+  std::string Switch() const { return prefix_ + "sw"; }
+  std::string Namespace(int index) const { return prefix_ + HostName(index); }
+
+  // The arguments of `ip` that run `program` in host `index`'s namespace under
+  // its own host name, with its standard output and error in `output`.
+  std::vector<std::string> InHost(int index, const std::vector<std::string>& program,
+                                  const std::string& output) const {
+    // Each program replaces the one before it (ip, unshare, sh), so the child's
+    // id ends up being the program's own.
+    std::vector<std::string> args = {"netns", "exec", Namespace(index), unshare_, "--uts", "--", "/bin/sh", "-c",
+                                     "hostname " + HostName(index) + " && exec \"$@\"" +
+                                         (output == "/dev/null" ? std::string(" 2>/dev/null")
+                                                                : " >" + output + " 2>&1"),
+                                     "sh"};
+    args.insert(args.end(), program.begin(), program.end());
+    return args;
+  }
+
+  bool Ip(const std::vector<std::string>& args) {
+    const RQPRunResult result = RQPRunAndCapture(ip_, args, Diff(kCommandTimeout));
+    lastOutput_ = result.started ? "exit " + std::to_string(result.exitCode) + " " + result.output : result.errorText;
+    return result.started && !result.timedOut && result.exitCode == 0;
+  }
+
+  void TearDown() {
+    StopServices();
+    // Removing a namespace removes its end of the veth pairs, and with it the
+    // other end; the bridge goes with its namespace.
+    for (auto name = namespaces_.rbegin(); name != namespaces_.rend(); ++name) Ip({"netns", "del", *name});
+    namespaces_.clear();
+    for (const std::string& folder : etcFolders_) {
+      std::error_code ignored;
+      std::filesystem::remove_all(folder, ignored);
+    }
+    etcFolders_.clear();
+  }
+
+  const std::string prefix_;
+  TempDir dir_;
+  std::string ip_;
+  std::string unshare_;
+  std::string service_;
+  std::string cli_;
+  std::string settings_;
+  std::string lastOutput_;
+  std::vector<std::string> namespaces_;
+  std::vector<std::string> etcFolders_;
+  std::vector<RQPProcessId> services_;
+};
+
+class ThreeHostsTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    lab_ = std::make_unique<cThreeHostLab>();
+    problem_ = lab_->Build(skip_);
+  }
+  static void TearDownTestSuite() {
+    // A service that crashes or reports a sanitizer error on its way out
+    // fails the suite, even though every exchange went through.
+    if (lab_ && problem_.empty())
+      for (const std::string& failure : lab_->StopServices()) ADD_FAILURE() << failure;
+    lab_.reset();
+  }
+
+  void SetUp() override {
+    if (!problem_.empty() && skip_) GTEST_SKIP() << problem_;
+    ASSERT_TRUE(problem_.empty()) << problem_;
+  }
+
+  // Starts a waiting receiver on host `to`, sends `text` from host `from` with
+  // acknowledgement, and returns what the receiver printed.
+  static std::string SendAcrossHosts(int from, int to, const std::string& sender, const std::string& receiver,
+                                     const std::string& text, int& sendExit) {
+    std::optional<RQPRunResult> received;
+    std::thread waiter([&] { received = lab_->Cli(to, receiver, {"wait", "--from", "--timeout", "15000"}); });
+    // The service logs the new client before it answers the greeting; only
+    // then can the message find it.
+    const bool registered =
+        lab_->WaitLog(to, "VantrelClientInstance::VantrelClientInstance(" + receiver + ")", std::chrono::seconds(15));
+    sendExit = -1;
+    if (registered) sendExit = lab_->Cli(from, sender, {"send", receiver + "@" + HostName(to), text}).exitCode;
+    waiter.join();
+    if (!received.has_value() || received->exitCode != 0) return "<no message: exit " +
+        std::to_string(received ? received->exitCode : -1) + ">";
+    return LastLine(received->output);
+  }
+
+  static std::unique_ptr<cThreeHostLab> lab_;
+  static std::string problem_;
+  static bool skip_;
+};
+
+std::unique_ptr<cThreeHostLab> ThreeHostsTest::lab_;
+std::string ThreeHostsTest::problem_;
+bool ThreeHostsTest::skip_ = false;
+
+TEST_F(ThreeHostsTest, MessagesAddressedByHostNameReachEveryOtherHost) {
+  // Around the ring, so that every service dials one peer and is dialled by
+  // another.
+  for (int from = 0; from < kHosts; ++from) {
+    const int to = (from + 1) % kHosts;
+    const std::string sender = "sender" + std::to_string(from + 1);
+    const std::string receiver = "receiver" + std::to_string(to + 1);
+    const std::string text = "hello from " + HostName(from) + " to " + HostName(to);
+    int sendExit = -1;
+    const std::string output = SendAcrossHosts(from, to, sender, receiver, text, sendExit);
+    EXPECT_EQ(sendExit, 0) << HostName(from) << " -> " << HostName(to) << "\n" << ReadFile(lab_->LogFile(from));
+    EXPECT_EQ(output, sender + "@" + HostName(from) + "\t" + text + "\n");
+  }
+  // Each link was opened by name, on the default net port of the peer.
+  for (int from = 0; from < kHosts; ++from) {
+    const int to = (from + 1) % kHosts;
+    EXPECT_TRUE(lab_->WaitLog(from, "Connecting to " + HostName(to) + ":9011", std::chrono::seconds(5)))
+        << ReadFile(lab_->LogFile(from));
+  }
+}
+
+TEST_F(ThreeHostsTest, HostsAlreadyLinkedTheOtherWayStillDeliver) {
+  // h3 dialled h1 for the ring; a message from h1 to h3 now meets a link that
+  // the other side opened.
+  int sendExit = -1;
+  const std::string output = SendAcrossHosts(0, 2, "back1", "back3", "and back", sendExit);
+  EXPECT_EQ(sendExit, 0) << ReadFile(lab_->LogFile(0));
+  EXPECT_EQ(output, "back1@h1\tand back\n");
+}
+
+TEST_F(ThreeHostsTest, ClientsSeeTheirNamespaceHostAndDefaultPort) {
+  for (int i = 0; i < kHosts; ++i) {
+    const RQPRunResult result = lab_->Cli(i, "who", {"whoami"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(LastLine(result.output), "who@" + HostName(i) + "~9011\n");
+  }
+}
+
+TEST_F(ThreeHostsTest, MessageForAnAbsentClientOnAnotherHostIsNotAcknowledged) {
+  const RQPRunResult result = lab_->Cli(0, "lonely", {"send", "nobody@" + HostName(1), "anyone?"}, 2000);
+  // Exit 5: the remote service answered "not delivered", which an
+  // acknowledged send does not take as its acknowledgement.
+  EXPECT_EQ(result.exitCode, 5);
+}
+
+}  // namespace
+}  // namespace vantrel::test
