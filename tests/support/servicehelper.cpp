@@ -160,6 +160,29 @@ void ServiceProcess::kill() {
   waitExit(std::chrono::seconds(10));
 }
 
+bool ServiceProcess::freeze(std::chrono::milliseconds timeout) {
+  if (pid_ <= 0 || ::kill(pid_, SIGSTOP) != 0) return false;
+  const std::filesystem::path tasks = "/proc/" + std::to_string(pid_) + "/task";
+  return WaitUntil(
+      [&] {
+        std::error_code error;
+        bool any = false;
+        for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+          std::ifstream stat(task.path() / "stat");
+          std::string line;
+          if (!std::getline(stat, line)) continue;  // the thread has just ended
+          // The state follows the parenthesised command name, which may hold blanks.
+          const auto close = line.rfind(')');
+          if (close == std::string::npos || close + 2 >= line.size()) return false;
+          const char state = line[close + 2];
+          if (state != 'T' && state != 't') return false;
+          any = true;
+        }
+        return !error && any;
+      },
+      timeout);
+}
+
 bool ServiceProcess::running() { return pid_ > 0 && !waitExit(std::chrono::milliseconds(0)).has_value(); }
 
 std::vector<pid_t> ServiceProcess::successors() const {
