@@ -562,7 +562,9 @@ bool StreamSocket::Buffer(int fd, std::size_t need, bool frameStarted, std::int6
   }
   while (readEnd_ - readStart_ < need) {
     std::size_t got = 0;
-    const tIo io = RecvSome(fd, readBuffer_.get() + readEnd_, kReadBufferSize - readEnd_, got, !frameStarted);
+    const std::size_t room = kReadBufferSize - readEnd_;
+    const std::size_t want = largePayloads_ ? std::min(room, need - (readEnd_ - readStart_)) : room;
+    const tIo io = RecvSome(fd, readBuffer_.get() + readEnd_, want, got, !frameStarted);
     if (io == tIo::eDone) {
       readEnd_ += got;
       frameStarted = true;
@@ -624,9 +626,10 @@ bool StreamSocket::WaitTypedMessageZ1(short& type, short& subtype, char*& data, 
   }
 
   const std::size_t size = header.words.length;
-  // A payload that fits the read buffer is gathered there, so that whatever
-  // follows it in the stream is read in the same call.
-  if (size <= kReadBufferSize && !Buffer(fd, size, true, deadlineUs)) return false;
+  // A small payload is gathered in the read buffer, so that whatever follows it
+  // in the stream is read in the same call.
+  largePayloads_ = size >= kDirectPayloadSize;
+  if (!largePayloads_ && !Buffer(fd, size, true, deadlineUs)) return false;
   char* buffer = new char[size + 1];
   const std::size_t buffered = std::min(size, readEnd_ - readStart_);
   if (buffered > 0) std::memcpy(buffer, readBuffer_.get() + readStart_, buffered);

@@ -259,6 +259,11 @@ class VANTREL_API StreamSocket : public c_Socket {
   // larger than the buffer are read straight into their own buffer. Touched
   // by the reading thread only.
   static constexpr std::size_t kReadBufferSize = 64 * 1024;
+  // Payloads from this size on are read straight into their own buffer; after
+  // such a frame the next header is read alone, so a stream of large frames
+  // is not copied twice.
+  static constexpr std::size_t kDirectPayloadSize = 16 * 1024;
+  bool largePayloads_ = false;
   std::unique_ptr<char[]> readBuffer_;
   std::size_t readStart_ = 0;
   std::size_t readEnd_ = 0;
