@@ -132,6 +132,36 @@ TEST_F(NetServiceTest, KilledPeerAnswersEveryWaitingRequestOnce) {
   EXPECT_EQ(alice.pending(), 0u);
 }
 
+TEST_F(NetServiceTest, RequestsAfterThePeerDiedAreAnsweredOnceEach) {
+  ServiceProcess a, b;
+  Launch(a);
+  Launch(b);
+  TestClient alice, bob;
+  ASSERT_TRUE(alice.NETInitZ641("alice", a.clientsPort()));
+  ASSERT_TRUE(bob.NETInitZ641("bob", b.clientsPort()));
+  ASSERT_TRUE(alice.NETSendMessageZ1("warm up", 8, At("bob", b).c_str()));
+  b.kill();
+  ASSERT_TRUE(a.waitLog("Removing host " + b.hostText())) << a.log();
+
+  // The old link is gone: each request opens a new one that cannot connect.
+  for (int id = 11; id <= 13; ++id) ASSERT_TRUE(alice.NETSendMessageNowaitZ1(id, "q", 2, At("bob", b).c_str()));
+  std::set<unsigned> answered;
+  for (int i = 0; i < 3; ++i) {
+    auto answer = alice.next();
+    ASSERT_TRUE(answer.has_value()) << a.log();
+    EXPECT_EQ(answer->getType(), 103);
+    EXPECT_STREQ(answer->getData(), "Connection to host broke.");
+    answered.insert(answer->getMessageId());
+  }
+  EXPECT_EQ(answered, (std::set<unsigned>{11, 12, 13}));
+  ASSERT_TRUE(alice.NETSendMessageNoresponseZ1("self", 5, At("alice", a).c_str()));
+  auto self = alice.next();
+  ASSERT_TRUE(self.has_value());
+  EXPECT_STREQ(self->getData(), "self");
+  EXPECT_EQ(alice.pending(), 0u);
+  EXPECT_TRUE(a.running());
+}
+
 TEST_F(NetServiceTest, IdleLinkCarriesPings) {
   ServiceProcess a, b;
   a.setEnv("VANTREL_INTERNAL_PING_TIMEOUT_SECONDS", "1");
