@@ -89,10 +89,12 @@ TEST_F(NetServiceTest, ThreeServicesRouteToEachOther) {
   ASSERT_TRUE(bob.NETSendMessageZ1("b to c", 7, At("carol", c).c_str()));
   ASSERT_TRUE(carol.NETSendMessageZ1("c to a", 7, alice.NETWhoAmI()));
 
-  EXPECT_STREQ(bob.next()->getData(), "to b");
+  auto toBob = bob.next();
+  ASSERT_TRUE(toBob.has_value()) << b.log();
+  EXPECT_STREQ(toBob->getData(), "to b");
   auto first = carol.next();
   auto second = carol.next();
-  ASSERT_TRUE(first.has_value() && second.has_value());
+  ASSERT_TRUE(first.has_value() && second.has_value()) << c.log();
   EXPECT_STREQ(first->getData(), "to c");
   EXPECT_STREQ(second->getData(), "b to c");
   auto toAlice = alice.next();
