@@ -1,5 +1,7 @@
 #include "tests/support/servicehelper.h"
 
+#include <gtest/gtest.h>
+
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -55,6 +57,20 @@ ServiceProcess::ServiceProcess(const std::string& iniExtra) : clientsPort_(FreeP
 ServiceProcess::~ServiceProcess() {
   for (pid_t successor : successors()) ::kill(successor, SIGKILL);
   kill();
+  // A sanitizer report of the service goes to its standard error, which only
+  // this object sees: without this check a race or a leak in the service would
+  // pass unnoticed whenever the test itself got its answers.
+  std::ifstream out(dir_.file("output.txt"));
+  std::stringstream text;
+  text << out.rdbuf();
+  const std::string output = text.str();
+  for (const char* marker : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer",
+                             "runtime error:"}) {
+    if (output.find(marker) != std::string::npos) {
+      ADD_FAILURE() << "the service reported a fault:\n" << output;
+      break;
+    }
+  }
 }
 
 void ServiceProcess::setPorts(unsigned short clientsPort, unsigned short netPort) {
@@ -158,6 +174,29 @@ void ServiceProcess::kill() {
   if (pid_ <= 0) return;
   ::kill(pid_, SIGKILL);
   waitExit(std::chrono::seconds(10));
+}
+
+bool ServiceProcess::freeze(std::chrono::milliseconds timeout) {
+  if (pid_ <= 0 || ::kill(pid_, SIGSTOP) != 0) return false;
+  const std::filesystem::path tasks = "/proc/" + std::to_string(pid_) + "/task";
+  return WaitUntil(
+      [&] {
+        std::error_code error;
+        bool any = false;
+        for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+          std::ifstream stat(task.path() / "stat");
+          std::string line;
+          if (!std::getline(stat, line)) continue;  // the thread has just ended
+          // The state follows the parenthesised command name, which may hold blanks.
+          const auto close = line.rfind(')');
+          if (close == std::string::npos || close + 2 >= line.size()) return false;
+          const char state = line[close + 2];
+          if (state != 'T' && state != 't') return false;
+          any = true;
+        }
+        return !error && any;
+      },
+      timeout);
 }
 
 bool ServiceProcess::running() { return pid_ > 0 && !waitExit(std::chrono::milliseconds(0)).has_value(); }

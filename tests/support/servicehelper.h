@@ -44,6 +44,10 @@ class ServiceProcess {
   std::optional<int> stop(std::chrono::milliseconds timeout = std::chrono::seconds(20));
   std::optional<int> waitExit(std::chrono::milliseconds timeout);
   void kill();
+  // SIGSTOP, then waits until every thread of the process has really stopped:
+  // the signal is delivered asynchronously, and a process that is only asked to
+  // stop may still read and answer for a while.
+  bool freeze(std::chrono::milliseconds timeout = std::chrono::seconds(10));
   bool running();
 
   pid_t pid() const { return pid_; }

@@ -428,6 +428,9 @@ void CVantrelHostConnection::deliverForward(short type, const char* data, unsign
   const cVantrelMessage request(*event);
   const bool delivered = service_->EventServer()->dispatchClientEvent(event);
   if (!delivered) delete event;
+  VLOG_DEBUG("CVantrelHostConnection::doReading - message %u of type %d from %s@%s for %s %s",
+             request.getMessageId(), type, request.getFromClient(), request.getFromHost(), request.getToClient(),
+             delivered ? "delivered" : "not delivered");
   if (!IsWaitedRequest(type)) return;
   // The sender's client gets a delivered answer on its acknowledgement subtype.
   queueOwn(new VantrelHostEvent(static_cast<long>(request.getMessageId()), request.getFromHost(),
@@ -461,6 +464,8 @@ void CVantrelHostConnection::deliverAnswer(short type, short subtype, const char
       }
     }
   }
+  VLOG_DEBUG("CVantrelHostConnection::doReading - answer %d to message %u for %s from host %s", event->getType(),
+             event->getMessageId(), event->getToClient(), HostText());
   if (!service_->EventServer()->dispatchClientEvent(event)) delete event;
 }
 
@@ -480,10 +485,14 @@ int CVantrelHostConnection::post(BaseEvent* base) {
     if (terminated_) {
       refused = true;
     } else {
+      VLOG_DEBUG("CVantrelHostConnection::post - message %u of type %d for %s@%s queued", event->getMessageId(),
+                 event->getType(), event->getToClient(), event->getToHost());
       outgoing_queue_.putEvent(event);
     }
   }
   if (refused) {
+    VLOG_DEBUG("CVantrelHostConnection::post - link to %s is terminated, message %u of type %d for %s refused",
+               HostText(), event->getMessageId(), event->getType(), event->getToClient());
     if (IsWaitedRequest(event->getType())) {
       answerBroken(event->getMessageId(), event->getType(), event->getToHost(), event->getToClient(),
                    event->getFromHost(), event->getFromClient());
@@ -521,6 +530,8 @@ bool CVantrelHostConnection::sendEvent(VantrelHostEvent* event) {
       return false;
     }
   }
+  VLOG_DEBUG("CVantrelHostConnection::doWriting - sending message %u of type %d to host %s", event->getMessageId(),
+             type, HostText());
   bool sent = false;
   try {
     sent = socket_.SendTypedMessageZ2(type, kVersionMarker, event->getPackedBuf(), event->getPackedBufLen());
@@ -589,7 +600,10 @@ void CVantrelHostConnection::answerBroken(std::uint32_t messageId, short type, c
   auto* answer = new VantrelClientEvent(static_cast<long>(messageId), fromHost, fromClient, toHost, toClient,
                                         AnswerQType(type), kNotDelivered, 0, kLinkBrokeText,
                                         static_cast<long>(std::strlen(kLinkBrokeText) + 1));
-  if (!service_->EventServer()->dispatchClientEvent(answer)) delete answer;
+  const bool delivered = service_->EventServer()->dispatchClientEvent(answer);
+  VLOG_DEBUG("CVantrelHostConnection - message %u of type %d from %s answered as broken link%s", messageId, type,
+             fromClient, delivered ? "" : ", requester gone");
+  if (!delivered) delete answer;
 }
 
 void CVantrelHostConnection::breakLink() {

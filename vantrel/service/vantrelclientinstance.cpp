@@ -87,6 +87,8 @@ void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, 
     return;
   }
   const std::uint32_t messageId = event->getMessageId();
+  VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - message %u of type %d for %s@%s", name_, messageId, type,
+             event->getToClient(), event->getToHost());
   if (server_ != nullptr && server_->dispatchHostEvent(event)) return;
   delete event;
   if (type == kSendNoResponse) return;
@@ -105,6 +107,8 @@ void VantrelClientInstance::routeToClient(const char* data, std::uint32_t length
   const std::uint32_t messageId = event->getMessageId();
   const bool delivered = server_ != nullptr && server_->dispatchClientEvent(event);
   if (!delivered) delete event;
+  VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - local message %u of type %d %s", name_, messageId, type,
+             delivered ? "delivered" : "not delivered");
   if (kind == kSendNoResponse + kLocalOffset) return;
   // A delivered answer travels on the acknowledgement subtype so that it ends the
   // sender's wait; a failure arrives with the ordinary messages. The text does not
