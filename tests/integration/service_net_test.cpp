@@ -89,10 +89,12 @@ TEST_F(NetServiceTest, ThreeServicesRouteToEachOther) {
   ASSERT_TRUE(bob.NETSendMessageZ1("b to c", 7, At("carol", c).c_str()));
   ASSERT_TRUE(carol.NETSendMessageZ1("c to a", 7, alice.NETWhoAmI()));
 
-  EXPECT_STREQ(bob.next()->getData(), "to b");
+  auto toBob = bob.next();
+  ASSERT_TRUE(toBob.has_value()) << b.log();
+  EXPECT_STREQ(toBob->getData(), "to b");
   auto first = carol.next();
   auto second = carol.next();
-  ASSERT_TRUE(first.has_value() && second.has_value());
+  ASSERT_TRUE(first.has_value() && second.has_value()) << c.log();
   EXPECT_STREQ(first->getData(), "to c");
   EXPECT_STREQ(second->getData(), "b to c");
   auto toAlice = alice.next();
@@ -130,6 +132,36 @@ TEST_F(NetServiceTest, KilledPeerAnswersEveryWaitingRequestOnce) {
   ASSERT_TRUE(self.has_value());
   EXPECT_STREQ(self->getData(), "self");
   EXPECT_EQ(alice.pending(), 0u);
+}
+
+TEST_F(NetServiceTest, RequestsAfterThePeerDiedAreAnsweredOnceEach) {
+  ServiceProcess a, b;
+  Launch(a);
+  Launch(b);
+  TestClient alice, bob;
+  ASSERT_TRUE(alice.NETInitZ641("alice", a.clientsPort()));
+  ASSERT_TRUE(bob.NETInitZ641("bob", b.clientsPort()));
+  ASSERT_TRUE(alice.NETSendMessageZ1("warm up", 8, At("bob", b).c_str()));
+  b.kill();
+  ASSERT_TRUE(a.waitLog("Removing host " + b.hostText())) << a.log();
+
+  // The old link is gone: each request opens a new one that cannot connect.
+  for (int id = 11; id <= 13; ++id) ASSERT_TRUE(alice.NETSendMessageNowaitZ1(id, "q", 2, At("bob", b).c_str()));
+  std::set<unsigned> answered;
+  for (int i = 0; i < 3; ++i) {
+    auto answer = alice.next();
+    ASSERT_TRUE(answer.has_value()) << a.log();
+    EXPECT_EQ(answer->getType(), 103);
+    EXPECT_STREQ(answer->getData(), "Connection to host broke.");
+    answered.insert(answer->getMessageId());
+  }
+  EXPECT_EQ(answered, (std::set<unsigned>{11, 12, 13}));
+  ASSERT_TRUE(alice.NETSendMessageNoresponseZ1("self", 5, At("alice", a).c_str()));
+  auto self = alice.next();
+  ASSERT_TRUE(self.has_value());
+  EXPECT_STREQ(self->getData(), "self");
+  EXPECT_EQ(alice.pending(), 0u);
+  EXPECT_TRUE(a.running());
 }
 
 TEST_F(NetServiceTest, IdleLinkCarriesPings) {

@@ -1,5 +1,7 @@
 #include "tests/support/servicehelper.h"
 
+#include <gtest/gtest.h>
+
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -55,6 +57,20 @@ ServiceProcess::ServiceProcess(const std::string& iniExtra) : clientsPort_(FreeP
 ServiceProcess::~ServiceProcess() {
   for (pid_t successor : successors()) ::kill(successor, SIGKILL);
   kill();
+  // A sanitizer report of the service goes to its standard error, which only
+  // this object sees: without this check a race or a leak in the service would
+  // pass unnoticed whenever the test itself got its answers.
+  std::ifstream out(dir_.file("output.txt"));
+  std::stringstream text;
+  text << out.rdbuf();
+  const std::string output = text.str();
+  for (const char* marker : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer",
+                             "runtime error:"}) {
+    if (output.find(marker) != std::string::npos) {
+      ADD_FAILURE() << "the service reported a fault:\n" << output;
+      break;
+    }
+  }
 }
 
 void ServiceProcess::setPorts(unsigned short clientsPort, unsigned short netPort) {
