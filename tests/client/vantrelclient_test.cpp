@@ -271,14 +271,6 @@ TEST(ClientLibrary, HookSeesChannelsZeroAndTwoOnlyAndBadSubtypesAreDropped) {
   EXPECT_EQ(client.NETFetchMessage(), nullptr);
 }
 
-TEST(ClientLibrary, DefaultHookQueuesChannelZeroOnly) {
-  cVantrelClientObject client;
-  auto* zero = new cTypedMessageObject("x", 2, 1034, 0);
-  EXPECT_TRUE(client.NewMessageEvent(zero, 0));
-  delete zero;
-  EXPECT_FALSE(client.NewMessageEvent(new cTypedMessageObject("x", 2, 4, 2), 2));  // the default frees it
-}
-
 TEST(ClientLibrary, TurningOffEndsWaitsAndDropsTraffic) {
   ScriptedService service;
   cVantrelClientObject waiting;
