@@ -16,18 +16,9 @@
 using vantrel::test::cFrame;
 using vantrel::test::LogCapture;
 using vantrel::test::ScriptedService;
+using vantrel::test::ScopedEnv;
 
 namespace {
-
-// Sets an environment variable for the life of the object.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const std::string& value) : name_(name) { setenv(name, value.c_str(), 1); }
-  ~ScopedEnv() { unsetenv(name_); }
-
- private:
-  const char* name_;
-};
 
 // The record a frame carries.
 cVantrelMessage Record(const cFrame& frame) {
