@@ -1,16 +1,9 @@
-// Three hosts, each a network namespace with its own host name and address,
-// each running the real `vantrel` program on the default ports. Clients
-// (vantrel-cli) in each namespace address each other by host name only, so the
-// services must resolve the names, open their links on the default net port and
-// route the answers back.
-//
-// The hosts hang off one bridge that lives in a fourth namespace, so nothing is
-// added to the machine's own network; the names resolve through a hosts file
-// per namespace, which `ip netns exec` puts in place of /etc/hosts. Each program
-// runs under `unshare --uts` so that its host name is the namespace's.
-//
-// Needs root (or CAP_SYS_ADMIN and CAP_NET_ADMIN), `ip` and `unshare`; without
-// them the tests are skipped and say why.
+// Three hosts, each a network namespace with its own name and address, each
+// running the real `vantrel` on the default ports; clients address each other
+// by host name only. The hosts hang off a bridge in a fourth namespace, so the
+// machine's own network is untouched; names resolve through a per-namespace
+// hosts file and `unshare --uts` gives each program its namespace's host name.
+// Needs root, `ip` and `unshare`; otherwise skipped with the reason.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -40,9 +33,7 @@ nTime::cDiff Diff(std::chrono::milliseconds span) {
   return nTime::cDiff::FromMilliseconds(static_cast<double>(span.count()));
 }
 
-// The last line of a program's output. The library prints its settings
-// banner on standard output when it first reads them, ahead of what the
-// program itself prints.
+// The last line of a program's output (the settings banner comes first).
 std::string LastLine(const std::string& output) {
   if (output.empty()) return output;
   const auto end = output.back() == '\n' ? output.size() - 1 : output.size();
@@ -223,8 +214,7 @@ class ThreeHostsTest : public ::testing::Test {
     problem_ = lab_->Build(skip_);
   }
   static void TearDownTestSuite() {
-    // A service that crashes or reports a sanitizer error on its way out
-    // fails the suite, even though every exchange went through.
+    // A crash or sanitizer report on the way out fails the suite too.
     if (lab_ && problem_.empty())
       for (const std::string& failure : lab_->StopServices()) ADD_FAILURE() << failure;
     lab_.reset();
