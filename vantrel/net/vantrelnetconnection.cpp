@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <vector>
 #include <utility>
 
 #include "vantrel/base/env/envcontainer.h"
@@ -147,33 +149,83 @@ void CVantrelClientConnection::doReading() {
   }
 }
 
+std::unique_ptr<VantrelClientEvent> CVantrelClientConnection::sendable(RWCollectable* item) {
+  std::unique_ptr<RWCollectable> owned(item);
+  auto* event = dynamic_cast<VantrelClientEvent*>(item);
+  if (event == nullptr) {
+    VLOG_ERROR("CVantrelClientConnection::doWriting - unexpected %s on the queue dropped", item->nameOf());
+    return nullptr;
+  }
+  const short subtype = event->getSubtype();
+  if (subtype < 0 || subtype > 2) {
+    // The client uses the subtype as a queue index.
+    VLOG_ERROR("CVantrelClientConnection::doWriting - message of type %d with subtype %d dropped", event->getType(),
+               subtype);
+    return nullptr;
+  }
+  owned.release();
+  return std::unique_ptr<VantrelClientEvent>(event);
+}
+
 void CVantrelClientConnection::doWriting() {
+  std::vector<std::unique_ptr<VantrelClientEvent>> batch;
+  batch.reserve(StreamSocket::kMaxBatch);
+  StreamSocket::cOutgoingFrame frames[StreamSocket::kMaxBatch];
   try {
     for (;;) {
       RWCollectable* item = eventQueue().waitEvent();
       if (item == nullptr) return;
-      auto* event = dynamic_cast<VantrelClientEvent*>(item);
-      if (event == nullptr) {
-        VLOG_ERROR("CVantrelClientConnection::doWriting - unexpected %s on the queue dropped", item->nameOf());
-        delete item;
-        continue;
+      // Whatever else is already waiting goes out in the same write.
+      int taken = 0;
+      while (item != nullptr) {
+        ++taken;
+        if (auto event = sendable(item)) batch.push_back(std::move(event));
+        if (batch.size() == StreamSocket::kMaxBatch) break;
+        item = eventQueue().get();
       }
-      const short subtype = event->getSubtype();
-      if (subtype < 0 || subtype > 2) {
-        // The client uses the subtype as a queue index.
-        VLOG_ERROR("CVantrelClientConnection::doWriting - message of type %d with subtype %d dropped",
-                   event->getType(), subtype);
-        delete event;
-        continue;
+      for (std::size_t i = 0; i < batch.size(); ++i) {
+        const VantrelClientEvent& event = *batch[i];
+        frames[i] = {event.getType(), event.getSubtype(), event.getPackedBuf(),
+                     static_cast<unsigned>(event.getPackedBufLen())};
       }
-      const bool sent =
-          socket_.SendTypedMessageZ2(event->getType(), subtype, event->getPackedBuf(), event->getPackedBufLen());
-      delete event;
+      const bool sent = socket_.SendTypedMessages(frames, batch.size());
+      batch.clear();
+      unsent_.fetch_sub(taken, std::memory_order_acq_rel);
       if (!sent) return;
     }
   } catch (const std::exception& e) {
     VLOG_ERROR("CVantrelClientConnection::doWriting - Error writing to socket: %s", e.what());
   }
+}
+
+bool CVantrelClientConnection::Post(RWCollectable* event) {
+  if (event == nullptr) return false;
+  unsent_.fetch_add(1, std::memory_order_acq_rel);
+  if (eventQueue().putEvent(event)) return true;
+  unsent_.fetch_sub(1, std::memory_order_acq_rel);
+  return false;
+}
+
+void CVantrelClientConnection::SendAnswer(RWCollectable* answer) {
+  if (answer == nullptr) return;
+  int idle = 0;
+  if (!unsent_.compare_exchange_strong(idle, 1, std::memory_order_acq_rel)) {
+    Post(answer);
+    return;
+  }
+  bool sent = true;
+  try {
+    if (auto event = sendable(answer))
+      sent = socket_.SendTypedMessageZ2(event->getType(), event->getSubtype(), event->getPackedBuf(),
+                                        static_cast<unsigned>(event->getPackedBufLen()));
+  } catch (const std::exception& e) {
+    // A failed write ends this connection only, whichever thread wrote.
+    VLOG_ERROR("CVantrelClientConnection::doWriting - Error writing to socket: %s", e.what());
+    sent = false;
+  }
+  unsent_.fetch_sub(1, std::memory_order_acq_rel);
+  // As when the writer fails: the connection ends (the reader's next wait fails).
+  if (!sent) socket_.CloseSocket();
 }
 
 void CVantrelClientConnection::Terminate(bool wait) {

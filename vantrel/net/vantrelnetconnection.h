@@ -26,6 +26,7 @@
 #include <atomic>
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -71,12 +72,20 @@ class CVantrelClientConnection : public iVantrelClientLink {
 
   void Start();
   void Terminate(bool wait) override;
+  bool Post(RWCollectable* event) override;
+  // Called on the reader thread (the client instance's answers). Sent at once
+  // when the writer has nothing queued or in hand, which saves the answer a
+  // thread hand-over; queued otherwise, so nothing is overtaken.
+  void SendAnswer(RWCollectable* answer) override;
 
  private:
   void StartReader();
   void StartWriter();
   void doReading();
   void doWriting();
+  // Takes ownership of a queued item; the event to send, or null when the item
+  // cannot go to a client (logged and deleted).
+  static std::unique_ptr<VantrelClientEvent> sendable(RWCollectable* item);
   // Answers the greeting and creates the client instance. False ends the reader.
   bool greet(char* data, unsigned length, short type);
   std::string clientName();
@@ -91,6 +100,10 @@ class CVantrelClientConnection : public iVantrelClientLink {
   std::string clientName_;  // guarded by lock_
   VantrelClientInstance* instance_ = nullptr;  // guarded by lock_; owned
   const int port_;  // the socket's peer port, for log lines
+  // Events posted and not yet sent (or dropped) by the writer, plus an answer
+  // being sent directly by the reader. Zero means the socket is free for a
+  // direct send without overtaking anything.
+  std::atomic<int> unsent_{0};
 };
 
 class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferLink {

@@ -29,7 +29,7 @@ int VantrelClientInstance::deliver(BaseEvent* event) {
     return 0;
   }
   // A terminated queue deletes what it refuses.
-  return connection->eventQueue().putEvent(event) ? 1 : 0;
+  return connection->Post(event) ? 1 : 0;
 }
 
 void VantrelClientInstance::reply(std::uint32_t messageId, QType qtype, short type, short subtype,
@@ -38,7 +38,7 @@ void VantrelClientInstance::reply(std::uint32_t messageId, QType qtype, short ty
   if (connection == nullptr) return;
   auto* answer = new VantrelClientEvent(static_cast<long>(messageId), "", "", "", "", qtype, type, subtype, text,
                                         static_cast<long>(std::strlen(text) + 1));
-  connection->eventQueue().putEvent(answer);
+  connection->SendAnswer(answer);
 }
 
 bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length, short type, short subtype) {
@@ -147,7 +147,7 @@ void VantrelClientInstance::localFileCopy(const char* data, std::uint32_t length
     delete answer;
     return;
   }
-  connection->eventQueue().putEvent(answer);
+  connection->SendAnswer(answer);
 }
 
 void VantrelClientInstance::detach() {

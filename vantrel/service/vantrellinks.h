@@ -21,7 +21,17 @@ class iVantrelConnection : public ClientObj {
 
 // A local client's connection as the client instance sees it: events put on its
 // event queue are sent to the client by the connection's writer.
-class iVantrelClientLink : public iVantrelConnection {};
+class iVantrelClientLink : public iVantrelConnection {
+ public:
+  // Hands an event to the writer; takes ownership. False when the connection
+  // has ended (the event is then deleted). Called from any thread, possibly
+  // under the event server's lock, so it only queues.
+  virtual bool Post(RWCollectable* event) { return eventQueue().putEvent(event); }
+  // An answer made on the connection's own reader thread; takes ownership. A
+  // connection may send it at once when nothing queued earlier would be
+  // overtaken; by default it is queued like any other event.
+  virtual void SendAnswer(RWCollectable* answer) { Post(answer); }
+};
 
 // A link to another host's service as the event server sees it.
 class iVantrelHostLink : public iVantrelConnection {

@@ -15,6 +15,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstring>
 
 #include "vantrel/base/log/log.h"
@@ -45,6 +46,15 @@ std::string AddressText(const sockaddr_storage& address, unsigned short& port) {
   }
   return text;
 }
+
+// Sends stay non-blocking (MSG_DONTWAIT); only reads wait in the kernel.
+bool MakeBlocking(int fd) {
+  const int flags = ::fcntl(fd, F_GETFL);
+  return flags >= 0 && ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0;
+}
+
+// Marks a frame deadline that has not been computed yet (-1 means "none").
+constexpr std::int64_t kNoDeadlineYet = -2;
 
 bool IsIpLiteral(const std::string& host) {
   unsigned char buffer[sizeof(in6_addr)];
@@ -215,7 +225,10 @@ StreamSocket::StreamSocket(bool useTls, std::string name) : useTls_(useTls), nam
 
 StreamSocket::StreamSocket(cSocketHandle&& accepted, cTlsConnectionState tls, std::string name)
     : useTls_(tls != nullptr), name_(std::move(name)), options_(accepted.Options()), tlsContext_(std::move(tls)) {
-  if (accepted.fIsValid()) AdoptDescriptor(accepted.Release());
+  if (accepted.fIsValid()) {
+    const int fd = accepted.Release();
+    if (AdoptDescriptor(fd) && !useTls_) blockingReads_ = MakeBlocking(fd);
+  }
   latencyLimiter_.SetCycle(options_.cycleLatencyThresholdLimit);
 }
 
@@ -321,7 +334,10 @@ bool StreamSocket::Connect(const std::string& host, unsigned short port, const c
 
   ApplyConnectionOptions(connected);
   if (!AdoptDescriptor(connected)) return false;
-  if (!useTls_) return true;
+  if (!useTls_) {
+    blockingReads_ = MakeBlocking(connected);
+    return true;
+  }
 
   SSL* ssl = SSL_new(clientContext->Native());
   if (!ssl) throw cSocketError("StreamSocket::Connect - SSL_new failed: " + gTlsErrorText());
@@ -482,21 +498,31 @@ bool StreamSocket::RunHandshake(int fd, std::int64_t deadlineUs, const char* wha
   }
 }
 
-StreamSocket::tIo StreamSocket::RecvSome(int fd, char* buffer, std::size_t size, std::size_t& got) {
+StreamSocket::tIo StreamSocket::RecvSome(int fd, char* buffer, std::size_t size, std::size_t& got, bool mayBlock) {
   got = 0;
   if (!ssl_) {
+    // Between frames a plain socket waits inside recv: one system call per
+    // burst instead of a failed read, a poll and a read. A close shuts the
+    // connection down, which ends the recv at once.
+    const int flags = mayBlock && blockingReads_ ? 0 : MSG_DONTWAIT;
     for (;;) {
-      const ssize_t n = ::recv(fd, buffer, size, MSG_DONTWAIT);
+      const ssize_t n = ::recv(fd, buffer, size, flags);
       if (n > 0) {
         got = static_cast<std::size_t>(n);
         return tIo::eDone;
       }
       if (n == 0) return tIo::eEof;
-      if (errno == EINTR) continue;
+      if (errno == EINTR) {
+        if (IsClosed()) return tIo::eEof;
+        continue;
+      }
       if (errno == EAGAIN || errno == EWOULDBLOCK) return tIo::eWantRead;
       return tIo::eError;
     }
   }
+  // OpenSSL keeps decrypted bytes of a record beyond `size` to itself; they
+  // come out of the next SSL_read without touching the socket, which is why a
+  // read is always tried before a poll.
   std::lock_guard<std::mutex> lock(sslMutex_);
   ERR_clear_error();
   if (SSL_read_ex(ssl_, buffer, size, &got) == 1) return tIo::eDone;
@@ -510,28 +536,53 @@ StreamSocket::tIo StreamSocket::RecvSome(int fd, char* buffer, std::size_t size,
   }
 }
 
-bool StreamSocket::ReadAll(int fd, char* buffer, std::size_t size, bool frameStarted, std::int64_t& deadlineUs) {
+bool StreamSocket::WaitForMore(int fd, tIo io, bool frameStarted, std::int64_t& deadlineUs) {
+  if (io == tIo::eEof || io == tIo::eError) return false;
+  // The first byte of a frame starts the clock: the rest of it must follow
+  // within the communication time-out. Silence between frames is fine. The
+  // clock is only read when a frame really has to be waited for.
+  if (frameStarted && deadlineUs == kNoDeadlineYet) deadlineUs = DeadlineAfter(options_.communicationTimeout);
+  const tWait w = WaitReady(fd, io == tIo::eWantWrite ? POLLOUT : POLLIN, frameStarted ? deadlineUs : -1);
+  if (w == tWait::eReady) return true;
+  if (w == tWait::eTimeout)
+    VLOG_WARN("StreamSocket::WaitTypedMessageZ1(%s,%d) - frame from %s not completed within %lld ms", name_, fd,
+              PeerAddress(), static_cast<long long>(options_.communicationTimeout.Milliseconds()));
+  return false;
+}
+
+bool StreamSocket::Buffer(int fd, std::size_t need, bool frameStarted, std::int64_t& deadlineUs) {
+  if (readEnd_ - readStart_ >= need) return true;
+  if (!readBuffer_) readBuffer_ = std::make_unique<char[]>(kReadBufferSize);
+  if (readStart_ == readEnd_) {
+    readStart_ = readEnd_ = 0;
+  } else if (kReadBufferSize - readStart_ < need) {
+    std::memmove(readBuffer_.get(), readBuffer_.get() + readStart_, readEnd_ - readStart_);
+    readEnd_ -= readStart_;
+    readStart_ = 0;
+  }
+  while (readEnd_ - readStart_ < need) {
+    std::size_t got = 0;
+    const tIo io = RecvSome(fd, readBuffer_.get() + readEnd_, kReadBufferSize - readEnd_, got, !frameStarted);
+    if (io == tIo::eDone) {
+      readEnd_ += got;
+      frameStarted = true;
+      continue;
+    }
+    if (IsClosed() || !WaitForMore(fd, io, frameStarted, deadlineUs)) return false;
+  }
+  return true;
+}
+
+bool StreamSocket::ReadAll(int fd, char* buffer, std::size_t size, std::int64_t& deadlineUs) {
   std::size_t done = 0;
   while (done < size) {
     std::size_t got = 0;
-    const tIo io = RecvSome(fd, buffer + done, size - done, got);
+    const tIo io = RecvSome(fd, buffer + done, size - done, got, false);
     if (io == tIo::eDone) {
-      if (!frameStarted) {
-        // The first byte of a frame starts the clock: the rest of it must follow
-        // within the communication time-out. Silence between frames is fine.
-        frameStarted = true;
-        deadlineUs = DeadlineAfter(options_.communicationTimeout);
-      }
       done += got;
       continue;
     }
-    if (io == tIo::eEof || io == tIo::eError) return false;
-    const tWait w = WaitReady(fd, io == tIo::eWantRead ? POLLIN : POLLOUT, frameStarted ? deadlineUs : -1);
-    if (w == tWait::eReady) continue;
-    if (w == tWait::eTimeout)
-      VLOG_WARN("StreamSocket::WaitTypedMessageZ1(%s,%d) - frame from %s not completed within %lld ms", name_, fd,
-                PeerAddress(), static_cast<long long>(options_.communicationTimeout.Milliseconds()));
-    return false;
+    if (!WaitForMore(fd, io, true, deadlineUs)) return false;
   }
   return true;
 }
@@ -547,10 +598,10 @@ bool StreamSocket::WaitTypedMessageZ1(short& type, short& subtype, char*& data, 
     return false;
   }
 
-  unsigned char raw[kFrameHeaderSize];
-  std::int64_t deadlineUs = -1;
-  if (!ReadAll(fd, reinterpret_cast<char*>(raw), sizeof raw, false, deadlineUs)) return false;
-  const cFrameHeader header = gDecodeFrameHeader(raw);
+  std::int64_t deadlineUs = kNoDeadlineYet;
+  if (!Buffer(fd, kFrameHeaderSize, readEnd_ > readStart_, deadlineUs)) return false;
+  const cFrameHeader header =
+      gDecodeFrameHeader(reinterpret_cast<const unsigned char*>(readBuffer_.get() + readStart_));
   switch (gCheckFrameHeader(header, options_.maxMessageSize)) {
     case tFrameCheck::eOk: break;
     case tFrameCheck::eBadMarker:
@@ -564,6 +615,7 @@ bool StreamSocket::WaitTypedMessageZ1(short& type, short& subtype, char*& data, 
       CloseSocket();
       return false;
   }
+  readStart_ += kFrameHeaderSize;
 
   if (latency) {
     const nTime::cDiff measured =
@@ -571,12 +623,19 @@ bool StreamSocket::WaitTypedMessageZ1(short& type, short& subtype, char*& data, 
     latency->Measure(measured, name_.empty() ? PeerAddress().c_str() : name_.c_str(), &latencyLimiter_);
   }
 
-  char* buffer = new char[static_cast<std::size_t>(header.words.length) + 1];
-  if (!ReadAll(fd, buffer, header.words.length, true, deadlineUs)) {
+  const std::size_t size = header.words.length;
+  // A payload that fits the read buffer is gathered there, so that whatever
+  // follows it in the stream is read in the same call.
+  if (size <= kReadBufferSize && !Buffer(fd, size, true, deadlineUs)) return false;
+  char* buffer = new char[size + 1];
+  const std::size_t buffered = std::min(size, readEnd_ - readStart_);
+  if (buffered > 0) std::memcpy(buffer, readBuffer_.get() + readStart_, buffered);
+  readStart_ += buffered;
+  if (buffered < size && !ReadAll(fd, buffer + buffered, size - buffered, deadlineUs)) {
     delete[] buffer;
     return false;
   }
-  buffer[header.words.length] = '\0';
+  buffer[size] = '\0';
   type = header.type;
   subtype = header.subtype;
   data = buffer;
@@ -584,56 +643,70 @@ bool StreamSocket::WaitTypedMessageZ1(short& type, short& subtype, char*& data, 
   return true;
 }
 
+bool StreamSocket::SendVector(int fd, iovec* parts, int count, bool& partial) {
+  // The clock is read only when the socket pushes back.
+  std::int64_t deadlineUs = kNoDeadlineYet;
+  int first = 0;
+  while (first < count && parts[first].iov_len == 0) ++first;
+  while (first < count) {
+    msghdr message{};
+    message.msg_iov = parts + first;
+    message.msg_iovlen = static_cast<std::size_t>(std::min(count - first, IOV_MAX));
+    const ssize_t n = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n >= 0) {
+      partial = partial || n > 0;
+      std::size_t left = static_cast<std::size_t>(n);
+      while (first < count && left >= parts[first].iov_len) left -= parts[first++].iov_len;
+      if (first < count) {
+        parts[first].iov_base = static_cast<char*>(parts[first].iov_base) + left;
+        parts[first].iov_len -= left;
+      }
+      continue;
+    }
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN && errno != EWOULDBLOCK) {
+      VLOG_DEBUG("StreamSocket::SendTypedMessageZ2(%s,%d) - send failed: %s", name_, fd, ErrorText(errno));
+      return false;
+    }
+    if (deadlineUs == kNoDeadlineYet) deadlineUs = DeadlineAfter(options_.communicationTimeout);
+    const tWait w = WaitReady(fd, POLLOUT, deadlineUs);
+    if (w == tWait::eReady) continue;
+    if (w == tWait::eTimeout)
+      VLOG_WARN("StreamSocket::SendTypedMessageZ2(%s,%d) - send to %s not completed within %lld ms", name_, fd,
+                PeerAddress(), static_cast<long long>(options_.communicationTimeout.Milliseconds()));
+    return false;
+  }
+  return true;
+}
+
 bool StreamSocket::SendAll(int fd, const char* header, std::size_t headerSize, const char* payload,
                            std::size_t payloadSize, bool& partial) {
-  const std::int64_t deadlineUs = DeadlineAfter(options_.communicationTimeout);
   iovec parts[2] = {{const_cast<char*>(header), headerSize}, {const_cast<char*>(payload), payloadSize}};
+  partial = false;
+  if (!ssl_) return SendVector(fd, parts, payloadSize > 0 ? 2 : 1, partial);
+  std::int64_t deadlineUs = kNoDeadlineYet;
   int first = 0;
   const int count = payloadSize > 0 ? 2 : 1;
-  partial = false;
   while (first < count) {
     short waitFor = POLLOUT;
-    if (!ssl_) {
-      msghdr message{};
-      message.msg_iov = parts + first;
-      message.msg_iovlen = static_cast<std::size_t>(count - first);
-      const ssize_t n = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (n < 0) {
-        if (errno == EINTR) continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK) {
-          VLOG_DEBUG("StreamSocket::SendTypedMessageZ2(%s,%d) - send failed: %s", name_, fd, ErrorText(errno));
-          return false;
-        }
-      } else {
+    {
+      std::lock_guard<std::mutex> lock(sslMutex_);
+      ERR_clear_error();
+      std::size_t written = 0;
+      // A retried SSL_write gets the same buffer and length, as OpenSSL requires.
+      if (SSL_write_ex(ssl_, parts[first].iov_base, parts[first].iov_len, &written) == 1) {
         partial = true;
-        std::size_t left = static_cast<std::size_t>(n);
-        while (first < count && left >= parts[first].iov_len) left -= parts[first++].iov_len;
-        if (first < count) {
-          parts[first].iov_base = static_cast<char*>(parts[first].iov_base) + left;
-          parts[first].iov_len -= left;
-        }
+        ++first;
         continue;
       }
-    } else {
-      int error;
-      {
-        std::lock_guard<std::mutex> lock(sslMutex_);
-        ERR_clear_error();
-        std::size_t written = 0;
-        // A retried SSL_write gets the same buffer and length, as OpenSSL requires.
-        if (SSL_write_ex(ssl_, parts[first].iov_base, parts[first].iov_len, &written) == 1) {
-          partial = true;
-          ++first;
-          continue;
-        }
-        error = SSL_get_error(ssl_, 0);
-        if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) {
-          VLOG_DEBUG("StreamSocket::SendTypedMessageZ2(%s,%d) - TLS write failed: %s", name_, fd, gTlsErrorText());
-          return false;
-        }
+      const int error = SSL_get_error(ssl_, 0);
+      if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) {
+        VLOG_DEBUG("StreamSocket::SendTypedMessageZ2(%s,%d) - TLS write failed: %s", name_, fd, gTlsErrorText());
+        return false;
       }
       if (error == SSL_ERROR_WANT_READ) waitFor = POLLIN;
     }
+    if (deadlineUs == kNoDeadlineYet) deadlineUs = DeadlineAfter(options_.communicationTimeout);
     const tWait w = WaitReady(fd, waitFor, deadlineUs);
     if (w == tWait::eReady) continue;
     if (w == tWait::eTimeout)
@@ -644,7 +717,7 @@ bool StreamSocket::SendAll(int fd, const char* header, std::size_t headerSize, c
   return true;
 }
 
-bool StreamSocket::SendTypedMessageZ2(short type, short subtype, const char* data, unsigned length) {
+bool StreamSocket::CheckOutgoing(const char* data, unsigned length) const {
   if (length > 0 && !data) {
     VLOG_ERROR("StreamSocket::SendTypedMessageZ2(%s) - %u bytes announced without data", name_, length);
     return false;
@@ -654,6 +727,11 @@ bool StreamSocket::SendTypedMessageZ2(short type, short subtype, const char* dat
                options_.maxMessageSize);
     return false;
   }
+  return true;
+}
+
+bool StreamSocket::SendTypedMessageZ2(short type, short subtype, const char* data, unsigned length) {
+  if (!CheckOutgoing(data, length)) return false;
   const int fd = Handle();
   if (fd < 0 || IsClosed()) return false;
   // Never let a plain frame out on a connection that should be encrypted.
@@ -679,6 +757,40 @@ bool StreamSocket::SendTypedMessageZ2(short type, short subtype, const char* dat
   bool partial = false;
   if (SendAll(fd, reinterpret_cast<const char*>(raw), sizeof raw, data, length, partial)) return true;
   // Half a frame on the wire leaves the peer's reader out of step for good.
+  if (partial) CloseSocket();
+  return false;
+}
+
+bool StreamSocket::SendTypedMessages(const cOutgoingFrame* frames, std::size_t count) {
+  // TLS and simulated latency go frame by frame: both work on single frames.
+  if (count <= 1 || count > kMaxBatch || useTls_ || !options_.simulatedLatency.empty()) {
+    for (std::size_t i = 0; i < count; ++i)
+      if (!SendTypedMessageZ2(frames[i].type, frames[i].subtype, frames[i].data, frames[i].length)) return false;
+    return true;
+  }
+  for (std::size_t i = 0; i < count; ++i)
+    if (!CheckOutgoing(frames[i].data, frames[i].length)) return false;
+  const int fd = Handle();
+  if (fd < 0 || IsClosed()) return false;
+
+  // One clock reading stamps the whole batch: it leaves in one write.
+  const std::int64_t now = nTime::cPoint::Now().EpochMicroseconds();
+  unsigned char raw[kMaxBatch][kFrameHeaderSize];
+  iovec parts[2 * kMaxBatch];
+  for (std::size_t i = 0; i < count; ++i) {
+    cFrameHeader header;
+    header.words.marker = kFrameMarker;
+    header.words.length = frames[i].length;
+    header.type = frames[i].type;
+    header.subtype = frames[i].subtype;
+    header.sendTimeMicroseconds = now;
+    gEncodeFrameHeader(header, raw[i]);
+    parts[2 * i] = {raw[i], kFrameHeaderSize};
+    parts[2 * i + 1] = {const_cast<char*>(frames[i].data), frames[i].length};
+  }
+  std::lock_guard<std::mutex> lock(sendMutex_);
+  bool partial = false;
+  if (SendVector(fd, parts, static_cast<int>(2 * count), partial)) return true;
   if (partial) CloseSocket();
   return false;
 }

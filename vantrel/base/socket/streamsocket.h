@@ -26,6 +26,7 @@
 #include "vantrel/base/socket/socketoptions.h"
 
 struct ssl_st;
+struct iovec;
 
 namespace nCommunication::nSocket::nImplementation_sho {
 
@@ -204,6 +205,19 @@ class VANTREL_API StreamSocket : public c_Socket {
   // Sends one frame. `data` may be null only when `length` is 0.
   bool SendTypedMessageZ2(short type, short subtype, const char* data, unsigned length);
 
+  // One frame of a batch; the data stays the caller's.
+  struct cOutgoingFrame {
+    short type = 0;
+    short subtype = 0;
+    const char* data = nullptr;
+    unsigned length = 0;
+  };
+  static constexpr std::size_t kMaxBatch = 64;
+  // Sends up to kMaxBatch frames in order with as few writes as the socket
+  // allows; each frame goes out whole and no other sender's frame comes in
+  // between. False as soon as one frame cannot be sent (as SendTypedMessageZ2).
+  bool SendTypedMessages(const cOutgoingFrame* frames, std::size_t count);
+
   // Blocks until a whole frame has arrived. On success `data` is a buffer made
   // with new char[length + 1] whose last byte is 0 (so text payloads are
   // terminated); release it with FreeMessage or adopt it and delete[] it later.
@@ -215,10 +229,20 @@ class VANTREL_API StreamSocket : public c_Socket {
 
  private:
   enum class tIo { eDone, eWantRead, eWantWrite, eEof, eError };
-  tIo RecvSome(int fd, char* buffer, std::size_t size, std::size_t& got);
-  bool ReadAll(int fd, char* buffer, std::size_t size, bool frameStarted, std::int64_t& deadlineUs);
+  tIo RecvSome(int fd, char* buffer, std::size_t size, std::size_t& got, bool mayBlock);
+  // Waits (bounded by the frame deadline once a frame has started) until the
+  // socket can go on. False on close, time-out or error.
+  bool WaitForMore(int fd, tIo io, bool frameStarted, std::int64_t& deadlineUs);
+  // Makes at least `need` (<= kReadBufferSize) bytes available in the read
+  // buffer, reading as much as the socket offers in each call.
+  bool Buffer(int fd, std::size_t need, bool frameStarted, std::int64_t& deadlineUs);
+  // Reads exactly `size` bytes straight into `buffer` (large payloads).
+  bool ReadAll(int fd, char* buffer, std::size_t size, std::int64_t& deadlineUs);
   bool SendAll(int fd, const char* header, std::size_t headerSize, const char* payload, std::size_t payloadSize,
                bool& partial);
+  // Plain sockets: writes every part, waiting (bounded) when the socket pushes back.
+  bool SendVector(int fd, iovec* parts, int count, bool& partial);
+  bool CheckOutgoing(const char* data, unsigned length) const;
   bool RunHandshake(int fd, std::int64_t deadlineUs, const char* what);
   void ApplyConnectionOptions(int fd) const;
   std::int64_t DeadlineAfter(nTime::cDiff span) const;
@@ -229,6 +253,16 @@ class VANTREL_API StreamSocket : public c_Socket {
   cTlsSettings tlsSettings_;
   bool tlsVerifyOverride_ = false;
   cTlsConnectionState tlsContext_;  // listener's server context, or the accepted connection's
+
+  // Bytes read from the socket and not yet handed out. Small frames that
+  // arrive together are parsed from here, so a burst costs one read; payloads
+  // larger than the buffer are read straight into their own buffer. Touched
+  // by the reading thread only.
+  static constexpr std::size_t kReadBufferSize = 64 * 1024;
+  std::unique_ptr<char[]> readBuffer_;
+  std::size_t readStart_ = 0;
+  std::size_t readEnd_ = 0;
+  bool blockingReads_ = false;  // plain socket whose descriptor is blocking: idle reads wait in recv
 
   std::mutex sendMutex_;  // held for one frame's write only
   std::mutex sslMutex_;   // held only for the OpenSSL call itself
