@@ -14,21 +14,8 @@
 namespace {
 
 using vantrel::test::LogCapture;
+using vantrel::test::ScopedEnv;
 using vantrel::test::TempDir;
-
-// Sets (or, with null, unsets) an environment variable while it lives.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old;
-    value ? ::setenv(name, value, 1) : ::unsetenv(name);
-  }
-  ~ScopedEnv() { old_ ? ::setenv(name_.c_str(), old_->c_str(), 1) : ::unsetenv(name_.c_str()); }
-
- private:
-  std::string name_;
-  std::optional<std::string> old_;
-};
 
 std::optional<std::string> Get(int table, const char* key) {
   std::optional<std::string> out = std::string("stale");

@@ -135,44 +135,4 @@ TEST(Process, RunAndCaptureCollectsOutputAndNeverHangs) {
   EXPECT_FALSE(missing.errorText.empty());
 }
 
-TEST(Process, EnumerationShowsThisProcessAndItsChildren) {
-  SleepingChild child;
-  ASSERT_TRUE(child.result.ok());
-  // The child's name changes from ours to "sleep" when it has started the program.
-  RQPProcessEntry entry;
-  ASSERT_TRUE(WaitUntil([&] { return RQPReadProcessEntry(child.result.pid, entry) && entry.imageName == "sleep"; }));
-  EXPECT_EQ(entry.exeName, "sleep");
-  EXPECT_EQ(entry.realUid, getuid());
-
-  std::vector<RQPProcessEntry> all;
-  ASSERT_TRUE(RQPEnumerateProcesses(all));
-  const auto self = std::find_if(all.begin(), all.end(), [](const RQPProcessEntry& e) { return e.pid == getpid(); });
-  ASSERT_NE(self, all.end());
-  EXPECT_EQ(self->exeName, std::filesystem::path(RQPExecutablePath()).filename().string());
-  EXPECT_EQ(self->realUid, getuid());
-  EXPECT_EQ(self->effectiveUid, geteuid());
-  EXPECT_NE(self->state, 'Z');
-  EXPECT_TRUE(std::any_of(all.begin(), all.end(), [&](const RQPProcessEntry& e) { return e.pid == child.result.pid; }));
-  // Children share our session unless detached.
-  EXPECT_EQ(entry.sessionId, self->sessionId);
-
-  EXPECT_FALSE(RQPReadProcessEntry(0x3FFFFFFF, entry));
-}
-
-TEST(Process, IdentityHelpers) {
-  std::string name;
-  int code = -1;
-  ASSERT_TRUE(RQPUserName(0, name, &code));
-  EXPECT_EQ(name, "root");
-  EXPECT_FALSE(RQPUserName(4000000000u, name, &code));
-  EXPECT_EQ(code, 0);
-
-  const std::string sh = RQPFindProgram("sh");
-  ASSERT_FALSE(sh.empty());
-  EXPECT_EQ(access(sh.c_str(), X_OK), 0);
-  EXPECT_EQ(RQPFindProgram("no-such-program-anywhere"), "");
-  EXPECT_EQ(RQPFindProgram("/bin/sh"), "/bin/sh");
-
-}
-
 }  // namespace

@@ -16,18 +16,9 @@
 using vantrel::test::cFrame;
 using vantrel::test::LogCapture;
 using vantrel::test::ScriptedService;
+using vantrel::test::ScopedEnv;
 
 namespace {
-
-// Sets an environment variable for the life of the object.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const std::string& value) : name_(name) { setenv(name, value.c_str(), 1); }
-  ~ScopedEnv() { unsetenv(name_); }
-
- private:
-  const char* name_;
-};
 
 // The record a frame carries.
 cVantrelMessage Record(const cFrame& frame) {
@@ -269,14 +260,6 @@ TEST(ClientLibrary, HookSeesChannelsZeroAndTwoOnlyAndBadSubtypesAreDropped) {
   EXPECT_TRUE(log.contains("subtype 7 dropped"));
   EXPECT_TRUE(log.contains("subtype -1 dropped"));
   EXPECT_EQ(client.NETFetchMessage(), nullptr);
-}
-
-TEST(ClientLibrary, DefaultHookQueuesChannelZeroOnly) {
-  cVantrelClientObject client;
-  auto* zero = new cTypedMessageObject("x", 2, 1034, 0);
-  EXPECT_TRUE(client.NewMessageEvent(zero, 0));
-  delete zero;
-  EXPECT_FALSE(client.NewMessageEvent(new cTypedMessageObject("x", 2, 4, 2), 2));  // the default frees it
 }
 
 TEST(ClientLibrary, TurningOffEndsWaitsAndDropsTraffic) {

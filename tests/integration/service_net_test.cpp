@@ -25,15 +25,36 @@ class NetServiceTest : public ::testing::Test {
   static std::string At(const char* client, const ServiceProcess& service) {
     return std::string(client) + "@" + service.hostText();
   }
+  // Starts `service` and registers `client` there as `name`.
+  static void Join(ServiceProcess& service, TestClient& client, const char* name) {
+    Launch(service);
+    ASSERT_TRUE(client.NETInitZ641(name, service.clientsPort()));
+  }
+  // Every id gets exactly one "broken" answer, and nothing else follows it.
+  static void ExpectOneBrokenAnswerEach(TestClient& alice, ServiceProcess& a, const std::set<unsigned>& ids) {
+    std::set<unsigned> answered;
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+      auto answer = alice.next();
+      ASSERT_TRUE(answer.has_value()) << a.log();
+      EXPECT_EQ(answer->getType(), 103);
+      EXPECT_STREQ(answer->getData(), "Connection to host broke.");
+      answered.insert(answer->getMessageId());
+    }
+    EXPECT_EQ(answered, ids);
+    // A round trip on A itself shows that nothing more is on its way.
+    ASSERT_TRUE(alice.NETSendMessageNoresponseZ1("self", 5, At("alice", a).c_str()));
+    auto self = alice.next();
+    ASSERT_TRUE(self.has_value());
+    EXPECT_STREQ(self->getData(), "self");
+    EXPECT_EQ(alice.pending(), 0u);
+  }
 };
 
 TEST_F(NetServiceTest, RemoteSendsTravelAndAnswersComeBackOverOneLink) {
   ServiceProcess a, b;
-  Launch(a);
-  Launch(b);
   TestClient alice, bob;
-  ASSERT_TRUE(alice.NETInitZ641("alice", a.clientsPort()));
-  ASSERT_TRUE(bob.NETInitZ641("bob", b.clientsPort()));
+  Join(a, alice, "alice");
+  Join(b, bob, "bob");
 
   ASSERT_TRUE(alice.NETSendMessageZ1("over", 5, At("bob", b).c_str())) << alice.NETGetLastStatus();
   auto received = bob.next();
@@ -76,13 +97,10 @@ TEST_F(NetServiceTest, RemoteSendsTravelAndAnswersComeBackOverOneLink) {
 
 TEST_F(NetServiceTest, ThreeServicesRouteToEachOther) {
   ServiceProcess a, b, c;
-  Launch(a);
-  Launch(b);
-  Launch(c);
   TestClient alice, bob, carol;
-  ASSERT_TRUE(alice.NETInitZ641("alice", a.clientsPort()));
-  ASSERT_TRUE(bob.NETInitZ641("bob", b.clientsPort()));
-  ASSERT_TRUE(carol.NETInitZ641("carol", c.clientsPort()));
+  Join(a, alice, "alice");
+  Join(b, bob, "bob");
+  Join(c, carol, "carol");
 
   ASSERT_TRUE(alice.NETSendMessageZ1("to b", 5, At("bob", b).c_str()));
   ASSERT_TRUE(alice.NETSendMessageZ1("to c", 5, At("carol", c).c_str()));
@@ -104,11 +122,9 @@ TEST_F(NetServiceTest, ThreeServicesRouteToEachOther) {
 
 TEST_F(NetServiceTest, KilledPeerAnswersEveryWaitingRequestOnce) {
   ServiceProcess a, b;
-  Launch(a);
-  Launch(b);
   TestClient alice, bob;
-  ASSERT_TRUE(alice.NETInitZ641("alice", a.clientsPort()));
-  ASSERT_TRUE(bob.NETInitZ641("bob", b.clientsPort()));
+  Join(a, alice, "alice");
+  Join(b, bob, "bob");
   ASSERT_TRUE(alice.NETSendMessageZ1("warm up", 8, At("bob", b).c_str()));
 
   // Frozen, the peer takes the requests into its socket but never answers.
@@ -116,62 +132,30 @@ TEST_F(NetServiceTest, KilledPeerAnswersEveryWaitingRequestOnce) {
   for (int id = 1; id <= 3; ++id) ASSERT_TRUE(alice.NETSendMessageNowaitZ1(id, "q", 2, At("bob", b).c_str()));
   ASSERT_TRUE(alice.NETSendMessageNoresponseZ1("n", 2, At("bob", b).c_str()));
   b.kill();
-
-  std::set<unsigned> answered;
-  for (int i = 0; i < 3; ++i) {
-    auto answer = alice.next();
-    ASSERT_TRUE(answer.has_value()) << a.log();
-    EXPECT_EQ(answer->getType(), 103);
-    EXPECT_STREQ(answer->getData(), "Connection to host broke.");
-    answered.insert(answer->getMessageId());
-  }
-  EXPECT_EQ(answered, (std::set<unsigned>{1, 2, 3}));
-  // A round trip on A itself shows that nothing more is on its way.
-  ASSERT_TRUE(alice.NETSendMessageNoresponseZ1("self", 5, At("alice", a).c_str()));
-  auto self = alice.next();
-  ASSERT_TRUE(self.has_value());
-  EXPECT_STREQ(self->getData(), "self");
-  EXPECT_EQ(alice.pending(), 0u);
+  ExpectOneBrokenAnswerEach(alice, a, {1, 2, 3});
 }
 
 TEST_F(NetServiceTest, RequestsAfterThePeerDiedAreAnsweredOnceEach) {
   ServiceProcess a, b;
-  Launch(a);
-  Launch(b);
   TestClient alice, bob;
-  ASSERT_TRUE(alice.NETInitZ641("alice", a.clientsPort()));
-  ASSERT_TRUE(bob.NETInitZ641("bob", b.clientsPort()));
+  Join(a, alice, "alice");
+  Join(b, bob, "bob");
   ASSERT_TRUE(alice.NETSendMessageZ1("warm up", 8, At("bob", b).c_str()));
   b.kill();
   ASSERT_TRUE(a.waitLog("Removing host " + b.hostText())) << a.log();
 
   // The old link is gone: each request opens a new one that cannot connect.
   for (int id = 11; id <= 13; ++id) ASSERT_TRUE(alice.NETSendMessageNowaitZ1(id, "q", 2, At("bob", b).c_str()));
-  std::set<unsigned> answered;
-  for (int i = 0; i < 3; ++i) {
-    auto answer = alice.next();
-    ASSERT_TRUE(answer.has_value()) << a.log();
-    EXPECT_EQ(answer->getType(), 103);
-    EXPECT_STREQ(answer->getData(), "Connection to host broke.");
-    answered.insert(answer->getMessageId());
-  }
-  EXPECT_EQ(answered, (std::set<unsigned>{11, 12, 13}));
-  ASSERT_TRUE(alice.NETSendMessageNoresponseZ1("self", 5, At("alice", a).c_str()));
-  auto self = alice.next();
-  ASSERT_TRUE(self.has_value());
-  EXPECT_STREQ(self->getData(), "self");
-  EXPECT_EQ(alice.pending(), 0u);
+  ExpectOneBrokenAnswerEach(alice, a, {11, 12, 13});
   EXPECT_TRUE(a.running());
 }
 
 TEST_F(NetServiceTest, IdleLinkCarriesPings) {
   ServiceProcess a, b;
   a.setEnv("VANTREL_INTERNAL_PING_TIMEOUT_SECONDS", "1");
-  Launch(a);
-  Launch(b);
   TestClient alice, bob;
-  ASSERT_TRUE(alice.NETInitZ641("alice", a.clientsPort()));
-  ASSERT_TRUE(bob.NETInitZ641("bob", b.clientsPort()));
+  Join(a, alice, "alice");
+  Join(b, bob, "bob");
   ASSERT_TRUE(alice.NETSendMessageZ1("start", 6, At("bob", b).c_str()));
   EXPECT_TRUE(a.waitLog("Sending Ping to host " + b.hostText())) << a.log();
   // The link survives its pings.
@@ -228,11 +212,9 @@ TEST_F(TlsLinkTest, LinksRunOverTlsWithAndWithoutVerification) {
   WriteHost(ca, certs.file("b"));
   for (bool verify : {false, true}) {
     ServiceProcess a(TlsIni(certs.file("a"), verify)), b(TlsIni(certs.file("b"), verify));
-    Launch(a);
-    Launch(b);
     TestClient alice, bob;
-    ASSERT_TRUE(alice.NETInitZ641("alice", a.clientsPort()));
-    ASSERT_TRUE(bob.NETInitZ641("bob", b.clientsPort()));
+    Join(a, alice, "alice");
+    Join(b, bob, "bob");
     ASSERT_TRUE(alice.NETSendMessageZ1("secret", 7, At("bob", b).c_str())) << a.log() << b.log();
     auto received = bob.next();
     ASSERT_TRUE(received.has_value());
@@ -247,11 +229,9 @@ TEST_F(TlsLinkTest, UntrustedPeerCertificateRefusesTheLink) {
   WriteHost(ca, certs.file("a"));
   WriteHost(rogue, certs.file("b"), &rogue);
   ServiceProcess a(TlsIni(certs.file("a"), true)), b(TlsIni(certs.file("b"), true));
-  Launch(a);
-  Launch(b);
   TestClient alice, bob;
-  ASSERT_TRUE(alice.NETInitZ641("alice", a.clientsPort()));
-  ASSERT_TRUE(bob.NETInitZ641("bob", b.clientsPort()));
+  Join(a, alice, "alice");
+  Join(b, bob, "bob");
   EXPECT_FALSE(alice.NETSendMessageZ1("secret", 7, At("bob", b).c_str()));
   auto failure = alice.next();
   ASSERT_TRUE(failure.has_value()) << a.log();

@@ -136,41 +136,6 @@ TEST(FileTransferHandlerSend, WindowKeepsAtMostFiveChunksUnacknowledged) {
   EXPECT_FALSE(handler.Sending());
 }
 
-TEST(FileTransferHandlerSend, ChunkBoundariesAndEmptyFile) {
-  struct Case {
-    std::size_t size;
-    std::vector<std::size_t> chunkLengths;  // data plus marker
-  };
-  const std::vector<Case> cases = {
-      {0, {1}},
-      {1, {2}},
-      {CFileTransferHandler::kChunkSize, {CFileTransferHandler::kChunkSize + 1, 1}},
-      {CFileTransferHandler::kChunkSize + 1, {CFileTransferHandler::kChunkSize + 1, 2}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.size);
-    TempDir dir;
-    const std::string content = Bytes(c.size);
-    const std::string source = dir.write("src", content);
-    ScriptedLink link;
-    CFileTransferHandler handler(&link);
-    auto sent = std::async(std::launch::async, [&] { return handler.SendFile(source, "/remote", Request()); });
-    link.data(0);
-    Feed(handler, "A");
-    std::string joined;
-    for (std::size_t i = 0; i < c.chunkLengths.size(); ++i) {
-      const std::string chunk = link.data(i + 1);
-      ASSERT_EQ(chunk.size(), c.chunkLengths[i]);
-      EXPECT_EQ(chunk.back(), i + 1 == c.chunkLengths.size() ? 'C' : 'B');
-      joined += chunk.substr(0, chunk.size() - 1);
-      Ack(handler, link);
-    }
-    Feed(handler, "0F");
-    EXPECT_EQ(sent.get()->state, 0);
-    EXPECT_EQ(joined, content);
-  }
-}
-
 TEST(FileTransferHandlerSend, FinalReportKeepsItsDigitCount) {
   EXPECT_EQ(CFileTransferHandler::ParseFinalState("12F", 3), 1);
   EXPECT_EQ(CFileTransferHandler::ParseFinalState("4F", 2), 0);
@@ -197,16 +162,6 @@ TEST(FileTransferHandlerSend, FinalReportKeepsItsDigitCount) {
     EXPECT_EQ(result->state, c.state);
     EXPECT_EQ(result->fileName, c.namesDestination ? "/remote" : source);
   }
-}
-
-TEST(FileTransferHandlerSend, MissingSourceAsksNothingOfThePeer) {
-  ScriptedLink link;
-  CFileTransferHandler handler(&link);
-  auto result = handler.SendFile("/nonexistent/source", "/remote", Request());
-  EXPECT_EQ(result->state, 1);
-  EXPECT_EQ(result->fileName, "/nonexistent/source");
-  EXPECT_EQ(link.count(), 0u);
-  EXPECT_FALSE(handler.Sending());
 }
 
 TEST(FileTransferHandlerStop, WakesSenderAndReceiverAndEndsLaterTransfers) {
@@ -241,25 +196,6 @@ TEST(FileTransferHandlerStop, WakesSenderAndReceiverAndEndsLaterTransfers) {
   EXPECT_FALSE(std::ifstream(dir.file("again")).good());
   // Only the receiver's final report was offered (the link would refuse it).
   EXPECT_EQ(link.count(), posted + 1);
-}
-
-TEST(FileTransferHandlerReceive, WritesChunksAndReportsItsState) {
-  TempDir dir;
-  const std::string destination = dir.file("dst");
-  ScriptedLink link;
-  CFileTransferHandler handler(&link);
-  auto received = std::async(std::launch::async, [&] { return handler.ReceiveFile(destination, Request()); });
-  EXPECT_EQ(link.data(0), "A");
-  EXPECT_EQ(link.type(0), 7);
-  Feed(handler, std::string("hello ") + 'B');
-  Feed(handler, std::string("world") + 'C');
-  EXPECT_EQ(received.get(), 0);
-  EXPECT_EQ(link.data(1), "D");
-  EXPECT_EQ(link.data(2), "D");
-  EXPECT_EQ(link.data(3), "0F");
-  EXPECT_EQ(vantrel::test::ReadFile(destination), "hello world");
-  // A finished receive leaves the receiving mark set.
-  EXPECT_TRUE(handler.Receiving());
 }
 
 TEST(FileTransferHandlerReceive, FailuresLeaveNoFile) {

@@ -76,35 +76,6 @@ TEST(ToolkitCopy, FailuresReportStateAndFailingPath) {
   EXPECT_TRUE(std::filesystem::exists("/dev/full"));
 }
 
-TEST(ToolkitEvents, BuildersMapTheFieldsOfTheReceivedMessage) {
-  cVantrelMessage m(77, "toH", "toC", "fromH", "fromC", QTYPE_CLIENT, 5, 0, "request", 8);
-
-  std::unique_ptr<VantrelClientEvent> rc(TK::CreateReturnClientEvent(m, "answer", 7, 102, QTYPE_ASYNC));
-  EXPECT_EQ(rc->getMessageId(), 77u);
-  EXPECT_STREQ(rc->getToHost(), "fromH");
-  EXPECT_STREQ(rc->getToClient(), "fromC");
-  EXPECT_STREQ(rc->getFromHost(), "toH");
-  EXPECT_STREQ(rc->getFromClient(), "toC");
-  EXPECT_EQ(rc->getQtype(), QTYPE_ASYNC);
-  EXPECT_EQ(rc->getType(), 102);
-  EXPECT_EQ(rc->getSubtype(), 0);
-  EXPECT_STREQ(rc->getData(), "answer");
-
-  std::unique_ptr<VantrelHostEvent> rh(TK::CreateReturnHostEvent(m, "D", 1, 7, QTYPE_SYNC, 1));
-  EXPECT_STREQ(rh->getToHost(), "fromH");
-  EXPECT_STREQ(rh->getFromClient(), "toC");
-  EXPECT_EQ(rh->getSubtype(), 1);
-  EXPECT_EQ(rh->getDatalen(), 1u);
-
-  std::unique_ptr<VantrelHostEvent> sh(TK::CreateSendHostEvent(m, "/dst", 5, 6, QTYPE_ASYNC));
-  EXPECT_EQ(sh->getQtype(), QTYPE_SYNC) << "a send event always carries QType 1";
-  EXPECT_STREQ(sh->getToHost(), "toH");
-  EXPECT_STREQ(sh->getToClient(), "toC");
-  EXPECT_STREQ(sh->getFromHost(), "fromH");
-  EXPECT_STREQ(sh->getFromClient(), "fromC");
-  EXPECT_EQ(sh->getType(), 6);
-}
-
 TEST(ToolkitFiles, BufferHelpersAndErrors) {
   vantrel::test::TempDir dir;
   const std::string content = Pattern(5000);
@@ -128,7 +99,6 @@ TEST(ToolkitFiles, BufferHelpersAndErrors) {
   EXPECT_FALSE(TK::DeleteFileA(path));
   EXPECT_EQ(TK::hgGetLastError(), ENOENT);
   EXPECT_NE(TK::GetErrorString(ENOENT).find("No such file"), std::string::npos);
-  EXPECT_EQ(TK::GetLocalHostOS(), "");
 }
 
 }  // namespace

@@ -29,71 +29,55 @@ class ClientInstanceTest : public ::testing::Test {
   VantrelClientInstance bob{"bob", &bobLink, &server};
 };
 
-TEST_F(ClientInstanceTest, AcknowledgedLocalSendIsForwardedAndAnsweredOnTheAcknowledgementSubtype) {
-  ASSERT_TRUE(Send(alice, 41, "bob", 1034));
-
-  auto forwarded = bobLink.take();
-  ASSERT_NE(forwarded, nullptr);
-  EXPECT_EQ(forwarded->getType(), 1034);
-  EXPECT_EQ(forwarded->getSubtype(), 0);
-  EXPECT_STREQ(forwarded->getData(), "hello");
-  EXPECT_STREQ(forwarded->getFromClient(), "alice");
-
-  auto answer = aliceLink.take();
-  ASSERT_NE(answer, nullptr);
-  EXPECT_EQ(answer->getType(), 102);
-  EXPECT_EQ(answer->getSubtype(), 1);
-  EXPECT_EQ(answer->getQtype(), QTYPE_SYNC);
-  EXPECT_EQ(answer->getMessageId(), 41u);
-  EXPECT_STREQ(answer->getData(), "Error dispatching client event");
-  EXPECT_EQ(answer->getDatalen(), std::strlen("Error dispatching client event") + 1);
-  EXPECT_EQ(aliceLink.take(), nullptr);
-}
-
-TEST_F(ClientInstanceTest, NoWaitSendToUnknownClientIsAnsweredAsNotDelivered) {
-  ASSERT_TRUE(Send(alice, 5, "nobody", 1036));
-  auto answer = aliceLink.take();
-  ASSERT_NE(answer, nullptr);
-  EXPECT_EQ(answer->getType(), 103);
-  EXPECT_EQ(answer->getSubtype(), 0);
-  EXPECT_EQ(answer->getQtype(), QTYPE_ASYNC);
-  EXPECT_EQ(answer->getMessageId(), 5u);
-
-  // Delivered no-wait sends end on the acknowledgement subtype too.
-  ASSERT_TRUE(Send(alice, 6, "bob", 1036));
-  answer = aliceLink.take();
-  ASSERT_NE(answer, nullptr);
-  EXPECT_EQ(answer->getType(), 102);
-  EXPECT_EQ(answer->getSubtype(), 1);
-  EXPECT_EQ(answer->getQtype(), QTYPE_ASYNC);
-}
-
-TEST_F(ClientInstanceTest, NoResponseSendsAreNeverAnswered) {
-  ASSERT_TRUE(Send(alice, 0, "nobody", 1035));
-  ASSERT_TRUE(Send(alice, 0, "bob", 1035));
-  EXPECT_EQ(aliceLink.take(), nullptr);
-  EXPECT_NE(bobLink.take(), nullptr);
-
-  // A remote no-response send that cannot be routed stays unanswered as well.
+TEST_F(ClientInstanceTest, EachSendTypeGetsItsAnswerOrNone) {
+  // Remote hosts cannot be reached: their sends must be answered (or not) here.
   server.setLinkFactory([](const std::string&) -> iVantrelHostLink* { return nullptr; });
-  ASSERT_TRUE(Send(alice, 0, "carol", 3, "far~2"));
-  EXPECT_EQ(aliceLink.take(), nullptr);
-}
-
-TEST_F(ClientInstanceTest, UnroutableRemoteSendIsAnsweredWithTheHostText) {
-  server.setLinkFactory([](const std::string&) -> iVantrelHostLink* { return nullptr; });
-  ASSERT_TRUE(Send(alice, 9, "carol", 2, "far~2"));
-  auto answer = aliceLink.take();
-  ASSERT_NE(answer, nullptr);
-  EXPECT_EQ(answer->getType(), 103);
-  EXPECT_EQ(answer->getSubtype(), 0);
-  EXPECT_EQ(answer->getQtype(), QTYPE_SYNC);
-  EXPECT_STREQ(answer->getData(), "Error dispatching host event");
-
-  ASSERT_TRUE(Send(alice, 10, "carol", 4, "far~2"));
-  answer = aliceLink.take();
-  ASSERT_NE(answer, nullptr);
-  EXPECT_EQ(answer->getQtype(), QTYPE_ASYNC);
+  struct Case {
+    short type;
+    const char* toClient;
+    const char* toHost;
+    bool forwarded;
+    short answerType;  // 0: no answer at all
+    short answerSubtype;
+    int qtype;
+    const char* text;  // null: any
+  } cases[] = {
+      {1034, "bob", "here~1", true, 102, 1, QTYPE_SYNC, "Error dispatching client event"},
+      {1036, "nobody", "here~1", false, 103, 0, QTYPE_ASYNC, nullptr},
+      {1036, "bob", "here~1", true, 102, 1, QTYPE_ASYNC, nullptr},
+      {1035, "nobody", "here~1", false, 0, 0, 0, nullptr},
+      {1035, "bob", "here~1", true, 0, 0, 0, nullptr},
+      {3, "carol", "far~2", false, 0, 0, 0, nullptr},
+      {2, "carol", "far~2", false, 103, 0, QTYPE_SYNC, "Error dispatching host event"},
+      {4, "carol", "far~2", false, 103, 0, QTYPE_ASYNC, nullptr},
+  };
+  std::uint32_t id = 40;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.type) + " to " + c.toClient);
+    ASSERT_TRUE(Send(alice, ++id, c.toClient, c.type, c.toHost));
+    auto forwarded = bobLink.take();
+    EXPECT_EQ(forwarded != nullptr, c.forwarded);
+    if (forwarded) {
+      EXPECT_EQ(forwarded->getType(), c.type);
+      EXPECT_STREQ(forwarded->getData(), "hello");
+      EXPECT_STREQ(forwarded->getFromClient(), "alice");
+    }
+    auto answer = aliceLink.take();
+    if (c.answerType == 0) {
+      EXPECT_EQ(answer, nullptr);
+      continue;
+    }
+    ASSERT_NE(answer, nullptr);
+    EXPECT_EQ(answer->getType(), c.answerType);
+    EXPECT_EQ(answer->getSubtype(), c.answerSubtype);
+    EXPECT_EQ(answer->getQtype(), c.qtype);
+    EXPECT_EQ(answer->getMessageId(), id);
+    if (c.text) {
+      EXPECT_STREQ(answer->getData(), c.text);
+      EXPECT_EQ(answer->getDatalen(), std::strlen(c.text) + 1);
+    }
+    EXPECT_EQ(aliceLink.take(), nullptr);
+  }
 }
 
 TEST_F(ClientInstanceTest, FarewellUnregistersAndEndsReading) {

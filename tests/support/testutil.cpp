@@ -120,4 +120,11 @@ bool LogCapture::waitFor(const std::string& text, std::chrono::milliseconds time
   return WaitUntil([&] { return contains(text); }, timeout);
 }
 
+ScopedEnv::ScopedEnv(const char* name, const char* value) : name_(name) {
+  if (const char* old = std::getenv(name)) old_ = old;
+  value ? ::setenv(name, value, 1) : ::unsetenv(name);
+}
+
+ScopedEnv::~ScopedEnv() { old_ ? ::setenv(name_.c_str(), old_->c_str(), 1) : ::unsetenv(name_.c_str()); }
+
 }  // namespace vantrel::test
