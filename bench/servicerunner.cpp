@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -23,20 +24,11 @@ constexpr auto kStopTimeout = std::chrono::seconds(20);
 }  // namespace
 
 std::string BenchSettingsText() {
-  return "SocketCommunicationTimeout = 10000\n"
-         "SocketClosedReactivationTimeout_debug = 0\n"
-         "SocketSendBufferDeprecateTime = 0\n"
-         "CycleLatencyThresholdLimit_debug = 720000\n"
-         "MaxMessageSize = 4194304\n"
-         "SimulatedLatencyNet_debug = -1\n"
-         "SimulatedLatencyLocal_debug = -1\n"
-         "NetIsActiveImplemented_debug = 1\n"
-         "AddressPortDelimiter = ~\n"
-         "CommunicationThreadStackSize = 500000\n"
-         "ThreadBlockLimit_debug = 200000\n"
-         "TimeoutKillWorkerProcess = 300000\n"
-         "UseOpenSsl = 0\n"
-         "LatencyClockUpdate = 0\n";
+  // The shipped defaults (TLS and clock corrections are off there).
+  std::ifstream in(VANTREL_DEFAULT_INI);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
 }
 
 unsigned short FreeTcpPort(bool loopbackOnly) {

@@ -1,5 +1,7 @@
 #include "tests/support/servicehelper.h"
 
+#include "vantrel/base/env/settings.h"
+
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -24,23 +26,9 @@ namespace vantrel::test {
 namespace {
 constexpr const char* kReadyLine = "vantrel ready";
 
+// The shipped defaults with the test's own lines after them (a later key wins).
 std::string DefaultIni(const std::string& extra) {
-  std::string text =
-      "SocketCommunicationTimeout = 10000\n"
-      "SocketClosedReactivationTimeout_debug = 0\n"
-      "SocketSendBufferDeprecateTime = 0\n"
-      "CycleLatencyThresholdLimit_debug = 720000\n"
-      "MaxMessageSize = 4194304\n"
-      "SimulatedLatencyNet_debug = -1\n"
-      "SimulatedLatencyLocal_debug = -1\n"
-      "NetIsActiveImplemented_debug = 1\n"
-      "AddressPortDelimiter = ~\n"
-      "CommunicationThreadStackSize = 500000\n"
-      "ThreadBlockLimit_debug = 200000\n"
-      "TimeoutKillWorkerProcess = 300000\n"
-      "LatencyClockUpdate = 0\n";
-  if (extra.find("UseOpenSsl") == std::string::npos) text += "UseOpenSsl = 0\n";
-  return text + extra + "\n";
+  return std::string(nEnvSettings::gBuiltInDefaults()) + "\n" + extra + "\n";
 }
 }  // namespace
 
