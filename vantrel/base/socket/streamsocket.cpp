@@ -356,16 +356,7 @@ bool StreamSocket::Connect(const std::string& host, unsigned short port, const c
       return false;
     }
   }
-  {
-    std::lock_guard<std::mutex> lock(sslMutex_);
-    ssl_ = ssl;
-  }
-  if (!RunHandshake(connected, DeadlineAfter(options_.connectTimeout), "connect")) {
-    CloseSocket();
-    return false;
-  }
-  tlsReady_.store(true, std::memory_order_release);
-  return true;
+  return RunHandshake(ssl, connected, DeadlineAfter(options_.connectTimeout), "connect");
 }
 
 void StreamSocket::CreateListenerSocket(unsigned short port, tBindScope scope) {
@@ -455,11 +446,15 @@ bool StreamSocket::CompleteAcceptHandshake(const cSocketOptions& options) {
                    tlsSettings_.verifyClientCertificate ? SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT
                                                         : SSL_VERIFY_NONE,
                    nullptr);
+  return RunHandshake(ssl, fd, DeadlineAfter(options.communicationTimeout), "accept");
+}
+
+bool StreamSocket::RunHandshake(ssl_st* ssl, int fd, std::int64_t deadlineUs, const char* what) {
   {
     std::lock_guard<std::mutex> lock(sslMutex_);
     ssl_ = ssl;
   }
-  if (!RunHandshake(fd, DeadlineAfter(options.communicationTimeout), "accept")) {
+  if (!HandshakeLoop(fd, deadlineUs, what)) {
     CloseSocket();
     return false;
   }
@@ -467,7 +462,9 @@ bool StreamSocket::CompleteAcceptHandshake(const cSocketOptions& options) {
   return true;
 }
 
-bool StreamSocket::RunHandshake(int fd, std::int64_t deadlineUs, const char* what) {
+// Drives the handshake on the non-blocking descriptor until it completes, fails
+// or the deadline passes.
+bool StreamSocket::HandshakeLoop(int fd, std::int64_t deadlineUs, const char* what) {
   for (;;) {
     int error = SSL_ERROR_NONE;
     std::string failure;

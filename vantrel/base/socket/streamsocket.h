@@ -243,7 +243,10 @@ class VANTREL_API StreamSocket : public c_Socket {
   // Plain sockets: writes every part, waiting (bounded) when the socket pushes back.
   bool SendVector(int fd, iovec* parts, int count, bool& partial);
   bool CheckOutgoing(const char* data, unsigned length) const;
-  bool RunHandshake(int fd, std::int64_t deadlineUs, const char* what);
+  // Installs `ssl` as this socket's session and runs its handshake; a failed
+  // handshake closes the socket.
+  bool RunHandshake(ssl_st* ssl, int fd, std::int64_t deadlineUs, const char* what);
+  bool HandshakeLoop(int fd, std::int64_t deadlineUs, const char* what);
   void ApplyConnectionOptions(int fd) const;
   std::int64_t DeadlineAfter(nTime::cDiff span) const;
 
