@@ -113,6 +113,29 @@ TEST_F(FileTransferTest, CopiesArriveByteIdentical) {
   }
 }
 
+TEST_F(FileTransferTest, CopiesBothWaysAtOnceArriveByteIdentical) {
+  // Each side's file threads send chunks and acknowledgements on the same
+  // link at the same time, so frames of both transfers interleave.
+  TestClient back;
+  ASSERT_TRUE(back.NETInitZ641("backwards", receiver.clientsPort()));
+  const std::string there = Pattern(40 * kChunk + 5, 7);
+  const std::string here = Pattern(37 * kChunk + 11, 8);
+  const std::string source = files.write("there-src", there);
+  const std::string backSource = files.write("here-src", here);
+  request(500, source, files.file("there-dst"));
+  const std::string text = Request(backSource, files.file("here-dst"));
+  ASSERT_TRUE(back.NETCopyFileZ1(501, text.data(), static_cast<unsigned>(text.size()), sender.hostText().c_str()));
+  for (TestClient* requester : {&client, &back}) {
+    auto record = requester->next(60s);
+    ASSERT_TRUE(record.has_value());
+    auto result = Parse(*record);
+    ASSERT_TRUE(result.has_value());
+    EXPECT_EQ(result->state, 0);
+  }
+  EXPECT_TRUE(ReadFile(files.file("there-dst")) == there);
+  EXPECT_TRUE(ReadFile(files.file("here-dst")) == here);
+}
+
 TEST_F(FileTransferTest, FailuresAreReportedAndTheLinkStaysUp) {
   // A missing source is named in the answer.
   auto result = copy(1, files.file("missing"), files.file("never"));

@@ -539,7 +539,7 @@ int CVantrelHostConnection::post(BaseEvent* base) {
     } else {
       VLOG_DEBUG("CVantrelHostConnection::post - message %u of type %d for %s@%s queued", event->getMessageId(),
                  event->getType(), event->getToClient(), event->getToHost());
-      outgoing_queue_.putEvent(event);
+      enqueueLocked(event);
     }
   }
   if (refused) {
@@ -560,6 +560,13 @@ void CVantrelHostConnection::queueOwn(VantrelHostEvent* event) {
     delete event;
     return;
   }
+  enqueueLocked(event);
+}
+
+void CVantrelHostConnection::enqueueLocked(VantrelHostEvent* event) {
+  // Counted before it is visible to the writer, so that a direct send never
+  // sees zero while this event waits.
+  unsent_.fetch_add(1, std::memory_order_acq_rel);
   outgoing_queue_.putEvent(event);
 }
 
@@ -617,9 +624,12 @@ void CVantrelHostConnection::doWriting() {
       auto* event = dynamic_cast<VantrelHostEvent*>(item);
       if (event == nullptr) {
         delete item;
+        unsent_.fetch_sub(1, std::memory_order_acq_rel);
         continue;
       }
-      if (!sendEvent(event)) {
+      const bool sent = sendEvent(event);
+      unsent_.fetch_sub(1, std::memory_order_acq_rel);
+      if (!sent) {
         VLOG_ERROR("CVantrelHostConnection::doWriting - send to host %s failed", HostText());
         return;
       }
@@ -666,6 +676,7 @@ void CVantrelHostConnection::breakLink() {
                    event->getFromHost(), event->getFromClient());
     }
     delete item;
+    unsent_.fetch_sub(1, std::memory_order_acq_rel);
   }
   std::list<cPending> pending;
   {
@@ -715,7 +726,39 @@ void CVantrelHostConnection::restartProcess(const char* what) {
 
 // ------------------------------ file transfer ------------------------------
 
-void CVantrelHostConnection::PostFileEvent(VantrelHostEvent* event) { queueOwn(event); }
+void CVantrelHostConnection::PostFileEvent(VantrelHostEvent* event) {
+  if (event == nullptr) return;
+  int idle = 0;
+  if (!connected_ || !unsent_.compare_exchange_strong(idle, 1, std::memory_order_acq_rel)) {
+    queueOwn(event);
+    return;
+  }
+  {
+    // Only a look: the send itself must not hold the termination lock, which
+    // Terminate needs to shut the socket down under a blocked write.
+    RQPMutexGuard guard(lock_);
+    if (terminated_) {
+      unsent_.fetch_sub(1, std::memory_order_acq_rel);
+      delete event;
+      return;
+    }
+  }
+  bool sent = false;
+  try {
+    sent = socket_.SendTypedMessageZ2(event->getType(), kVersionMarker, event->getPackedBuf(),
+                                      event->getPackedBufLen());
+  } catch (const std::exception& e) {
+    VLOG_ERROR("CVantrelHostConnection::PostFileEvent - Exception: %s", e.what());
+  }
+  delete event;
+  if (sent) lastActivity_ = RQPSysTime();
+  unsent_.fetch_sub(1, std::memory_order_acq_rel);
+  if (!sent) {
+    // As when the writer fails: the reader's next wait fails and ends the link.
+    VLOG_ERROR("CVantrelHostConnection::PostFileEvent - send to host %s failed", HostText());
+    socket_.CloseSocket();
+  }
+}
 
 void CVantrelHostConnection::answerFileRequestBroken(VantrelHostEvent* request) {
   auto* answer = new VantrelClientEvent(static_cast<long>(request->getMessageId()), request->getFromHost(),
