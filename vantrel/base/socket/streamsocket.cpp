@@ -668,15 +668,20 @@ bool StreamSocket::SendVector(int fd, iovec* parts, int count, bool& partial) {
       VLOG_DEBUG("StreamSocket::SendTypedMessageZ2(%s,%d) - send failed: %s", name_, fd, ErrorText(errno));
       return false;
     }
-    if (deadlineUs == kNoDeadlineYet) deadlineUs = DeadlineAfter(options_.communicationTimeout);
-    const tWait w = WaitReady(fd, POLLOUT, deadlineUs);
-    if (w == tWait::eReady) continue;
-    if (w == tWait::eTimeout)
-      VLOG_WARN("StreamSocket::SendTypedMessageZ2(%s,%d) - send to %s not completed within %lld ms", name_, fd,
-                PeerAddress(), static_cast<long long>(options_.communicationTimeout.Milliseconds()));
-    return false;
+    if (!AwaitSendable(fd, POLLOUT, deadlineUs)) return false;
   }
   return true;
+}
+
+// Waits until a blocked send may go on. The communication time-out runs from the
+// first time a send has to wait; false when it passed (logged) or the socket closed.
+bool StreamSocket::AwaitSendable(int fd, short events, std::int64_t& deadlineUs) {
+  if (deadlineUs == kNoDeadlineYet) deadlineUs = DeadlineAfter(options_.communicationTimeout);
+  const tWait w = WaitReady(fd, events, deadlineUs);
+  if (w == tWait::eTimeout)
+    VLOG_WARN("StreamSocket::SendTypedMessageZ2(%s,%d) - send to %s not completed within %lld ms", name_, fd,
+              PeerAddress(), static_cast<long long>(options_.communicationTimeout.Milliseconds()));
+  return w == tWait::eReady;
 }
 
 bool StreamSocket::SendAll(int fd, const char* header, std::size_t headerSize, const char* payload,
@@ -706,13 +711,7 @@ bool StreamSocket::SendAll(int fd, const char* header, std::size_t headerSize, c
       }
       if (error == SSL_ERROR_WANT_READ) waitFor = POLLIN;
     }
-    if (deadlineUs == kNoDeadlineYet) deadlineUs = DeadlineAfter(options_.communicationTimeout);
-    const tWait w = WaitReady(fd, waitFor, deadlineUs);
-    if (w == tWait::eReady) continue;
-    if (w == tWait::eTimeout)
-      VLOG_WARN("StreamSocket::SendTypedMessageZ2(%s,%d) - send to %s not completed within %lld ms", name_, fd,
-                PeerAddress(), static_cast<long long>(options_.communicationTimeout.Milliseconds()));
-    return false;
+    if (!AwaitSendable(fd, waitFor, deadlineUs)) return false;
   }
   return true;
 }

@@ -247,6 +247,7 @@ class VANTREL_API StreamSocket : public c_Socket {
   // handshake closes the socket.
   bool RunHandshake(ssl_st* ssl, int fd, std::int64_t deadlineUs, const char* what);
   bool HandshakeLoop(int fd, std::int64_t deadlineUs, const char* what);
+  bool AwaitSendable(int fd, short events, std::int64_t& deadlineUs);
   void ApplyConnectionOptions(int fd) const;
   std::int64_t DeadlineAfter(nTime::cDiff span) const;
 
