@@ -200,12 +200,17 @@ bool BusSendFailed(cBusSetup& bus) {
   return cBusSetup::Fail("acknowledged send", "failed with status " + std::to_string(bus.sender.NETGetLastStatus()));
 }
 
+// The bus and its floor of the same shape (local: one hop; remote: two).
+bool OpenBoth(const cBenchOptions& options, bool remote, cBusSetup& bus, cFloorSetup& floor) {
+  if (!bus.Open(options, remote)) return false;
+  return floor.Open(remote) || cBusSetup::Fail("floor", "relay did not start");
+}
+
 bool RunLatency(const cBenchOptions& options, cBenchTable& table) {
   for (const bool remote : {false, true}) {
     cBusSetup bus;
     cFloorSetup floor;
-    if (!bus.Open(options, remote)) return false;
-    if (!floor.Open(remote)) return cBusSetup::Fail("floor", "relay did not start");
+    if (!OpenBoth(options, remote, bus, floor)) return false;
     const std::string path = remote ? "remote" : "local";
     for (const std::size_t size : kSizes) {
       const std::vector<char> data = Payload(size);
@@ -236,8 +241,7 @@ bool RunThroughput(const cBenchOptions& options, cBenchTable& table) {
   for (const bool remote : {false, true}) {
     cBusSetup bus;
     cFloorSetup floor;
-    if (!bus.Open(options, remote)) return false;
-    if (!floor.Open(remote)) return cBusSetup::Fail("floor", "relay did not start");
+    if (!OpenBoth(options, remote, bus, floor)) return false;
     const std::string path = remote ? "remote" : "local";
     for (const std::size_t size : kSizes) {
       const std::vector<char> data = Payload(size);
