@@ -103,6 +103,27 @@ TEST(PackedRecord, MalformedBuffersAreRejectedWithoutReadingPastThem) {
   EXPECT_FALSE(cVantrelMessage(nullptr, 100, 2, 0).isValid());
 }
 
+TEST(PackedRecord, AdoptedBufferIsUsedInPlaceOrFreedWhenMalformed) {
+  cVantrelMessage m(5, "lg01", "recorder", "lg02", "driver", QTYPE_SYNC, 7, 0, "chunkB", 6);
+  auto received = std::make_unique<char[]>(m.getPackedBufLen());
+  std::memcpy(received.get(), m.getPackedBuf(), m.getPackedBufLen());
+  const char* raw = received.get();
+  cVantrelMessage adopted(std::move(received), m.getPackedBufLen(), 7, 0x7F04);
+  ASSERT_TRUE(adopted.isValid());
+  ExpectSameFields(m, adopted);
+  EXPECT_EQ(adopted.getPackedBuf(), raw) << "the received buffer must not be copied";
+
+  // A malformed buffer leaves the record invalid; the sanitizers see that the
+  // buffer taken over is released.
+  vantrel::test::LogCapture log;
+  auto cut = std::make_unique<char[]>(m.getPackedBufLen());
+  std::memcpy(cut.get(), m.getPackedBuf(), m.getPackedBufLen());
+  cVantrelMessage broken(std::move(cut), m.getPackedBufLen() - 1, 7, 0x7F04);
+  EXPECT_FALSE(broken.isValid());
+  EXPECT_EQ(broken.getPackedBuf(), nullptr);
+  EXPECT_TRUE(log.contains("malformed packed record"));
+}
+
 TEST(PackedRecord, RandomBuffersNeverCrash) {
   std::mt19937 rng(1234);
   cVantrelMessage m(9, "host", "client", "from", "sender", QTYPE_SYNC, 2, 0, "data", 4);

@@ -137,15 +137,29 @@ cVantrelMessage::cVantrelMessage(std::uint32_t messageId, const char* toHost, co
 
 cVantrelMessage::cVantrelMessage(const char* buffer, std::uint32_t length, short type, short subtype)
     : toHost_(kEmpty), toClient_(kEmpty), fromHost_(kEmpty), fromClient_(kEmpty) {
-  std::string error;
-  if (!CheckPacked(buffer, length, &error)) {
-    VLOG_ERROR("cVantrelMessage::cVantrelMessage - malformed packed record (frame type %d, %u bytes): %s",
-               type, length, error);
-    makeInvalid();
-    return;
-  }
+  if (!checkReceived(buffer, length, type)) return;
   storage_ = std::make_shared_for_overwrite<char[]>(length);
   std::memcpy(storage_.get(), buffer, length);
+  finishReceived(length, type);
+}
+
+cVantrelMessage::cVantrelMessage(std::unique_ptr<char[]> buffer, std::uint32_t length, short type, short subtype)
+    : toHost_(kEmpty), toClient_(kEmpty), fromHost_(kEmpty), fromClient_(kEmpty) {
+  if (!checkReceived(buffer.get(), length, type)) return;
+  storage_ = std::shared_ptr<char[]>(std::move(buffer));
+  finishReceived(length, type);
+}
+
+bool cVantrelMessage::checkReceived(const char* buffer, std::uint32_t length, short type) {
+  std::string error;
+  if (CheckPacked(buffer, length, &error)) return true;
+  VLOG_ERROR("cVantrelMessage::cVantrelMessage - malformed packed record (frame type %d, %u bytes): %s", type,
+             length, error);
+  makeInvalid();
+  return false;
+}
+
+void cVantrelMessage::finishReceived(std::uint32_t length, short type) {
   packedBufLen_ = length;
   adoptCheckedBuffer();
   if (type_ != type)

@@ -56,6 +56,10 @@ class VANTREL_API cVantrelMessage {
   // compared with the packed ones (a frame type that differs is logged).
   // A malformed buffer is logged and leaves the record invalid.
   cVantrelMessage(const char* buffer, std::uint32_t length, short type, short subtype);
+  // As above, but takes over `buffer` (allocated with new char[]) instead of
+  // copying it, so that a received frame becomes a record without a copy. A
+  // malformed buffer is freed at once.
+  cVantrelMessage(std::unique_ptr<char[]> buffer, std::uint32_t length, short type, short subtype);
 
   // Shallow: the copy shares the source's buffer (see "Storage" above).
   cVantrelMessage(const cVantrelMessage& other) = default;
@@ -97,6 +101,11 @@ class VANTREL_API cVantrelMessage {
 
  private:
   void makeInvalid();
+  // The common part of the two received-buffer constructors: checks `buffer`
+  // and logs why it is malformed (the record is then left invalid).
+  bool checkReceived(const char* buffer, std::uint32_t length, short type);
+  // Takes `length` bytes of checked storage_ as the record's packed buffer.
+  void finishReceived(std::uint32_t length, short type);
   // Points every field into the already checked packed buffer held by storage_.
   void adoptCheckedBuffer();
 

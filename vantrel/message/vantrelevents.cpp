@@ -46,6 +46,9 @@ VantrelClientEvent::VantrelClientEvent(long messageId, const char* toHost, const
 VantrelClientEvent::VantrelClientEvent(const char* buffer, long length, short type, short subtype)
     : cVantrelMessage(buffer, CheckedLength(length, "VantrelClientEvent::VantrelClientEvent"), type, subtype) {}
 
+VantrelClientEvent::VantrelClientEvent(std::unique_ptr<char[]> buffer, long length, short type, short subtype)
+    : cVantrelMessage(std::move(buffer), CheckedLength(length, "VantrelClientEvent::VantrelClientEvent"), type, subtype) {}
+
 VantrelClientEvent::VantrelClientEvent(const char* name, ClientObj* client, int value)
     : cVantrelMessage(0, "", name, "", "", QTYPE_CLIENT, 0, 0, "", 1), BaseEvent(client, value) {}
 
@@ -71,6 +74,9 @@ VantrelHostEvent::VantrelHostEvent(long messageId, const char* toHost, const cha
 
 VantrelHostEvent::VantrelHostEvent(const char* buffer, long length, short type, short subtype)
     : cVantrelMessage(buffer, CheckedLength(length, "VantrelHostEvent::VantrelHostEvent"), type, subtype) {}
+
+VantrelHostEvent::VantrelHostEvent(std::unique_ptr<char[]> buffer, long length, short type, short subtype)
+    : cVantrelMessage(std::move(buffer), CheckedLength(length, "VantrelHostEvent::VantrelHostEvent"), type, subtype) {}
 
 VantrelHostEvent::VantrelHostEvent(const char* name, ClientObj* client, int value)
     : cVantrelMessage(0, name, "", "", "", QTYPE_CLIENT, 0, 0, "", 1), BaseEvent(client, value) {}

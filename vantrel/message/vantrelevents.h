@@ -15,6 +15,7 @@
 // it was registered with. An event is not changed once it is posted, so the
 // threads it passes through only read it.
 #include <cstdint>
+#include <memory>
 
 #include "vantrel/base/events/events.h"
 #include "vantrel/base/export.h"
@@ -32,6 +33,8 @@ class VANTREL_API VantrelClientEvent : public cVantrelMessage, public BaseEvent 
   // A record rebuilt from a packed buffer (see cVantrelMessage), with a
   // default event part. A malformed buffer leaves the record invalid.
   VantrelClientEvent(const char* buffer, long length, short type, short subtype);
+  // As above, taking over a buffer allocated with new char[] instead of copying it.
+  VantrelClientEvent(std::unique_ptr<char[]> buffer, long length, short type, short subtype);
   // A registration key: to client `name`, every other text empty, id, QType,
   // type and subtype 0, data the empty text with length 1; the event part
   // names `client` and its handler id `value`.
@@ -53,6 +56,7 @@ class VANTREL_API VantrelHostEvent : public cVantrelMessage, public BaseEvent {
   VantrelHostEvent(long messageId, const char* toHost, const char* toClient, const char* fromHost,
                    const char* fromClient, QType qtype, short type, short subtype, const char* data, long datalen);
   VantrelHostEvent(const char* buffer, long length, short type, short subtype);
+  VantrelHostEvent(std::unique_ptr<char[]> buffer, long length, short type, short subtype);
   // A registration key: as for VantrelClientEvent, with `name` as the to host.
   VantrelHostEvent(const char* name, ClientObj* client, int value);
   VantrelHostEvent& operator=(const VantrelHostEvent& other) = default;

@@ -13,6 +13,14 @@ constexpr int kCloseFailed = VantrelToolKit::COPY_CLOSE_FAILED;
 constexpr int kSenderFailed = VantrelToolKit::COPY_READ_FAILED;
 constexpr int kReceiverGaveUp = VantrelToolKit::COPY_WRITE_FAILED;
 constexpr int kStopped = VantrelToolKit::COPY_STOPPED;
+
+// Chunks are read and written whole, so a stream buffer would only add a copy
+// and split each chunk into several system calls.
+std::FILE* OpenUnbuffered(const std::string& path, const char* mode) {
+  std::FILE* file = std::fopen(path.c_str(), mode);
+  if (file != nullptr) std::setvbuf(file, nullptr, _IONBF, 0);
+  return file;
+}
 }  // namespace
 
 CFileTransferHandler::CFileTransferHandler(iFileTransferLink* link) : link_(link) {
@@ -91,7 +99,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     credits_ = kWindow;
     window_ = kWindow;
   }
-  std::FILE* file = std::fopen(localPath.c_str(), "rb");
+  std::FILE* file = OpenUnbuffered(localPath, "rb");
   if (file == nullptr) {
     VLOG_ERROR("CFileTransferHandler::SendFile - cannot open %s for reading: %s", localPath,
                VantrelToolKit::GetErrorString(VantrelToolKit::hgGetLastError()));
@@ -214,7 +222,7 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
       chunks_.InitZ72();
     }
   }
-  std::FILE* file = stopped ? nullptr : std::fopen(dstPath.c_str(), "wb");
+  std::FILE* file = stopped ? nullptr : OpenUnbuffered(dstPath, "wb");
   if (!stopped && file == nullptr) {
     VLOG_ERROR("CFileTransferHandler::ReceiveFile - cannot open %s for writing: %s", dstPath,
                VantrelToolKit::GetErrorString(VantrelToolKit::hgGetLastError()));
@@ -281,19 +289,21 @@ int CFileTransferHandler::ParseFinalState(const char* data, unsigned length) {
 }
 
 void CFileTransferHandler::HandleFileEvent(const char* data, unsigned length, short type, short subtype) {
-  VLOG_DEBUG("CFileTransferHandler::HandleFileEvent(type=%d)", type);
+  HandleFileEvent(std::make_unique<VantrelHostEvent>(data, static_cast<long>(length), type, subtype));
+}
+
+void CFileTransferHandler::HandleFileEvent(std::unique_ptr<VantrelHostEvent> event) {
+  VLOG_DEBUG("CFileTransferHandler::HandleFileEvent(type=%d)", event->getType());
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!sending_ && !receiving_) {
       VLOG_WARN("CFileTransferHandler::HandleFileEvent - no transfer in progress, message of %u bytes ignored",
-                length);
+                event->getPackedBufLen());
       return;
     }
   }
-  auto* event = new VantrelHostEvent(data, static_cast<long>(length), type, subtype);
   if (!event->isValid() || event->getDatalen() == 0) {
-    VLOG_WARN("CFileTransferHandler::HandleFileEvent - malformed file message of %u bytes dropped", length);
-    delete event;
+    VLOG_WARN("CFileTransferHandler::HandleFileEvent - malformed file message dropped");
     return;
   }
   const char* payload = event->getData();
@@ -302,15 +312,13 @@ void CFileTransferHandler::HandleFileEvent(const char* data, unsigned length, sh
   switch (marker) {
     case kAccepted:
     case kChunkWritten:
-      delete event;
       SetFileChunkEventAck();
       return;
     case kChunk:
     case kLastChunk:
-      PutFileChunkEvent(event);
+      PutFileChunkEvent(event.release());
       return;
     case kAbort: {
-      delete event;
       VLOG_INFO("CFileTransferHandler::HandleFileEvent - the sender aborts");
       std::lock_guard<std::mutex> lock(mutex_);
       receiving_ = false;
@@ -324,14 +332,12 @@ void CFileTransferHandler::HandleFileEvent(const char* data, unsigned length, sh
         VLOG_WARN("CFileTransferHandler::HandleFileEvent - final report '%s' is not a number, taken as a failure",
                   std::string(payload, payloadLength));
       }
-      delete event;
       finish(state);
       return;
     }
     default:
       VLOG_WARN("CFileTransferHandler::HandleFileEvent - unknown marker %d dropped",
                 static_cast<int>(static_cast<unsigned char>(marker)));
-      delete event;
       return;
   }
 }

@@ -73,8 +73,12 @@ class CFileTransferHandler {
   // final state to the sender. Returns that state.
   int ReceiveFile(const std::string& dstPath, const cVantrelMessage& request);
 
-  // Every type 7 message from the peer: `data` is the record's packed buffer.
+  // Every type 7 message from the peer: `data` is the record's packed buffer,
+  // which is copied.
   virtual void HandleFileEvent(const char* data, unsigned length, short type, short subtype);
+  // The same for a message already rebuilt from its frame; the link's reader
+  // comes this way, so a chunk reaches the file without another copy.
+  void HandleFileEvent(std::unique_ptr<VantrelHostEvent> event);
   // Queues a received chunk for ReceiveFile (takes ownership).
   void PutFileChunkEvent(VantrelHostEvent* event);
   // One chunk has been acknowledged: returns one credit.

@@ -431,34 +431,34 @@ void CVantrelHostConnection::doReading() {
     char* data = nullptr;
     unsigned length = 0;
     if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, nClock::gLatencyConfigurationNet())) return;
+    // The records made from the frame take its buffer over rather than copy it.
+    tFrameData frame(data);
     if (subtype != kVersionMarker) {
       VLOG_ERROR("CVantrelHostConnection::doReading - Socket error while reading from host %s", HostText());
-      if (type == kDelivered || type == kNotDelivered) deliverAnswer(kNotDelivered, subtype, data, length);
-      StreamSocket::FreeMessage(data);
+      if (type == kDelivered || type == kNotDelivered) deliverAnswer(kNotDelivered, subtype, std::move(frame), length);
       return;
     }
     lastActivity_ = RQPSysTime();
-    dispatchReceived(type, data, length);
-    StreamSocket::FreeMessage(data);
+    dispatchReceived(type, std::move(frame), length);
   }
 }
 
-void CVantrelHostConnection::dispatchReceived(short type, const char* data, unsigned length) {
+void CVantrelHostConnection::dispatchReceived(short type, tFrameData data, unsigned length) {
   switch (type) {
     case kSend:
     case kSendNoResponse:
     case kSendNoWait:
-      deliverForward(type, data, length);
+      deliverForward(type, std::move(data), length);
       break;
     case kFileRequest:
-      onFileRequest(data, length);
+      onFileRequest(std::move(data), length);
       break;
     case kFileTraffic:
-      onFileTraffic(data, length);
+      onFileTraffic(std::move(data), length);
       break;
     case kDelivered:
     case kNotDelivered:
-      deliverAnswer(type, kVersionMarker, data, length);
+      deliverAnswer(type, kVersionMarker, std::move(data), length);
       break;
     case kPing:
       break;
@@ -468,8 +468,8 @@ void CVantrelHostConnection::dispatchReceived(short type, const char* data, unsi
   }
 }
 
-void CVantrelHostConnection::deliverForward(short type, const char* data, unsigned length) {
-  auto* event = new VantrelClientEvent(data, static_cast<long>(length), type, kVersionMarker);
+void CVantrelHostConnection::deliverForward(short type, tFrameData data, unsigned length) {
+  auto* event = new VantrelClientEvent(std::move(data), static_cast<long>(length), type, kVersionMarker);
   if (!event->isValid()) {
     VLOG_WARN("CVantrelHostConnection::doReading - malformed record of type %d from host %s dropped", type,
               HostText());
@@ -491,8 +491,8 @@ void CVantrelHostConnection::deliverForward(short type, const char* data, unsign
                                 1));
 }
 
-void CVantrelHostConnection::deliverAnswer(short type, short subtype, const char* data, unsigned length) {
-  auto* event = new VantrelClientEvent(data, static_cast<long>(length), type, subtype);
+void CVantrelHostConnection::deliverAnswer(short type, short subtype, tFrameData data, unsigned length) {
+  auto* event = new VantrelClientEvent(std::move(data), static_cast<long>(length), type, subtype);
   if (!event->isValid()) {
     VLOG_WARN("CVantrelHostConnection::doReading - malformed answer from host %s dropped", HostText());
     delete event;
@@ -869,8 +869,8 @@ void CVantrelHostConnection::sendOneFile(VantrelHostEvent* request) {
   delete request;
 }
 
-void CVantrelHostConnection::onFileRequest(const char* data, unsigned length) {
-  auto* request = new VantrelHostEvent(data, static_cast<long>(length), kFileRequest, kVersionMarker);
+void CVantrelHostConnection::onFileRequest(tFrameData data, unsigned length) {
+  auto* request = new VantrelHostEvent(std::move(data), static_cast<long>(length), kFileRequest, kVersionMarker);
   if (!request->isValid()) {
     VLOG_WARN("CVantrelHostConnection::doReading - malformed copy request from host %s dropped", HostText());
     delete request;
@@ -916,8 +916,9 @@ void CVantrelHostConnection::doFileReading() {
   fileReaderRunning_ = false;
 }
 
-void CVantrelHostConnection::onFileTraffic(const char* data, unsigned length) {
-  fileHandler_.HandleFileEvent(data, length, kFileTraffic, kVersionMarker);
+void CVantrelHostConnection::onFileTraffic(tFrameData data, unsigned length) {
+  fileHandler_.HandleFileEvent(
+      std::make_unique<VantrelHostEvent>(std::move(data), static_cast<long>(length), kFileTraffic, kVersionMarker));
 }
 
 void CVantrelHostConnection::stopFileThreads() {

@@ -160,9 +160,10 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferLink
   void doWriting();
   bool connectToPeer();
   bool receiveHandshake();
-  void dispatchReceived(short type, const char* data, unsigned length);
-  void deliverForward(short type, const char* data, unsigned length);
-  void deliverAnswer(short type, short subtype, const char* data, unsigned length);
+  using tFrameData = StreamSocket::tFrameData;
+  void dispatchReceived(short type, tFrameData data, unsigned length);
+  void deliverForward(short type, tFrameData data, unsigned length);
+  void deliverAnswer(short type, short subtype, tFrameData data, unsigned length);
   int post(BaseEvent* event);
   void queueOwn(VantrelHostEvent* event);
   // Puts an event on the outgoing queue and counts it as unsent; the caller
@@ -178,8 +179,8 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferLink
   // Copy requests of local clients for the peer (type 5).
   void postFileRequest(VantrelHostEvent* event);
   // The peer's copy request (type 6) and its chunk traffic (type 7).
-  void onFileRequest(const char* data, unsigned length);
-  void onFileTraffic(const char* data, unsigned length);
+  void onFileRequest(tFrameData data, unsigned length);
+  void onFileTraffic(tFrameData data, unsigned length);
   void StartFileWriter();
   void StartFileReader();
   void doFileWriting();

@@ -226,6 +226,8 @@ class VANTREL_API StreamSocket : public c_Socket {
                           iLatencyConfiguration* latency);
 
   static void FreeMessage(char* data) { delete[] data; }
+  // The owned form of a received payload, for code that keeps or hands it on.
+  using tFrameData = std::unique_ptr<char[]>;
 
  private:
   enum class tIo { eDone, eWantRead, eWantWrite, eEof, eError };
