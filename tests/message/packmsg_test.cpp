@@ -47,6 +47,17 @@ TEST(PackedRecord, RoundTripKeepsEveryField) {
   EXPECT_EQ(back.getData()[back.getDatalen()], '\0');
 }
 
+TEST(PackedRecord, DataSpaceFilledInPlaceRoundTrips) {
+  cVantrelMessage filled(3, "lg01", "recorder", "lg02", "driver", QTYPE_SYNC, 7, 0, cVantrelMessage::tDataSpace{5});
+  ASSERT_TRUE(filled.isValid());
+  ASSERT_EQ(filled.getDatalen(), 5u);
+  std::memcpy(filled.mutableData(), "12345", 5);
+  cVantrelMessage back = Rebuilt(filled);
+  ASSERT_TRUE(back.isValid());
+  ExpectSameFields(cVantrelMessage(3, "lg01", "recorder", "lg02", "driver", QTYPE_SYNC, 7, 0, "12345", 5), back);
+  EXPECT_EQ(back.getData()[5], '\0');
+}
+
 TEST(PackedRecord, EmptyTextsAndNoDataRoundTrip) {
   cVantrelMessage m(0, nullptr, "", nullptr, "", QTYPE_CLIENT, 3, 0, nullptr, 0);
   ASSERT_TRUE(m.isValid());

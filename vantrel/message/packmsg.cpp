@@ -28,6 +28,12 @@ constexpr std::size_t kLengthsOffset = 20;
 // Points at a zero byte: what the text accessors of an invalid record return.
 const char kEmpty[1] = {'\0'};
 
+std::uint32_t UsableDataLength(const char* data, std::uint32_t datalen) {
+  if (data != nullptr || datalen == 0) return datalen;
+  VLOG_ERROR("cVantrelMessage::cVantrelMessage - null data with length %u, packed without data", datalen);
+  return 0;
+}
+
 void PutU32(char* at, std::uint32_t value) {
   at[0] = static_cast<char>(value >> 24);
   at[1] = static_cast<char>(value >> 16);
@@ -92,11 +98,15 @@ bool CheckPacked(const char* buffer, std::uint32_t length, std::string* error) {
 cVantrelMessage::cVantrelMessage(std::uint32_t messageId, const char* toHost, const char* toClient,
                                  const char* fromHost, const char* fromClient, QType qtype, short type,
                                  short subtype, const char* data, std::uint32_t datalen)
+    : cVantrelMessage(messageId, toHost, toClient, fromHost, fromClient, qtype, type, subtype,
+                      tDataSpace{UsableDataLength(data, datalen)}) {
+  if (valid_ && datalen_ > 0) std::memcpy(mutableData(), data, datalen_);
+}
+
+cVantrelMessage::cVantrelMessage(std::uint32_t messageId, const char* toHost, const char* toClient,
+                                 const char* fromHost, const char* fromClient, QType qtype, short type,
+                                 short subtype, tDataSpace space)
     : toHost_(kEmpty), toClient_(kEmpty), fromHost_(kEmpty), fromClient_(kEmpty) {
-  if (data == nullptr && datalen > 0) {
-    VLOG_ERROR("cVantrelMessage::cVantrelMessage - null data with length %u, packed without data", datalen);
-    datalen = 0;
-  }
   const char* texts[4] = {toHost ? toHost : kEmpty, toClient ? toClient : kEmpty, fromHost ? fromHost : kEmpty,
                           fromClient ? fromClient : kEmpty};
   std::size_t lengths[kFieldCount];
@@ -105,8 +115,8 @@ cVantrelMessage::cVantrelMessage(std::uint32_t messageId, const char* toHost, co
     lengths[i] = std::strlen(texts[i]);
     total += std::uint64_t{lengths[i]} + 1;
   }
-  lengths[4] = datalen;
-  total += std::uint64_t{datalen} + 1;
+  lengths[4] = space.length;
+  total += std::uint64_t{space.length} + 1;
   if (total > std::numeric_limits<std::uint32_t>::max()) {
     VLOG_ERROR("cVantrelMessage::cVantrelMessage - record of %llu bytes does not fit the packed layout",
                static_cast<unsigned long long>(total));
@@ -125,12 +135,13 @@ cVantrelMessage::cVantrelMessage(std::uint32_t messageId, const char* toHost, co
   for (std::size_t i = 0; i < kFieldCount; ++i)
     PutU32(out + kLengthsOffset + 4 * i, static_cast<std::uint32_t>(lengths[i]));
   std::size_t offset = kHeaderSize;
-  for (std::size_t i = 0; i < kFieldCount; ++i) {
-    const char* source = i < 4 ? texts[i] : data;
-    if (lengths[i] > 0) std::memcpy(out + offset, source, lengths[i]);
+  for (std::size_t i = 0; i < 4; ++i) {
+    if (lengths[i] > 0) std::memcpy(out + offset, texts[i], lengths[i]);
     out[offset + lengths[i]] = '\0';
     offset += lengths[i] + 1;
   }
+  // The data comes last; only its terminating zero is written here.
+  out[offset + lengths[4]] = '\0';
   packedBufLen_ = static_cast<std::uint32_t>(total);
   adoptCheckedBuffer();
 }

@@ -49,6 +49,15 @@ class VANTREL_API cVantrelMessage {
   cVantrelMessage(std::uint32_t messageId, const char* toHost, const char* toClient, const char* fromHost,
                   const char* fromClient, QType qtype, short type, short subtype, const char* data,
                   std::uint32_t datalen);
+  // Room for `length` bytes of data, for the parts constructor below.
+  struct tDataSpace {
+    std::uint32_t length;
+  };
+  // As above, but the data is `space.length` bytes left for the caller to
+  // write through mutableData() before the record is copied or sent, so data
+  // that comes from a read (a file chunk) is read straight into the record.
+  cVantrelMessage(std::uint32_t messageId, const char* toHost, const char* toClient, const char* fromHost,
+                  const char* fromClient, QType qtype, short type, short subtype, tDataSpace space);
   // Rebuilds a record from a packed buffer received on a socket. The buffer is
   // copied, so the caller may free it at once. The type and subtype are those
   // the sender packed: on host links the frame's subtype is the link's version
@@ -95,6 +104,8 @@ class VANTREL_API cVantrelMessage {
   // Null only for an invalid record; for an empty payload it points at a zero
   // byte.
   const char* getData() const { return data_; }
+  // Only for filling a record built with tDataSpace.
+  char* mutableData() { return const_cast<char*>(data_); }
   unsigned int getDatalen() const { return datalen_; }
   const char* getPackedBuf() const { return packedBuf_; }
   unsigned int getPackedBufLen() const { return packedBufLen_; }

@@ -72,6 +72,11 @@ VantrelHostEvent::VantrelHostEvent(long messageId, const char* toHost, const cha
     : cVantrelMessage(static_cast<std::uint32_t>(messageId), toHost, toClient, fromHost, fromClient, qtype, type,
                       subtype, data, CheckedLength(datalen, "VantrelHostEvent::VantrelHostEvent")) {}
 
+VantrelHostEvent::VantrelHostEvent(long messageId, const char* toHost, const char* toClient, const char* fromHost,
+                                   const char* fromClient, QType qtype, short type, short subtype, tDataSpace space)
+    : cVantrelMessage(static_cast<std::uint32_t>(messageId), toHost, toClient, fromHost, fromClient, qtype, type,
+                      subtype, space) {}
+
 VantrelHostEvent::VantrelHostEvent(const char* buffer, long length, short type, short subtype)
     : cVantrelMessage(buffer, CheckedLength(length, "VantrelHostEvent::VantrelHostEvent"), type, subtype) {}
 

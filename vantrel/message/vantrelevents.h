@@ -55,6 +55,9 @@ class VANTREL_API VantrelHostEvent : public cVantrelMessage, public BaseEvent {
   VantrelHostEvent(const VantrelHostEvent& other) = default;
   VantrelHostEvent(long messageId, const char* toHost, const char* toClient, const char* fromHost,
                    const char* fromClient, QType qtype, short type, short subtype, const char* data, long datalen);
+  // A record whose data is left for the caller to write (see cVantrelMessage::tDataSpace).
+  VantrelHostEvent(long messageId, const char* toHost, const char* toClient, const char* fromHost,
+                   const char* fromClient, QType qtype, short type, short subtype, tDataSpace space);
   VantrelHostEvent(const char* buffer, long length, short type, short subtype);
   VantrelHostEvent(std::unique_ptr<char[]> buffer, long length, short type, short subtype);
   // A registration key: as for VantrelClientEvent, with `name` as the to host.

@@ -130,7 +130,6 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     credits_ = kWindow;
     window_ = kWindow;
   }
-  readBuffer_.resize(kChunkSize + 1);
   bool finished = false;
   for (;;) {
     {
@@ -138,15 +137,24 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
       if (!sending_) break;
     }
     if (finished) break;
-    const std::size_t count = std::fread(readBuffer_.data(), 1, kChunkSize, file);
+    // The chunk is read straight into its record; only a short last chunk is
+    // copied once more, into a record of its own size.
+    std::unique_ptr<VantrelHostEvent> chunk(
+        VantrelToolKit::CreateSendHostEvent(request, cVantrelMessage::tDataSpace{kChunkSize + 1}, kFileTraffic));
+    char* data = chunk->mutableData();
+    const std::size_t count = std::fread(data, 1, kChunkSize, file);
     if (count < kChunkSize && std::ferror(file)) {
       VLOG_ERROR("CFileTransferHandler::SendFile - error reading %s", localPath);
       break;
     }
     const bool last = std::feof(file) != 0;
-    readBuffer_[count] = last ? kLastChunk : kChunk;
+    data[count] = last ? kLastChunk : kChunk;
+    if (count < kChunkSize) {
+      chunk.reset(VantrelToolKit::CreateSendHostEvent(request, data, static_cast<unsigned>(count + 1), kFileTraffic,
+                                                      QTYPE_SYNC));
+    }
     reserveCredit();
-    post(request, false, readBuffer_.data(), static_cast<unsigned>(count + 1), kFileTraffic);
+    link_->PostFileEvent(chunk.release());
     awaitCredit();
     if (last) {
       waitForWindow();

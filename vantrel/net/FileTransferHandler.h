@@ -23,7 +23,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "vantrel/base/platform/eventqueue.h"
 #include "vantrel/message/vantrelevents.h"
@@ -132,6 +131,4 @@ class CFileTransferHandler {
   int finalState_ = 0;
 
   long chunkWaitMs_ = kChunkWaitMs;
-  // One read buffer for the whole transfer: file bytes plus the marker.
-  std::vector<char> readBuffer_;
 };

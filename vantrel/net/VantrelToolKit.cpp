@@ -88,15 +88,16 @@ bool VantrelToolKit::CopyFileA(const std::string& source, const std::string& des
 
 namespace {
 
-template <class Event>
-Event* BuildEvent(const cVantrelMessage& m, bool backwards, const char* data, unsigned int length, int type,
-                  QType qtype, short subtype) {
+// `data` is what the event's constructor takes as its data: a pointer and a
+// length, or a tDataSpace.
+template <class Event, class... Data>
+Event* BuildEvent(const cVantrelMessage& m, bool backwards, int type, QType qtype, short subtype, Data... data) {
   const char* toHost = backwards ? m.getFromHost() : m.getToHost();
   const char* toClient = backwards ? m.getFromClient() : m.getToClient();
   const char* fromHost = backwards ? m.getToHost() : m.getFromHost();
   const char* fromClient = backwards ? m.getToClient() : m.getFromClient();
   return new Event(static_cast<long>(m.getMessageId()), toHost, toClient, fromHost, fromClient, qtype,
-                   static_cast<short>(type), subtype, data, static_cast<long>(length));
+                   static_cast<short>(type), subtype, data...);
 }
 
 }  // namespace
@@ -104,18 +105,23 @@ Event* BuildEvent(const cVantrelMessage& m, bool backwards, const char* data, un
 VantrelClientEvent* VantrelToolKit::CreateReturnClientEvent(const cVantrelMessage& received, const char* data,
                                                             unsigned int length, int type, QType qtype,
                                                             short subtype) {
-  return BuildEvent<VantrelClientEvent>(received, true, data, length, type, qtype, subtype);
+  return BuildEvent<VantrelClientEvent>(received, true, type, qtype, subtype, data, static_cast<long>(length));
 }
 
 VantrelHostEvent* VantrelToolKit::CreateReturnHostEvent(const cVantrelMessage& received, const char* data,
                                                         unsigned int length, int type, QType qtype, short subtype) {
-  return BuildEvent<VantrelHostEvent>(received, true, data, length, type, qtype, subtype);
+  return BuildEvent<VantrelHostEvent>(received, true, type, qtype, subtype, data, static_cast<long>(length));
 }
 
 VantrelHostEvent* VantrelToolKit::CreateSendHostEvent(const cVantrelMessage& received, const char* data,
                                                       unsigned int length, int type, QType /*qtype*/,
                                                       short subtype) {
-  return BuildEvent<VantrelHostEvent>(received, false, data, length, type, QTYPE_SYNC, subtype);
+  return BuildEvent<VantrelHostEvent>(received, false, type, QTYPE_SYNC, subtype, data, static_cast<long>(length));
+}
+
+VantrelHostEvent* VantrelToolKit::CreateSendHostEvent(const cVantrelMessage& received,
+                                                      cVantrelMessage::tDataSpace space, int type, short subtype) {
+  return BuildEvent<VantrelHostEvent>(received, false, type, QTYPE_SYNC, subtype, space);
 }
 
 bool VantrelToolKit::DeleteFileA(const std::string& path) { return std::remove(path.c_str()) == 0; }

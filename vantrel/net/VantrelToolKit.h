@@ -60,6 +60,9 @@ class VANTREL_API VantrelToolKit {
   // argument is ignored.
   static VantrelHostEvent* CreateSendHostEvent(const cVantrelMessage& received, const char* data, unsigned int length,
                                                int type, QType qtype, short subtype = 0);
+  // As above, with `space` bytes of data left for the caller to write.
+  static VantrelHostEvent* CreateSendHostEvent(const cVantrelMessage& received, cVantrelMessage::tDataSpace space,
+                                               int type, short subtype = 0);
 
   // True when the file was removed.
   static bool DeleteFileA(const std::string& path);
