@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/testutil.h"
@@ -270,6 +271,22 @@ TEST_F(ThreeHostsTest, MessagesAddressedByHostNameReachEveryOtherHost) {
     const int to = (from + 1) % kHosts;
     EXPECT_TRUE(lab_->WaitLog(from, "Connecting to " + HostName(to) + ":9011", std::chrono::seconds(5)))
         << ReadFile(lab_->LogFile(from));
+  }
+}
+
+TEST_F(ThreeHostsTest, FilesCopiedBetweenHostsArriveWhole) {
+  // Several chunks and a short last one, both ways over one pair of hosts.
+  std::string content(3 * 51200 + 777, '\0');
+  for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>((i * 131) ^ (i >> 9));
+  TempDir files;
+  const std::string source = files.write("source.bin", content);
+  for (const auto& [from, to] : {std::pair{0, 1}, std::pair{1, 0}}) {
+    const std::string destination = files.file("from-" + HostName(from) + ".bin");
+    const RQPRunResult copied =
+        lab_->Cli(from, "copier" + std::to_string(from + 1), {"copy", source, HostName(to), destination});
+    EXPECT_EQ(copied.exitCode, 0) << HostName(from) << " -> " << HostName(to) << ": " << copied.output << "\n"
+                                  << ReadFile(lab_->LogFile(from));
+    EXPECT_EQ(ReadFile(destination), content) << HostName(from) << " -> " << HostName(to);
   }
 }
 
