@@ -47,7 +47,8 @@ VantrelClientEvent::VantrelClientEvent(const char* buffer, long length, short ty
     : cVantrelMessage(buffer, CheckedLength(length, "VantrelClientEvent::VantrelClientEvent"), type, subtype) {}
 
 VantrelClientEvent::VantrelClientEvent(std::unique_ptr<char[]> buffer, long length, short type, short subtype)
-    : cVantrelMessage(std::move(buffer), CheckedLength(length, "VantrelClientEvent::VantrelClientEvent"), type, subtype) {}
+    : cVantrelMessage(std::move(buffer), CheckedLength(length, "VantrelClientEvent::VantrelClientEvent"), type,
+                      subtype) {}
 
 VantrelClientEvent::VantrelClientEvent(const char* name, ClientObj* client, int value)
     : cVantrelMessage(0, "", name, "", "", QTYPE_CLIENT, 0, 0, "", 1), BaseEvent(client, value) {}
