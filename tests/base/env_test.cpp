@@ -142,7 +142,13 @@ TEST(SettingsFile, NoFileFoundGivesTheShippedDefaultsSaidOnce) {
   EXPECT_FALSE(nEnvSettings::gFileInitTableFrom({dir.file("a.ini"), dir.file("b.ini")}, table));
   EXPECT_EQ(table, nEnvSettings::gBuiltInDefaultsTable());
   EXPECT_EQ(log.count("built-in defaults"), 1u);
-  EXPECT_EQ(nEnvSettings::gGetPropertyStream(table, "SocketCommunicationTimeout"), "10000");
+  // The keys without which no process could start, and the clock's off switch.
+  const std::pair<const char*, const char*> required[] = {
+      {"SocketCommunicationTimeout", "10000"}, {"SocketClosedReactivationTimeout_debug", "0"},
+      {"NetIsActiveImplemented_debug", "1"},   {"CertificatesPath", "/etc/vantrel/certs"},
+      {"LatencyClockUpdate", "0"},             {"LatencyClockUpdateCooldown", "600000"},
+  };
+  for (const auto& [key, value] : required) EXPECT_EQ(nEnvSettings::gGetPropertyStream(table, key), value) << key;
   // The built-in text is the shipped file, byte for byte.
   EXPECT_EQ(nEnvSettings::gBuiltInDefaults(),
             vantrel::test::ReadFile(std::string(VANTREL_SOURCE_DIR) + "/dist/Vantrel.ini"));

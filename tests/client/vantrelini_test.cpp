@@ -138,17 +138,6 @@ TEST(VantrelIni, SmallMaxMessageSizeIsRaisedWithALogLine) {
   EXPECT_EQ(log.count("MaxMessageSize"), 1u);
 }
 
-TEST(VantrelIni, BuiltInDefaultsSetTheRequiredKeys) {
-  testing::internal::CaptureStdout();
-  const cVantrelIni ini(nEnvSettings::gBuiltInDefaultsTable());
-  testing::internal::GetCapturedStdout();
-  EXPECT_EQ(ini.SocketCommunicationTimeout(), Ms(10000));
-  EXPECT_TRUE(ini.NetIsActiveImplemented());
-  EXPECT_EQ(ini.CertificatesPath(), "/etc/vantrel/certs");
-  EXPECT_EQ(nVantrelIni::gReadIntRequired(ini.Table(), "LatencyClockUpdate"), 0);
-  EXPECT_EQ(nVantrelIni::gReadIntRequired(ini.Table(), "LatencyClockUpdateCooldown"), 600000);
-}
-
 TEST(SimulatedLatency, ListsStopAtMinusOneOrAtTheFirstBadValue) {
   using nVantrelIni::gParseSimulatedLatency;
   EXPECT_TRUE(gParseSimulatedLatency("-1 40", "list").empty());

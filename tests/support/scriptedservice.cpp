@@ -3,8 +3,6 @@
 #include <cstring>
 #include <deque>
 
-#include "vantrel/message/packmsg.h"
-
 namespace vantrel::test {
 
 namespace {
@@ -18,7 +16,6 @@ struct ScriptedService::cConnection {
   StreamSocket socket;
   std::thread reader;
   std::deque<cFrame> unread;
-  std::size_t received = 0;
   bool peerClosed = false;
   std::string clientName;
 };
@@ -71,7 +68,6 @@ void ScriptedService::ReadLoop(cConnection* connection) {
     Answer(connection, frame);
     std::lock_guard<std::mutex> lock(mutex_);
     connection->unread.push_back(std::move(frame));
-    ++connection->received;
     changed_.notify_all();
   }
   std::lock_guard<std::mutex> lock(mutex_);
@@ -128,17 +124,6 @@ std::optional<cFrame> ScriptedService::NextFrame(std::size_t index, std::chrono:
   cFrame frame = std::move(connections_[index]->unread.front());
   connections_[index]->unread.pop_front();
   return frame;
-}
-
-std::size_t ScriptedService::FrameCount(std::size_t index) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return index < connections_.size() ? connections_[index]->received : 0;
-}
-
-bool ScriptedService::Send(std::size_t index, short type, short subtype, const std::string& data) {
-  cConnection* connection = Get(index);
-  return connection != nullptr &&
-         connection->socket.SendTypedMessageZ2(type, subtype, data.data(), static_cast<unsigned>(data.size()));
 }
 
 bool ScriptedService::SendRecord(std::size_t index, short type, short subtype, const std::string& payload,
