@@ -81,12 +81,6 @@ TEST(ClientLibrary, GreetingRefusedOrUnansweredFailsInit) {
     ASSERT_EQ(init.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_FALSE(init.get());
   }
-  {
-    // Nothing listens on the port.
-    const unsigned short port = vantrel::test::FreePort();
-    cVantrelClientObject client;
-    EXPECT_FALSE(client.NETInitZ641("tester", port));
-  }
 }
 
 TEST(ClientLibrary, PortZeroTakesTheEnvironmentOrTheDefault) {

@@ -162,10 +162,9 @@ TEST(VantrelProcessCheck, AnotherUserElevationOrSessionIsReported) {
 // recorded in "started".
 class FakeSystemd {
  public:
-  explicit FakeSystemd(const std::string& extra = "")
-      : path_(("PATH"), (dir_.path() + ":" + std::string(getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin")).c_str()) {
+  FakeSystemd() : path_("PATH", dir_.path() + ":" + (getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin")) {
     WriteScript(dir_, "systemctl",
-                extra + "D=" + dir_.path() + "\n"
+                "D=" + dir_.path() + "\n"
                 "case \"$1\" in\n"
                 "show) [ -f \"$D/loaded\" ] && state=loaded || state=not-found\n"
                 "      printf 'Id=vantrel.service\\nDescription=Vantrel message bus\\nLoadState=%s\\n' $state ;;\n"
