@@ -61,7 +61,6 @@ class ScriptedService {
   unsigned short Port() const { return port_; }
   void SetAck(tAck ack);
 
-  // Waits until `count` clients have connected.
   bool WaitConnections(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10));
   // The next frame that connection `index` received (in order), or nothing
   // when none arrives within `timeout`.
@@ -69,9 +68,7 @@ class ScriptedService {
   // Sends a message record (type `type`) on `subtype`, as the service delivers one.
   bool SendRecord(std::size_t index, short type, short subtype, const std::string& payload,
                   std::uint32_t messageId = 0);
-  // Closes connection `index` from the service's side.
   void Close(std::size_t index);
-  // Waits until client `index` has closed its end.
   bool WaitPeerClosed(std::size_t index, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
  private:
