@@ -14,8 +14,8 @@
 #include "vantrel/client/vantrelini.h"
 
 using vantrel::test::LogCapture;
-using vantrel::test::ScriptedService;
 using vantrel::test::ScopedEnv;
+using vantrel::test::ScriptedService;
 
 namespace {
 

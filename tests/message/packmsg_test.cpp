@@ -5,8 +5,8 @@
 #include <atomic>
 #include <cstring>
 #include <random>
-#include <thread>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/testutil.h"
@@ -37,8 +37,8 @@ TEST(PackedRecord, RoundTripKeepsEveryField) {
   ASSERT_EQ(filled.getDatalen(), 5u);
   std::memcpy(filled.mutableData(), "12345", 5);
   const std::pair<const char*, cVantrelMessage> records[] = {
-      {"every field set", cVantrelMessage(0xDEADBEEF, "lg01~9011", "recorder", "lg02", "driver", QTYPE_ASYNC, -2,
-                                          1036, payload.data(), static_cast<std::uint32_t>(payload.size()))},
+      {"every field set", cVantrelMessage(0xDEADBEEF, "lg01~9011", "recorder", "lg02", "driver", QTYPE_ASYNC, -2, 1036,
+                                          payload.data(), static_cast<std::uint32_t>(payload.size()))},
       {"empty texts and no data", cVantrelMessage(0, nullptr, "", nullptr, "", QTYPE_CLIENT, 3, 0, nullptr, 0)},
       {"data space filled in place", filled},
   };

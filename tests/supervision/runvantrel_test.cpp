@@ -1,7 +1,7 @@
 #include "vantrel/supervision/runvantrel.h"
 
-#include <gtest/gtest.h>
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -164,7 +164,7 @@ class FakeSystemd {
  public:
   FakeSystemd() : path_("PATH", dir_.path() + ":" + (getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin")) {
     WriteScript(dir_, "systemctl",
-                "D=" + dir_.path() + "\n"
+                "D=$(dirname \"$0\")\n"
                 "case \"$1\" in\n"
                 "show) [ -f \"$D/loaded\" ] && state=loaded || state=not-found\n"
                 "      printf 'Id=vantrel.service\\nDescription=Vantrel message bus\\nLoadState=%s\\n' $state ;;\n"

@@ -79,12 +79,14 @@ void ScriptedService::Answer(cConnection* connection, const cFrame& frame) {
   if (frame.type == 1029 && frame.data.size() == kGreetingSize) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      connection->clientName = std::string(frame.data.c_str() + kNameOffset, strnlen(frame.data.c_str() + kNameOffset, 128));
+      connection->clientName =
+          std::string(frame.data.c_str() + kNameOffset, strnlen(frame.data.c_str() + kNameOffset, 128));
     }
     if (!options_.replyToGreeting) return;
     std::string reply = frame.data;
     std::memset(reply.data() + kHostOffset, 0, 128);
-    std::memcpy(reply.data() + kHostOffset, options_.hostName.data(), std::min<std::size_t>(options_.hostName.size(), 128));
+    std::memcpy(reply.data() + kHostOffset, options_.hostName.data(),
+                std::min<std::size_t>(options_.hostName.size(), 128));
     std::memcpy(reply.data(), &options_.netPort, sizeof(options_.netPort));
     const short type = options_.greetingReplyType < 0 ? frame.type : options_.greetingReplyType;
     connection->socket.SendTypedMessageZ2(type, 1, reply.data(), static_cast<unsigned>(reply.size()));
@@ -101,8 +103,8 @@ void ScriptedService::Answer(cConnection* connection, const cFrame& frame) {
   if (ack == tAck::eNone) return;
   const short type = ack == tAck::eDelivered ? 102 : ack == tAck::eRefused ? 101 : 103;
   const short subtype = ack == tAck::eNotDelivered ? 0 : 1;
-  const cVantrelMessage answer(0, options_.hostName.c_str(), clientName.c_str(),
-                               options_.hostName.c_str(), "", QTYPE_SYNC, type, subtype, "", 1);
+  const cVantrelMessage answer(0, options_.hostName.c_str(), clientName.c_str(), options_.hostName.c_str(), "",
+                               QTYPE_SYNC, type, subtype, "", 1);
   connection->socket.SendTypedMessageZ2(type, subtype, answer.getPackedBuf(), answer.getPackedBufLen());
 }
 
@@ -135,8 +137,8 @@ bool ScriptedService::SendRecord(std::size_t index, short type, short subtype, c
     std::lock_guard<std::mutex> lock(mutex_);
     clientName = connection->clientName;
   }
-  const cVantrelMessage record(messageId, options_.hostName.c_str(), clientName.c_str(), "elsewhere",
-                               "sender", QTYPE_SYNC, type, subtype, payload.c_str(),
+  const cVantrelMessage record(messageId, options_.hostName.c_str(), clientName.c_str(), "elsewhere", "sender",
+                               QTYPE_SYNC, type, subtype, payload.c_str(),
                                static_cast<std::uint32_t>(payload.size() + 1));
   return connection->socket.SendTypedMessageZ2(type, subtype, record.getPackedBuf(), record.getPackedBufLen());
 }
