@@ -9,7 +9,6 @@
 #include "tests/support/scriptedservice.h"
 #include "tests/support/testutil.h"
 #include "vantrel/base/platform/process.h"
-#include "vantrel/message/packmsg.h"
 
 using vantrel::test::ScriptedService;
 
@@ -31,9 +30,7 @@ class VantrelCli : public ::testing::Test {
     auto greeting = service_.NextFrame(connection);
     EXPECT_TRUE(greeting && greeting->type == 1029);
     auto frame = service_.NextFrame(connection);
-    if (!frame) return cVantrelMessage(nullptr, 0, 0, 0);
-    return cVantrelMessage(frame->data.data(), static_cast<std::uint32_t>(frame->data.size()), frame->type,
-                           frame->subtype);
+    return frame ? frame->record() : cVantrelMessage(nullptr, 0, 0, 0);
   }
 
   const std::string program_ = VANTREL_BINARY_DIR "/programs/vantrel-cli";
@@ -81,7 +78,8 @@ TEST_F(VantrelCli, ReceivingAndIdentity) {
 }
 
 TEST_F(VantrelCli, NoServiceIsItsOwnFailure) {
-  RQPRunResult result = RQPRunAndCapture(program_, {"--port", std::to_string(vantrel::test::FreePort()), "whoami"}, nTime::cDiff::FromSeconds(20));
+  const auto result = RQPRunAndCapture(program_, {"--port", std::to_string(vantrel::test::FreePort()), "whoami"},
+                                       nTime::cDiff::FromSeconds(20));
   EXPECT_EQ(result.exitCode, 3);
 }
 

@@ -13,18 +13,11 @@
 #include "vantrel/client/vantrelclientobjimp.h"
 #include "vantrel/client/vantrelini.h"
 
-using vantrel::test::cFrame;
 using vantrel::test::LogCapture;
-using vantrel::test::ScriptedService;
 using vantrel::test::ScopedEnv;
+using vantrel::test::ScriptedService;
 
 namespace {
-
-// The record a frame carries.
-cVantrelMessage Record(const cFrame& frame) {
-  return cVantrelMessage(frame.data.data(), static_cast<std::uint32_t>(frame.data.size()), frame.type,
-                         frame.subtype);
-}
 
 // Connects `client` as "tester" and takes the greeting off the record.
 void Register(cVantrelClientObject& client, ScriptedService& service, std::size_t connection = 0) {
@@ -33,6 +26,17 @@ void Register(cVantrelClientObject& client, ScriptedService& service, std::size_
   ASSERT_TRUE(greeting);
   ASSERT_EQ(greeting->type, 1029);
 }
+
+// A client registered with a scripted service that calls itself "lg01".
+class RegisteredClient : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_NO_FATAL_FAILURE(Register(client_, service_)); }
+
+  // Short, so that a send nobody acknowledges fails quickly.
+  ScopedEnv ackTimeout_{"VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT", "300"};
+  ScriptedService service_{{.hostName = "lg01"}};
+  cVantrelClientObject client_;
+};
 
 }  // namespace
 
@@ -77,12 +81,6 @@ TEST(ClientLibrary, GreetingRefusedOrUnansweredFailsInit) {
     ASSERT_EQ(init.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_FALSE(init.get());
   }
-  {
-    // Nothing listens on the port.
-    const unsigned short port = vantrel::test::FreePort();
-    cVantrelClientObject client;
-    EXPECT_FALSE(client.NETInitZ641("tester", port));
-  }
 }
 
 TEST(ClientLibrary, PortZeroTakesTheEnvironmentOrTheDefault) {
@@ -107,11 +105,7 @@ TEST(ClientLibrary, PortZeroTakesTheEnvironmentOrTheDefault) {
   EXPECT_TRUE(onDefault->WaitConnections(1));
 }
 
-TEST(ClientLibrary, EachSendPathUsesItsTypeCode) {
-  ScriptedService service({.hostName = "lg01"});
-  cVantrelClientObject client;
-  Register(client, service);
-
+TEST_F(RegisteredClient, EachSendPathUsesItsTypeCode) {
   struct {
     std::function<bool()> send;
     short type;
@@ -119,25 +113,25 @@ TEST(ClientLibrary, EachSendPathUsesItsTypeCode) {
     const char* toClient;
     unsigned messageId;
   } cases[] = {
-      {[&] { return client.NETSendMessageZ1("a", 2, "peer@lg01"); }, 1034, "lg01", "peer", 0},
-      {[&] { return client.NETSendMessageZ1("b", 2, "peer@LG01"); }, 2, "LG01", "peer", 0},  // case counts
-      {[&] { return client.NETSendMessageNoresponseZ1("c", 2, "peer@lg01"); }, 1035, "lg01", "peer", 0},
-      {[&] { return client.NETSendMessageNoresponseZ1("d", 2, "peer@lg02"); }, 3, "lg02", "peer", 0},
-      {[&] { return client.NETSendMessageNowaitZ1(77, "e", 2, "peer@lg01"); }, 1036, "lg01", "peer", 77},
-      {[&] { return client.NETSendMessageNowaitZ1(78, "f", 2, "peer@lg02~9011"); }, 4, "lg02~9011", "peer", 78},
-      {[&] { return client.NETCopyFileZ1(79, "g", 2, "lg01"); }, 5, "lg01", "NoClient", 79},
-      {[&] { return client.NETCopyFileZ1(80, "h", 2, "lg02"); }, 5, "lg02", "NoClient", 80},
+      {[&] { return client_.NETSendMessageZ1("a", 2, "peer@lg01"); }, 1034, "lg01", "peer", 0},
+      {[&] { return client_.NETSendMessageZ1("b", 2, "peer@LG01"); }, 2, "LG01", "peer", 0},  // case counts
+      {[&] { return client_.NETSendMessageNoresponseZ1("c", 2, "peer@lg01"); }, 1035, "lg01", "peer", 0},
+      {[&] { return client_.NETSendMessageNoresponseZ1("d", 2, "peer@lg02"); }, 3, "lg02", "peer", 0},
+      {[&] { return client_.NETSendMessageNowaitZ1(77, "e", 2, "peer@lg01"); }, 1036, "lg01", "peer", 77},
+      {[&] { return client_.NETSendMessageNowaitZ1(78, "f", 2, "peer@lg02~9011"); }, 4, "lg02~9011", "peer", 78},
+      {[&] { return client_.NETCopyFileZ1(79, "g", 2, "lg01"); }, 5, "lg01", "NoClient", 79},
+      {[&] { return client_.NETCopyFileZ1(80, "h", 2, "lg02"); }, 5, "lg02", "NoClient", 80},
   };
   char payload = 'a';
   for (auto& c : cases) {
     SCOPED_TRACE(std::string("payload ") + payload);
     EXPECT_TRUE(c.send());
-    EXPECT_EQ(client.NETGetLastStatus(), 0);
-    auto frame = service.NextFrame(0);
+    EXPECT_EQ(client_.NETGetLastStatus(), 0);
+    auto frame = service_.NextFrame(0);
     ASSERT_TRUE(frame);
     EXPECT_EQ(frame->type, c.type);
     EXPECT_EQ(frame->subtype, 0);
-    cVantrelMessage record = Record(*frame);
+    cVantrelMessage record = frame->record();
     ASSERT_TRUE(record.isValid());
     EXPECT_EQ(record.getType(), c.type);
     EXPECT_STREQ(record.getToHost(), c.toHost);
@@ -149,80 +143,67 @@ TEST(ClientLibrary, EachSendPathUsesItsTypeCode) {
     EXPECT_EQ(std::string(record.getData()), std::string(1, payload));
     ++payload;
   }
-  EXPECT_TRUE(client.NETSendMultiMessageZ1("x", 2, "a@b;c@d"));
+  EXPECT_TRUE(client_.NETSendMultiMessageZ1("x", 2, "a@b;c@d"));
 }
 
-TEST(ClientLibrary, BadAddressesSendNothing) {
-  ScriptedService service;
-  cVantrelClientObject client;
-  Register(client, service);
+TEST_F(RegisteredClient, BadAddressesSendNothing) {
   for (const char* address : {"@lg01", "peer", "peer@", ""}) {
     SCOPED_TRACE(address);
-    EXPECT_FALSE(client.NETSendMessageZ1("x", 2, address));
-    EXPECT_EQ(client.NETGetLastStatus(), 0);
-    EXPECT_FALSE(client.NETSendMessageNoresponseZ1("x", 2, address));
-    EXPECT_FALSE(client.NETSendMessageNowaitZ1(1, "x", 2, address));
+    EXPECT_FALSE(client_.NETSendMessageZ1("x", 2, address));
+    EXPECT_EQ(client_.NETGetLastStatus(), 0);
+    EXPECT_FALSE(client_.NETSendMessageNoresponseZ1("x", 2, address));
+    EXPECT_FALSE(client_.NETSendMessageNowaitZ1(1, "x", 2, address));
   }
-  EXPECT_FALSE(client.NETCopyFileZ1(1, "x", 2, ""));
+  EXPECT_FALSE(client_.NETCopyFileZ1(1, "x", 2, ""));
   // The first frame after the greeting is the one sent to a good address.
-  ASSERT_TRUE(client.NETSendMessageNoresponseZ1("ok", 3, "peer@lg09"));
-  auto frame = service.NextFrame(0);
+  ASSERT_TRUE(client_.NETSendMessageNoresponseZ1("ok", 3, "peer@lg09"));
+  auto frame = service_.NextFrame(0);
   ASSERT_TRUE(frame);
-  EXPECT_STREQ(Record(*frame).getData(), "ok");
+  EXPECT_STREQ(frame->record().getData(), "ok");
 }
 
-TEST(ClientLibrary, AcknowledgementDecidesTheResultOfASend) {
-  ScopedEnv timeout("VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT", "300");
-  ScriptedService service;
-  cVantrelClientObject client;
-  Register(client, service);
+TEST_F(RegisteredClient, AcknowledgementDecidesTheResultOfASend) {
+  service_.SetAck(ScriptedService::tAck::eDelivered);
+  EXPECT_TRUE(client_.NETSendMessageZ1("x", 2, "peer@lg09"));
+  EXPECT_EQ(client_.NETGetLastStatus(), 0);
 
-  service.SetAck(ScriptedService::tAck::eDelivered);
-  EXPECT_TRUE(client.NETSendMessageZ1("x", 2, "peer@lg09"));
-  EXPECT_EQ(client.NETGetLastStatus(), 0);
+  service_.SetAck(ScriptedService::tAck::eRefused);
+  EXPECT_FALSE(client_.NETSendMessageZ1("x", 2, "peer@lg09"));
+  EXPECT_EQ(client_.NETGetLastStatus(), 15008);
 
-  service.SetAck(ScriptedService::tAck::eRefused);
-  EXPECT_FALSE(client.NETSendMessageZ1("x", 2, "peer@lg09"));
-  EXPECT_EQ(client.NETGetLastStatus(), 15008);
-
-  service.SetAck(ScriptedService::tAck::eNone);
-  EXPECT_FALSE(client.NETSendMessageZ1("x", 2, "peer@lg09"));
-  EXPECT_EQ(client.NETGetLastStatus(), 0);
+  service_.SetAck(ScriptedService::tAck::eNone);
+  EXPECT_FALSE(client_.NETSendMessageZ1("x", 2, "peer@lg09"));
+  EXPECT_EQ(client_.NETGetLastStatus(), 0);
 
   // "Not delivered" arrives on the message channel, not as an acknowledgement.
-  service.SetAck(ScriptedService::tAck::eNotDelivered);
-  EXPECT_FALSE(client.NETSendMessageZ1("x", 2, "peer@lg09"));
-  EXPECT_EQ(client.NETGetLastStatus(), 0);
-  const cVantrelMessage* answer = client.NETWaitMessageX1();
+  service_.SetAck(ScriptedService::tAck::eNotDelivered);
+  EXPECT_FALSE(client_.NETSendMessageZ1("x", 2, "peer@lg09"));
+  EXPECT_EQ(client_.NETGetLastStatus(), 0);
+  const cVantrelMessage* answer = client_.NETWaitMessageX1();
   ASSERT_NE(answer, nullptr);
   EXPECT_EQ(answer->getType(), 103);
 
   // A stale acknowledgement left on the queue does not answer the next send.
-  service.SetAck(ScriptedService::tAck::eNone);
-  ASSERT_TRUE(service.SendRecord(0, 102, 1, ""));
-  ASSERT_TRUE(service.SendRecord(0, 1, 0, "marker"));  // arrives after the stale one
-  ASSERT_STREQ(client.NETWaitMessageX2(), "marker");
-  EXPECT_FALSE(client.NETSendMessageZ1("x", 2, "peer@lg09"));
+  service_.SetAck(ScriptedService::tAck::eNone);
+  ASSERT_TRUE(service_.SendRecord(0, 102, 1, ""));
+  ASSERT_TRUE(service_.SendRecord(0, 1, 0, "marker"));  // arrives after the stale one
+  ASSERT_STREQ(client_.NETWaitMessageX2(), "marker");
+  EXPECT_FALSE(client_.NETSendMessageZ1("x", 2, "peer@lg09"));
 }
 
-TEST(ClientLibrary, ReceivingByWaitAndFetch) {
-  ScriptedService service;
-  cVantrelClientObject client;
-  Register(client, service);
+TEST_F(RegisteredClient, ReceivingByWaitAndFetch) {
+  EXPECT_EQ(client_.NETFetchMessage(), nullptr);
+  EXPECT_EQ(client_.NETGetLastStatus(), 0);
 
-  EXPECT_EQ(client.NETFetchMessage(), nullptr);
-  EXPECT_EQ(client.NETGetLastStatus(), 0);
-
-  ASSERT_TRUE(service.SendRecord(0, 1034, 0, "first", 5));
-  ASSERT_TRUE(service.SendRecord(0, 1034, 0, "second"));
-  const cVantrelMessage* record = client.NETWaitMessageX1();
+  ASSERT_TRUE(service_.SendRecord(0, 1034, 0, "first", 5));
+  ASSERT_TRUE(service_.SendRecord(0, 1034, 0, "second"));
+  const cVantrelMessage* record = client_.NETWaitMessageX1();
   ASSERT_NE(record, nullptr);
   EXPECT_STREQ(record->getData(), "first");
   EXPECT_STREQ(record->getFromClient(), "sender");
   EXPECT_EQ(record->getMessageId(), 5u);
-  ASSERT_TRUE(vantrel::test::WaitUntil([&] { return client.NETFetchMessage() != nullptr; }));
-  // The fetched record is the current one until the next receive call.
-  EXPECT_EQ(client.NETGetLastStatus(), 0);
+  ASSERT_TRUE(vantrel::test::WaitUntil([&] { return client_.NETFetchMessage() != nullptr; }));
+  EXPECT_EQ(client_.NETFetchMessage(), nullptr);
 }
 
 // Records the channels the hook sees and keeps channel-2 messages itself.
@@ -284,41 +265,35 @@ TEST(ClientLibrary, TurningOffEndsWaitsAndDropsTraffic) {
   EXPECT_STREQ(toggled.NETWaitMessageX2(), "while on");
 }
 
-TEST(ClientLibrary, TerminateSaysFarewellAndInitReconnects) {
-  ScriptedService service;
-  cVantrelClientObject client;
-  Register(client, service, 0);
-  client.NETTerminate();
-  auto farewell = service.NextFrame(0);
+TEST_F(RegisteredClient, TerminateSaysFarewellAndInitReconnects) {
+  client_.NETTerminate();
+  auto farewell = service_.NextFrame(0);
   ASSERT_TRUE(farewell);
   EXPECT_EQ(farewell->type, 1033);
   EXPECT_EQ(farewell->data, std::string(1, '\0'));
-  EXPECT_TRUE(service.WaitPeerClosed(0));
-  EXPECT_EQ(client.NETWaitMessageX1(), nullptr);
-  EXPECT_EQ(client.NETGetLastStatus(), 15005);
+  EXPECT_TRUE(service_.WaitPeerClosed(0));
+  EXPECT_EQ(client_.NETWaitMessageX1(), nullptr);
+  EXPECT_EQ(client_.NETGetLastStatus(), 15005);
 
-  Register(client, service, 1);
+  Register(client_, service_, 1);
   // A second init ends the first session with its farewell.
-  ASSERT_TRUE(client.NETInitZ641("tester", service.Port()));
-  auto second = service.NextFrame(1);
+  ASSERT_TRUE(client_.NETInitZ641("tester", service_.Port()));
+  auto second = service_.NextFrame(1);
   ASSERT_TRUE(second);
   EXPECT_EQ(second->type, 1033);
-  EXPECT_TRUE(service.WaitPeerClosed(1));
-  ASSERT_TRUE(service.WaitConnections(3));
-  EXPECT_TRUE(client.NETSendMessageNoresponseZ1("again", 6, "peer@x"));
+  EXPECT_TRUE(service_.WaitPeerClosed(1));
+  ASSERT_TRUE(service_.WaitConnections(3));
+  EXPECT_TRUE(client_.NETSendMessageNoresponseZ1("again", 6, "peer@x"));
 }
 
-TEST(ClientLibrary, ServiceClosingEndsTheSession) {
-  ScriptedService service;
-  cVantrelClientObject client;
-  Register(client, service);
-  auto wait = std::async(std::launch::async, [&] { return client.NETWaitMessageX2(); });
-  service.Close(0);
+TEST_F(RegisteredClient, ServiceClosingEndsTheSession) {
+  auto wait = std::async(std::launch::async, [&] { return client_.NETWaitMessageX2(); });
+  service_.Close(0);
   ASSERT_EQ(wait.wait_for(std::chrono::seconds(10)), std::future_status::ready);
   EXPECT_EQ(wait.get(), nullptr);
-  EXPECT_FALSE(client.NETSendMessageNoresponseZ1("x", 2, "peer@x"));
-  EXPECT_EQ(client.NETGetLastStatus(), 15005);
-  EXPECT_STREQ(client.NETWhoAmI(), "");
+  EXPECT_FALSE(client_.NETSendMessageNoresponseZ1("x", 2, "peer@x"));
+  EXPECT_EQ(client_.NETGetLastStatus(), 15005);
+  EXPECT_STREQ(client_.NETWhoAmI(), "");
 }
 
 TEST(ClientLibrary, NeverInitialisedObjectGivesNeutralResults) {

@@ -4,7 +4,6 @@
 
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/support/testutil.h"
@@ -138,17 +137,6 @@ TEST(VantrelIni, SmallMaxMessageSizeIsRaisedWithALogLine) {
   EXPECT_EQ(log.count("MaxMessageSize"), 1u);
 }
 
-TEST(VantrelIni, BuiltInDefaultsSetTheRequiredKeys) {
-  testing::internal::CaptureStdout();
-  const cVantrelIni ini(nEnvSettings::gBuiltInDefaultsTable());
-  testing::internal::GetCapturedStdout();
-  EXPECT_EQ(ini.SocketCommunicationTimeout(), Ms(10000));
-  EXPECT_TRUE(ini.NetIsActiveImplemented());
-  EXPECT_EQ(ini.CertificatesPath(), "/etc/vantrel/certs");
-  EXPECT_EQ(nVantrelIni::gReadIntRequired(ini.Table(), "LatencyClockUpdate"), 0);
-  EXPECT_EQ(nVantrelIni::gReadIntRequired(ini.Table(), "LatencyClockUpdateCooldown"), 600000);
-}
-
 TEST(SimulatedLatency, ListsStopAtMinusOneOrAtTheFirstBadValue) {
   using nVantrelIni::gParseSimulatedLatency;
   EXPECT_TRUE(gParseSimulatedLatency("-1 40", "list").empty());
@@ -180,18 +168,6 @@ TEST(SocketOptionsBuilder, SixArgumentsInOrderAndNoneForAnEmptyList) {
   const cSimulatedLatencyNetContainer_debug net(*b.ini);
   EXPECT_EQ(nVantrelIni::gLatencyListArgument(net.List()), &net.List());
   EXPECT_EQ(AsMs(b.ini->BuildSocketOptions(net.List()).simulatedLatency), (std::vector<std::int64_t>{9, 8}));
-}
-
-TEST(VantrelIniInstance, ConcurrentFirstUseBuildsOneInstance) {
-  testing::internal::CaptureStdout();
-  std::vector<const char*> seen(4, nullptr);
-  std::vector<std::thread> threads;
-  for (std::size_t i = 0; i < seen.size(); ++i)
-    threads.emplace_back([i, &seen] { seen[i] = gVantrelAddressPortDelimiter(); });
-  for (auto& t : threads) t.join();
-  testing::internal::GetCapturedStdout();
-  for (const char* p : seen) EXPECT_EQ(p, cVantrelIni::Instance().AddressPortDelimiter().c_str());
-  EXPECT_EQ(gSocketOptionsNet().maxMessageSize, cVantrelIni::Instance().MaxMessageSize());
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #include "vantrel/supervision/runvantrel.h"
 
-#include <gtest/gtest.h>
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -81,10 +81,12 @@ int Check(const std::vector<RQPProcessEntry>& entries, const char* direct, char*
   return nSupervision::gCheckVantrelProcesses(entries, getpid(), direct, message);
 }
 
-TEST(VantrelProcessCheck, FindsARunningServiceProcessByNamePrefix) {
+TEST(VantrelProcessCheck, FoundByNamePrefixExceptTheCallerOtherNamesAndZombies) {
   TempDir dir;
   FakeService fake(dir, "vantrel-fake");
-  ASSERT_TRUE(fake.started());
+  FakeService upper(dir, "VANTREL2");
+  FakeService other(dir, "servicevantrel");
+  ASSERT_TRUE(fake.started() && upper.started() && other.started());
   {
     ScopedEnv direct("DIRECT_SNAREWAY_EXECUTION", nullptr);
     char message[kVantrelProcessMessageSize] = "untouched";
@@ -96,20 +98,10 @@ TEST(VantrelProcessCheck, FindsARunningServiceProcessByNamePrefix) {
     EXPECT_EQ(IsVantrelProcessRunning(nullptr), 0);
   }
 
-  // Prefix without regard to case.
-  FakeService upper(dir, "VANTREL2");
-  ASSERT_TRUE(upper.started());
-  EXPECT_EQ(Check({Self(), upper.entry()}, nullptr, nullptr), 0);
-}
-
-TEST(VantrelProcessCheck, NotFoundSkipsTheCallerAndOtherNames) {
-  TempDir dir;
-  FakeService other(dir, "servicevantrel");
-  ASSERT_TRUE(other.started());
   // The test program's own name begins with "vantrel" too: it must not count.
   const RQPProcessEntry self = Self();
   ASSERT_TRUE(nSupervision::gIsVantrelImage(self));
-
+  EXPECT_EQ(Check({self, upper.entry()}, nullptr, nullptr), 0) << "the prefix ignores case";
   char message[kVantrelProcessMessageSize] = "";
   EXPECT_EQ(Check({self, other.entry()}, "yes", message), 3);
   EXPECT_STREQ(message, "The Vantrel process was not found.");
@@ -122,54 +114,47 @@ TEST(VantrelProcessCheck, NotFoundSkipsTheCallerAndOtherNames) {
   EXPECT_EQ(Check({self, zombie}, nullptr, nullptr), 3);
 }
 
-TEST(VantrelProcessCheck, AnotherUsersServiceCountsOnlyWhenDirectExecutionSaysSo) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root to start a process as user nobody";
+TEST(VantrelProcessCheck, AnotherUserElevationOrSessionIsReported) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to start processes as user nobody";
   TempDir dir;
   chmod(dir.path().c_str(), 0755);
   FakeService foreign(dir, "vantrel-nobody", std::make_pair(kNobody, kNobody));
-  ASSERT_TRUE(foreign.started());
-  ASSERT_EQ(foreign.entry().realUid, kNobody);
-  const std::vector<RQPProcessEntry> entries{Self(), foreign.entry()};
-
-  EXPECT_EQ(Check(entries, nullptr, nullptr), 0);
-  EXPECT_EQ(Check(entries, "", nullptr), 0);
-  EXPECT_EQ(Check(entries, "YES", nullptr), 0);
-
-  char message[kVantrelProcessMessageSize] = "untouched";
-  EXPECT_EQ(Check(entries, "yes", nullptr), 2);
-  EXPECT_EQ(Check(entries, "yes", message), 2);
-  const std::string expected = "The Vantrel process is running as different user \"" + RQPGetLocalHostName() +
-                               "\\nobody\".\r\nPlease close Brenmark Recorder, exit Vantrel and restart Brenmark "
-                               "Recorder to continue working.";
-  EXPECT_EQ(std::string(message), expected);
-}
-
-TEST(VantrelProcessCheck, SameUserAtAnotherElevationOrInAnotherSession) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root to drop the effective user id";
-  TempDir dir;
-  chmod(dir.path().c_str(), 0755);
   // Real user root, effective user nobody: the same user, not elevated.
   FakeService lowered(dir, "vantrel-lowered", std::make_pair(0u, kNobody));
-  ASSERT_TRUE(lowered.started());
+  FakeService same(dir, "vantrel-same");
+  ASSERT_TRUE(foreign.started() && lowered.started() && same.started());
+  ASSERT_EQ(foreign.entry().realUid, kNobody);
   ASSERT_EQ(lowered.entry().realUid, 0u);
   ASSERT_EQ(lowered.entry().effectiveUid, kNobody);
-
-  char message[kVantrelProcessMessageSize] = "";
-  EXPECT_EQ(Check({Self(), lowered.entry()}, "no", message), 2);
-  EXPECT_EQ(std::string(message),
-            "The Vantrel process is running  with different elevation level.\r\nPlease close Brenmark Recorder, exit "
-            "Vantrel and restart Brenmark Recorder to continue working.");
-
-  // Same user and elevation but another session: reported as a different user.
-  FakeService same(dir, "vantrel-same");
-  ASSERT_TRUE(same.started());
-  EXPECT_EQ(Check({Self(), same.entry()}, "no", nullptr), 0);
   RQPProcessEntry elsewhere = same.entry();
   elsewhere.sessionId = Self().sessionId + 1;
-  EXPECT_EQ(Check({Self(), elsewhere}, "no", nullptr), 2);
-  EXPECT_EQ(Check({Self(), elsewhere}, "no", message), 2);
-  EXPECT_NE(std::string(message).find("different user \"" + RQPGetLocalHostName() + "\\root\""), std::string::npos)
-      << message;
+
+  const std::string user = "The Vantrel process is running as different user \"" + RQPGetLocalHostName();
+  const std::string advice =
+      ".\r\nPlease close Brenmark Recorder, exit Vantrel and restart Brenmark Recorder to continue working.";
+  const struct {
+    const char* name;
+    RQPProcessEntry entry;
+    const char* direct;
+    int result;
+    std::string message;
+  } rows[] = {
+      // Another user's service is only in the way when direct execution is exactly "yes".
+      {"other user, direct unset", foreign.entry(), nullptr, 0, ""},
+      {"other user, direct empty", foreign.entry(), "", 0, ""},
+      {"other user, direct YES", foreign.entry(), "YES", 0, ""},
+      {"other user, direct yes", foreign.entry(), "yes", 2, user + "\\nobody\"" + advice},
+      {"lower elevation", lowered.entry(), "no", 2,
+       "The Vantrel process is running  with different elevation level" + advice},
+      {"same user and session", same.entry(), "no", 0, ""},
+      {"same user, other session", elsewhere, "no", 2, user + "\\root\"" + advice},
+  };
+  for (const auto& row : rows) {
+    char message[kVantrelProcessMessageSize] = "";
+    EXPECT_EQ(Check({Self(), row.entry}, row.direct, nullptr), row.result) << row.name;
+    EXPECT_EQ(Check({Self(), row.entry}, row.direct, message), row.result) << row.name;
+    EXPECT_EQ(message, row.message) << row.name;
+  }
 }
 
 // A stand-in for systemctl, put first in PATH. It answers from files in its
@@ -177,10 +162,9 @@ TEST(VantrelProcessCheck, SameUserAtAnotherElevationOrInAnotherSession) {
 // recorded in "started".
 class FakeSystemd {
  public:
-  explicit FakeSystemd(const std::string& extra = "")
-      : path_(("PATH"), (dir_.path() + ":" + std::string(getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin")).c_str()) {
+  FakeSystemd() : path_("PATH", dir_.path() + ":" + (getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin")) {
     WriteScript(dir_, "systemctl",
-                extra + "D=" + dir_.path() + "\n"
+                "D=$(dirname \"$0\")\n"
                 "case \"$1\" in\n"
                 "show) [ -f \"$D/loaded\" ] && state=loaded || state=not-found\n"
                 "      printf 'Id=vantrel.service\\nDescription=Vantrel message bus\\nLoadState=%s\\n' $state ;;\n"

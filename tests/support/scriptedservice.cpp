@@ -3,8 +3,6 @@
 #include <cstring>
 #include <deque>
 
-#include "vantrel/message/packmsg.h"
-
 namespace vantrel::test {
 
 namespace {
@@ -18,7 +16,6 @@ struct ScriptedService::cConnection {
   StreamSocket socket;
   std::thread reader;
   std::deque<cFrame> unread;
-  std::size_t received = 0;
   bool peerClosed = false;
   std::string clientName;
 };
@@ -71,7 +68,6 @@ void ScriptedService::ReadLoop(cConnection* connection) {
     Answer(connection, frame);
     std::lock_guard<std::mutex> lock(mutex_);
     connection->unread.push_back(std::move(frame));
-    ++connection->received;
     changed_.notify_all();
   }
   std::lock_guard<std::mutex> lock(mutex_);
@@ -83,12 +79,14 @@ void ScriptedService::Answer(cConnection* connection, const cFrame& frame) {
   if (frame.type == 1029 && frame.data.size() == kGreetingSize) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      connection->clientName = std::string(frame.data.c_str() + kNameOffset, strnlen(frame.data.c_str() + kNameOffset, 128));
+      connection->clientName =
+          std::string(frame.data.c_str() + kNameOffset, strnlen(frame.data.c_str() + kNameOffset, 128));
     }
     if (!options_.replyToGreeting) return;
     std::string reply = frame.data;
     std::memset(reply.data() + kHostOffset, 0, 128);
-    std::memcpy(reply.data() + kHostOffset, options_.hostName.data(), std::min<std::size_t>(options_.hostName.size(), 128));
+    std::memcpy(reply.data() + kHostOffset, options_.hostName.data(),
+                std::min<std::size_t>(options_.hostName.size(), 128));
     std::memcpy(reply.data(), &options_.netPort, sizeof(options_.netPort));
     const short type = options_.greetingReplyType < 0 ? frame.type : options_.greetingReplyType;
     connection->socket.SendTypedMessageZ2(type, 1, reply.data(), static_cast<unsigned>(reply.size()));
@@ -105,8 +103,8 @@ void ScriptedService::Answer(cConnection* connection, const cFrame& frame) {
   if (ack == tAck::eNone) return;
   const short type = ack == tAck::eDelivered ? 102 : ack == tAck::eRefused ? 101 : 103;
   const short subtype = ack == tAck::eNotDelivered ? 0 : 1;
-  const cVantrelMessage answer(0, options_.hostName.c_str(), clientName.c_str(),
-                               options_.hostName.c_str(), "", QTYPE_SYNC, type, subtype, "", 1);
+  const cVantrelMessage answer(0, options_.hostName.c_str(), clientName.c_str(), options_.hostName.c_str(), "",
+                               QTYPE_SYNC, type, subtype, "", 1);
   connection->socket.SendTypedMessageZ2(type, subtype, answer.getPackedBuf(), answer.getPackedBufLen());
 }
 
@@ -130,17 +128,6 @@ std::optional<cFrame> ScriptedService::NextFrame(std::size_t index, std::chrono:
   return frame;
 }
 
-std::size_t ScriptedService::FrameCount(std::size_t index) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return index < connections_.size() ? connections_[index]->received : 0;
-}
-
-bool ScriptedService::Send(std::size_t index, short type, short subtype, const std::string& data) {
-  cConnection* connection = Get(index);
-  return connection != nullptr &&
-         connection->socket.SendTypedMessageZ2(type, subtype, data.data(), static_cast<unsigned>(data.size()));
-}
-
 bool ScriptedService::SendRecord(std::size_t index, short type, short subtype, const std::string& payload,
                                  std::uint32_t messageId) {
   cConnection* connection = Get(index);
@@ -150,8 +137,8 @@ bool ScriptedService::SendRecord(std::size_t index, short type, short subtype, c
     std::lock_guard<std::mutex> lock(mutex_);
     clientName = connection->clientName;
   }
-  const cVantrelMessage record(messageId, options_.hostName.c_str(), clientName.c_str(), "elsewhere",
-                               "sender", QTYPE_SYNC, type, subtype, payload.c_str(),
+  const cVantrelMessage record(messageId, options_.hostName.c_str(), clientName.c_str(), "elsewhere", "sender",
+                               QTYPE_SYNC, type, subtype, payload.c_str(),
                                static_cast<std::uint32_t>(payload.size() + 1));
   return connection->socket.SendTypedMessageZ2(type, subtype, record.getPackedBuf(), record.getPackedBufLen());
 }

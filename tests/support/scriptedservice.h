@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "vantrel/base/socket/streamsocket.h"
+#include "vantrel/message/packmsg.h"
 
 namespace vantrel::test {
 
@@ -25,6 +26,10 @@ struct cFrame {
   short type = 0;
   short subtype = 0;
   std::string data;
+  // The packed record this frame carries (invalid when it carries none).
+  cVantrelMessage record() const {
+    return cVantrelMessage(data.data(), static_cast<std::uint32_t>(data.size()), type, subtype);
+  }
 };
 
 class ScriptedService {
@@ -56,21 +61,14 @@ class ScriptedService {
   unsigned short Port() const { return port_; }
   void SetAck(tAck ack);
 
-  // Waits until `count` clients have connected.
   bool WaitConnections(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10));
   // The next frame that connection `index` received (in order), or nothing
   // when none arrives within `timeout`.
   std::optional<cFrame> NextFrame(std::size_t index, std::chrono::milliseconds timeout = std::chrono::seconds(10));
-  // Number of frames connection `index` received so far (taken or not).
-  std::size_t FrameCount(std::size_t index);
-  // Sends one frame to client `index`.
-  bool Send(std::size_t index, short type, short subtype, const std::string& data);
   // Sends a message record (type `type`) on `subtype`, as the service delivers one.
   bool SendRecord(std::size_t index, short type, short subtype, const std::string& payload,
                   std::uint32_t messageId = 0);
-  // Closes connection `index` from the service's side.
   void Close(std::size_t index);
-  // Waits until client `index` has closed its end.
   bool WaitPeerClosed(std::size_t index, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
  private:
