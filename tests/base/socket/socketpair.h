@@ -16,11 +16,8 @@
 
 namespace vantrel::test {
 
-using nCommunication::nSocket::nImplementation_sho::cFrameHeader;
-using nCommunication::nSocket::nImplementation_sho::cSocketOptions;
-using nCommunication::nSocket::nImplementation_sho::iLatencyConfiguration;
-using nCommunication::nSocket::nImplementation_sho::kFrameHeaderSize;
-using nCommunication::nSocket::nImplementation_sho::kFrameMarker;
+namespace sockets = nCommunication::nSocket::nImplementation_sho;
+using sockets::cSocketOptions;
 
 inline cSocketOptions TestOptions(int communicationMs = 2000) {
   cSocketOptions options;
@@ -35,18 +32,18 @@ inline std::int64_t NowUs() { return nTime::cPoint::Now().EpochMicroseconds(); }
 // length are free so that tests can send headers no sender would.
 inline std::string WireHeader(std::uint32_t marker, std::uint32_t length, short type = 2,
                               std::int64_t sendTimeUs = NowUs()) {
-  cFrameHeader h;
+  sockets::cFrameHeader h;
   h.words = {marker, length};
   h.type = type;
   h.subtype = 1;
   h.sendTimeMicroseconds = sendTimeUs;
-  unsigned char raw[kFrameHeaderSize];
-  nCommunication::nSocket::nImplementation_sho::gEncodeFrameHeader(h, raw);
-  return std::string(reinterpret_cast<char*>(raw), kFrameHeaderSize);
+  unsigned char raw[sockets::kFrameHeaderSize];
+  sockets::gEncodeFrameHeader(h, raw);
+  return std::string(reinterpret_cast<char*>(raw), sizeof raw);
 }
 
 inline std::string Wire(short type, const std::string& payload, std::int64_t sendTimeUs = NowUs()) {
-  return WireHeader(kFrameMarker, static_cast<std::uint32_t>(payload.size()), type, sendTimeUs) + payload;
+  return WireHeader(sockets::kFrameMarker, static_cast<std::uint32_t>(payload.size()), type, sendTimeUs) + payload;
 }
 
 // A bare TCP connection to a loopback port.
@@ -115,7 +112,7 @@ struct Frame {
   std::string payload;
 };
 
-inline Frame Read(StreamSocket& socket, iLatencyConfiguration* latency = nullptr) {
+inline Frame Read(StreamSocket& socket, sockets::iLatencyConfiguration* latency = nullptr) {
   Frame f;
   char* data = nullptr;
   unsigned length = 0;
