@@ -16,14 +16,7 @@
 
 using namespace nCommunication::nSocket::nImplementation_sho;
 using namespace std::chrono_literals;
-using vantrel::test::Frame;
-using vantrel::test::LogCapture;
-using vantrel::test::NowUs;
-using vantrel::test::Read;
-using vantrel::test::SocketPair;
-using vantrel::test::TestOptions;
-using vantrel::test::Wire;
-using vantrel::test::WireHeader;
+using namespace vantrel::test;
 using SteadyClock = std::chrono::steady_clock;
 
 namespace {
@@ -329,7 +322,7 @@ TEST(StreamSocketTest, ListenerPortsConnectFailuresAndHostLookup) {
 
   // Nobody listening: one attempt without reactivation, retries for as long as
   // the reactivation time-out says otherwise.
-  const unsigned short closedPort = vantrel::test::FreePort();
+  const unsigned short closedPort = FreePort();
   StreamSocket once(false, "once");
   EXPECT_FALSE(once.ConnectLocal(closedPort, TestOptions()));
   cSocketOptions retrying = TestOptions();

@@ -10,11 +10,7 @@
 
 using namespace nCommunication::nSocket::nImplementation_sho;
 using namespace std::chrono_literals;
-using vantrel::test::LogCapture;
-using vantrel::test::Read;
-using vantrel::test::TempDir;
-using vantrel::test::TestAuthority;
-using vantrel::test::TestOptions;
+using namespace vantrel::test;
 
 namespace {
 
@@ -121,7 +117,7 @@ TEST_F(TlsFixture, PlainOrSilentPeerFailsItsHandshakeWithoutBlockingOthers) {
 
   // A silent plain-text peer: its handshake runs on its own thread, so the
   // listener accepts and completes a real TLS client meanwhile.
-  vantrel::test::RawPeer silent(listener_->LocalPort());
+  RawPeer silent(listener_->LocalPort());
   std::unique_ptr<StreamSocket> silentAccepted;
   const auto start = std::chrono::steady_clock::now();
   auto silentHandshake = AcceptOne(silentAccepted);
