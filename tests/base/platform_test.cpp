@@ -1,5 +1,5 @@
-// Threads, manual events and the event queue: the hand-over points between
-// every thread of the system.
+// Threads and the event queue: the hand-over points between every thread of
+// the system.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -33,43 +33,23 @@ int ValueOf(RWCollectable* c) {
   return v;
 }
 
-}  // namespace
+constexpr int kWaiters = 5;
 
-TEST(ManualEvent, TimeOutsAndStates) {
-  RQPManualEvent ev;
-  EXPECT_FALSE(ev.Get());
-  EXPECT_EQ(ev.Wait(0), 0);
-  EXPECT_EQ(ev.Wait(-5), 0);
-  const auto t0 = std::chrono::steady_clock::now();
-  EXPECT_EQ(ev.Wait(30), 0);
-  EXPECT_GE(std::chrono::steady_clock::now() - t0, 30ms);
-
-  EXPECT_TRUE(ev.Set());
-  EXPECT_TRUE(ev.Set());
-  EXPECT_EQ(ev.Wait(0), 1);
-  EXPECT_EQ(ev.Wait(-1), 1);
-  EXPECT_EQ(ev.Wait(), 1);
-  EXPECT_TRUE(ev.Reset());
-  EXPECT_FALSE(ev.Get());
-  EXPECT_EQ(ev.Wait(0), 0);
-}
-
-TEST(ManualEvent, OneSetReleasesEveryWaiter) {
-  RQPManualEvent ev;
-  std::atomic<int> released{0};
+// Starts waiters on `q`, calls `wake` and counts the waiters whose wait ended with `expected`.
+int WaitersEndingWith(RQPEventQueue& q, htWaitReturnType expected, long limitMs, void (RQPEventQueue::*wake)()) {
+  std::atomic<int> count{0};
   std::vector<std::thread> waiters;
-  for (int i = 0; i < 8; ++i) waiters.emplace_back([&] {
-      ev.Wait();
-      ++released;
+  for (int i = 0; i < kWaiters; ++i)
+    waiters.emplace_back([&] {
+      RWCollectable* ev = nullptr;
+      if (q.waitEvent(ev, limitMs) == expected) ++count;
     });
-  for (int i = 0; i < 4; ++i) waiters.emplace_back([&] {
-      if (ev.Wait(60000)) ++released;
-    });
-  EXPECT_EQ(released.load(), 0);
-  ev.Set();
+  (q.*wake)();
   for (auto& t : waiters) t.join();
-  EXPECT_EQ(released.load(), 12);
+  return count.load();
 }
+
+}  // namespace
 
 TEST(EventQueue, FifoGetAndTimeout) {
   RQPEventQueue q;
@@ -91,15 +71,7 @@ TEST(EventQueue, FifoGetAndTimeout) {
 
 TEST(EventQueue, ReleaseWakesEveryWaiterAndStaysUntilInit) {
   RQPEventQueue q;
-  std::atomic<int> woken{0};
-  std::vector<std::thread> waiters;
-  for (int i = 0; i < 5; ++i) waiters.emplace_back([&] {
-      RWCollectable* ev = nullptr;
-      if (q.waitEvent(ev, -1) == htReleased) ++woken;
-    });
-  q.releaseZ72();
-  for (auto& t : waiters) t.join();
-  EXPECT_EQ(woken.load(), 5);
+  EXPECT_EQ(WaitersEndingWith(q, htReleased, -1, &RQPEventQueue::releaseZ72), kWaiters);
 
   // Released: a later wait does not block, queued events are still handed out.
   EXPECT_EQ(q.waitEvent(), nullptr);
@@ -115,15 +87,7 @@ TEST(EventQueue, TerminateWakesWaitersAndRefusesEvents) {
   std::atomic<int> deleted{0};
   {
     RQPEventQueue q;
-    std::atomic<int> terminated{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 5; ++i) waiters.emplace_back([&] {
-        RWCollectable* ev = nullptr;
-        if (q.waitEvent(ev, 60000) == htTerminated) ++terminated;
-      });
-    q.TerminateZ72();
-    for (auto& t : waiters) t.join();
-    EXPECT_EQ(terminated.load(), 5);
+    EXPECT_EQ(WaitersEndingWith(q, htTerminated, 60000, &RQPEventQueue::TerminateZ72), kWaiters);
     EXPECT_FALSE(q.putEvent(new Item(2, &deleted)));
     EXPECT_EQ(deleted.load(), 1);
 
@@ -166,13 +130,9 @@ TEST(Thread, RunsOnceJoinsAndNamesItself) {
   cThread t;
   EXPECT_TRUE(t.Join());  // never started: returns at once
   std::string seenName;
-  std::atomic<bool> ran{false};
-  t.Start([&] {
-    seenName = cThread::CurrentName();
-    ran = true;
-  }, "VTTest", "ThreadTest:Body");
+  const auto body = [&] { seenName = cThread::CurrentName(); };
+  t.Start(body, "VTTest", "ThreadTest:Body");
   EXPECT_TRUE(t.Join());
-  EXPECT_TRUE(ran.load());
   EXPECT_EQ(seenName, "VTTest");
   EXPECT_TRUE(t.Finished());
   try {
@@ -182,10 +142,9 @@ TEST(Thread, RunsOnceJoinsAndNamesItself) {
     EXPECT_STREQ(e.what(), "this object doesn't support thread re-start.");
   }
   t.Reset();
-  ran = false;
-  t.Start([&] { ran = true; }, "VTTest2", "ThreadTest:Again");
-  t.Join();
-  EXPECT_TRUE(ran.load());
+  t.Start(body, "VTTest2", "ThreadTest:Again");
+  EXPECT_TRUE(t.Join());
+  EXPECT_EQ(seenName, "VTTest2");
 }
 
 TEST(Thread, JoinOnItselfReturnsAndExceptionsAreCaught) {
@@ -201,7 +160,7 @@ TEST(Thread, JoinOnItselfReturnsAndExceptionsAreCaught) {
   EXPECT_TRUE(log.contains("Exception: boom in body"));
 }
 
-TEST(Thread, TinyStackIsRaisedAndJoinForBounds) {
+TEST(Thread, TinyStackIsRaisedAndEveryJoinerReturns) {
   vantrel::test::LogCapture log;
   RQPManualEvent release;
   cThread t;
@@ -209,20 +168,12 @@ TEST(Thread, TinyStackIsRaisedAndJoinForBounds) {
           nParallel::nImplementation_sho::cThreadAttributes(1));
   EXPECT_TRUE(log.contains("raised"));
   EXPECT_FALSE(t.JoinFor(nTime::cDiff::FromMilliseconds(20)));
-  release.Set();
-  EXPECT_TRUE(t.JoinFor(nTime::cDiff::FromSeconds(10)));
-  EXPECT_TRUE(t.Finished());
-}
-
-TEST(Thread, ConcurrentJoinersBothReturn) {
-  RQPManualEvent release;
-  cThread t;
-  t.Start([&] { release.Wait(); }, "VTJoin", "ThreadTest:Join");
   std::atomic<int> joined{0};
   std::thread a([&] { joined += t.Join(); });
-  std::thread b([&] { joined += t.Join(); });
+  std::thread b([&] { joined += t.JoinFor(nTime::cDiff::FromSeconds(10)); });
   release.Set();
   a.join();
   b.join();
   EXPECT_EQ(joined.load(), 2);
+  EXPECT_TRUE(t.Finished());
 }

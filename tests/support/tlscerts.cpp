@@ -57,9 +57,11 @@ Cert NewCertificate(const std::string& commonName, EVP_PKEY* key) {
   return cert;
 }
 
-std::string Pem(X509* cert) {
+// The PEM text that `write` puts into a memory buffer.
+template <typename Write>
+std::string PemText(Write write) {
   BIO* bio = BIO_new(BIO_s_mem());
-  PEM_write_bio_X509(bio, cert);
+  Check(bio != nullptr && write(bio) == 1, "writing PEM text");
   char* data = nullptr;
   const long size = BIO_get_mem_data(bio, &data);
   std::string text(data, static_cast<std::size_t>(size));
@@ -67,14 +69,12 @@ std::string Pem(X509* cert) {
   return text;
 }
 
+std::string Pem(X509* cert) {
+  return PemText([cert](BIO* bio) { return PEM_write_bio_X509(bio, cert); });
+}
+
 std::string Pem(EVP_PKEY* key) {
-  BIO* bio = BIO_new(BIO_s_mem());
-  PEM_write_bio_PrivateKey(bio, key, nullptr, nullptr, 0, nullptr, nullptr);
-  char* data = nullptr;
-  const long size = BIO_get_mem_data(bio, &data);
-  std::string text(data, static_cast<std::size_t>(size));
-  BIO_free(bio);
-  return text;
+  return PemText([key](BIO* bio) { return PEM_write_bio_PrivateKey(bio, key, nullptr, nullptr, 0, nullptr, nullptr); });
 }
 
 void WriteText(const std::string& path, const std::string& text) {
@@ -102,8 +102,6 @@ TestAuthority::TestAuthority(const std::string& commonName) : impl_(std::make_un
 
 TestAuthority::~TestAuthority() = default;
 
-std::string TestAuthority::CertificatePem() const { return Pem(impl_->cert.get()); }
-
 void TestAuthority::WriteHostFolder(const std::string& folder, const std::vector<std::string>& dnsNames,
                                     const std::vector<std::string>& ipAddresses, const TestAuthority* trusted) const {
   Key key = NewKey();
@@ -124,7 +122,7 @@ void TestAuthority::WriteHostFolder(const std::string& folder, const std::vector
   std::filesystem::create_directories(folder);
   WriteText(folder + "/vantrel.crt", Pem(cert.get()));
   WriteText(folder + "/vantrel.key", Pem(key.get()));
-  WriteText(folder + "/ca.crt", (trusted ? trusted : this)->CertificatePem());
+  WriteText(folder + "/ca.crt", Pem((trusted ? trusted : this)->impl_->cert.get()));
 }
 
 }  // namespace vantrel::test

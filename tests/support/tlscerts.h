@@ -24,8 +24,6 @@ class TestAuthority {
   void WriteHostFolder(const std::string& folder, const std::vector<std::string>& dnsNames,
                        const std::vector<std::string>& ipAddresses, const TestAuthority* trusted = nullptr) const;
 
-  std::string CertificatePem() const;
-
  private:
   struct Impl;
   std::unique_ptr<Impl> impl_;

@@ -1,8 +1,4 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -14,10 +10,7 @@
 
 using namespace nCommunication::nSocket::nImplementation_sho;
 using namespace std::chrono_literals;
-using vantrel::test::LogCapture;
-using vantrel::test::TempDir;
-using vantrel::test::TestAuthority;
-using vantrel::test::TestOptions;
+using namespace vantrel::test;
 
 namespace {
 
@@ -25,15 +18,6 @@ namespace {
 // a thread of their own, as the service's connections do.
 class TlsFixture : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    authority_ = new TestAuthority("Vantrel Test CA");
-    stranger_ = new TestAuthority("Untrusted CA");
-  }
-  static void TearDownTestSuite() {
-    delete authority_;
-    delete stranger_;
-  }
-
   void StartListener(const std::string& folder, bool verifyClient, int communicationMs = 2000) {
     options_ = TestOptions(communicationMs);
     listener_ = std::make_unique<StreamSocket>(true, "tls-listener");
@@ -67,83 +51,73 @@ class TlsFixture : public ::testing::Test {
     return {clientOk, serverOk};
   }
 
-  static TestAuthority* authority_;
-  static TestAuthority* stranger_;
+  TestAuthority authority_{"Vantrel Test CA"};
+  TestAuthority stranger_{"Untrusted CA"};
   TempDir dir_;
   cSocketOptions options_;
   std::unique_ptr<StreamSocket> listener_, client_, accepted_;
 };
-TestAuthority* TlsFixture::authority_ = nullptr;
-TestAuthority* TlsFixture::stranger_ = nullptr;
 
 }  // namespace
 
 TEST_F(TlsFixture, MatchingCertificatesCarryFramesBothWays) {
-  authority_->WriteHostFolder(dir_.file("server"), {"localhost"}, {"127.0.0.1"});
-  authority_->WriteHostFolder(dir_.file("client"), {"client.test"}, {});
+  authority_.WriteHostFolder(dir_.file("server"), {"localhost"}, {"127.0.0.1"});
+  authority_.WriteHostFolder(dir_.file("client"), {"client.test"}, {});
   StartListener(dir_.file("server"), /*verifyClient=*/true);
   for (const char* host : {"127.0.0.1", "localhost"}) {
     const auto [clientOk, serverOk] = Dial(dir_.file("client"), host, true);
     ASSERT_TRUE(clientOk) << host;
     ASSERT_TRUE(serverOk) << host;
     ASSERT_TRUE(client_->SendTypedMessageZ2(203, 32516, "lg01~9011", 10));
-    short type = 0, subtype = 0;
-    char* data = nullptr;
-    unsigned length = 0;
-    ASSERT_TRUE(accepted_->WaitTypedMessageZ1(type, subtype, data, length, nullptr));
-    EXPECT_EQ(type, 203);
-    EXPECT_STREQ(data, "lg01~9011");
-    StreamSocket::FreeMessage(data);
+    const auto request = Read(*accepted_);
+    EXPECT_EQ(request.type, 203) << host;
+    EXPECT_EQ(request.payload, std::string("lg01~9011", 10)) << host;
     ASSERT_TRUE(accepted_->SendTypedMessageZ2(104, 32516, "", 1));
-    ASSERT_TRUE(client_->WaitTypedMessageZ1(type, subtype, data, length, nullptr));
-    EXPECT_EQ(type, 104);
-    StreamSocket::FreeMessage(data);
+    EXPECT_EQ(Read(*client_).type, 104) << host;
   }
 }
 
-TEST_F(TlsFixture, VerificationRejectsUntrustedAuthorityAndWrongHostName) {
-  authority_->WriteHostFolder(dir_.file("server"), {"elsewhere.test"}, {"127.0.0.1"});
-  stranger_->WriteHostFolder(dir_.file("stranger-server"), {"localhost"}, {"127.0.0.1"});
-  authority_->WriteHostFolder(dir_.file("client"), {"client.test"}, {});
+TEST_F(TlsFixture, EachSideRejectsAPeerItCannotTrustOnlyWhenItVerifies) {
+  authority_.WriteHostFolder(dir_.file("server"), {"elsewhere.test"}, {"127.0.0.1"});
+  stranger_.WriteHostFolder(dir_.file("stranger-server"), {"localhost"}, {"127.0.0.1"});
+  authority_.WriteHostFolder(dir_.file("client"), {"client.test"}, {});
+  stranger_.WriteHostFolder(dir_.file("stranger-client"), {"client.test"}, {});
+  std::filesystem::create_directories(dir_.file("bare"));  // no certificate of its own
+  const struct {
+    const char* name;
+    const char* server;
+    bool verifyClient;
+    const char* client;
+    const char* host;
+    bool verifyServer;
+    bool accepted;  // the verdict of the verifying side (the server's when it verifies its client)
+  } rows[] = {
+      {"untrusted authority", "stranger-server", false, "client", "127.0.0.1", true, false},
+      {"untrusted authority, not verified", "stranger-server", false, "client", "127.0.0.1", false, true},
+      {"server named by its address", "server", false, "client", "127.0.0.1", true, true},
+      {"server name not in its certificate", "server", false, "client", "localhost", true, false},
+      {"client without a certificate", "server", true, "bare", "127.0.0.1", false, false},
+      {"client from an untrusted authority", "server", true, "stranger-client", "127.0.0.1", false, false},
+      {"trusted client", "server", true, "client", "127.0.0.1", false, true},
+  };
   LogCapture log;
-
-  StartListener(dir_.file("stranger-server"), false);
-  EXPECT_FALSE(Dial(dir_.file("client"), "127.0.0.1", true).first);
+  for (const auto& row : rows) {
+    StartListener(dir_.file(row.server), row.verifyClient);
+    const auto [clientOk, serverOk] = Dial(dir_.file(row.client), row.host, row.verifyServer);
+    EXPECT_EQ(row.verifyClient ? serverOk : clientOk, row.accepted) << row.name;
+  }
   EXPECT_TRUE(log.contains("handshake failed"));
-  // Without verification the same peer is accepted.
-  EXPECT_TRUE(Dial(dir_.file("client"), "127.0.0.1", false).first);
-
-  StartListener(dir_.file("server"), false);
-  EXPECT_TRUE(Dial(dir_.file("client"), "127.0.0.1", true).first);  // named by its address
-  EXPECT_FALSE(Dial(dir_.file("client"), "localhost", true).first);  // but not by this name
   EXPECT_TRUE(log.contains("hostname mismatch"));
 }
 
-TEST_F(TlsFixture, AcceptingSideDemandsAClientCertificate) {
-  authority_->WriteHostFolder(dir_.file("server"), {"localhost"}, {"127.0.0.1"});
-  authority_->WriteHostFolder(dir_.file("client"), {"client.test"}, {});
-  stranger_->WriteHostFolder(dir_.file("stranger"), {"client.test"}, {});
-  StartListener(dir_.file("server"), /*verifyClient=*/true);
-  const std::string bare = dir_.file("bare");  // no certificate of its own
-  std::filesystem::create_directories(bare);
-  EXPECT_FALSE(Dial(bare, "127.0.0.1", false).second);
-  EXPECT_FALSE(Dial(dir_.file("stranger"), "127.0.0.1", false).second);
-  EXPECT_TRUE(Dial(dir_.file("client"), "127.0.0.1", false).second);
-}
-
 TEST_F(TlsFixture, PlainOrSilentPeerFailsItsHandshakeWithoutBlockingOthers) {
-  authority_->WriteHostFolder(dir_.file("server"), {"localhost"}, {"127.0.0.1"});
+  authority_.WriteHostFolder(dir_.file("server"), {"localhost"}, {"127.0.0.1"});
   StartListener(dir_.file("server"), false, /*communicationMs=*/400);
   LogCapture log;
 
   // A silent plain-text peer: its handshake runs on its own thread, so the
   // listener accepts and completes a real TLS client meanwhile.
-  const int silent = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(listener_->LocalPort());
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(::connect(silent, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+  RawPeer silent(listener_->LocalPort());
   std::unique_ptr<StreamSocket> silentAccepted;
   const auto start = std::chrono::steady_clock::now();
   auto silentHandshake = AcceptOne(silentAccepted);
@@ -167,5 +141,4 @@ TEST_F(TlsFixture, PlainOrSilentPeerFailsItsHandshakeWithoutBlockingOthers) {
   ASSERT_EQ(plainHandshake.wait_for(2s), std::future_status::ready);
   EXPECT_FALSE(plainHandshake.get());
   EXPECT_TRUE(log.contains("handshake failed"));
-  ::close(silent);
 }
