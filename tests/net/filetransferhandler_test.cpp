@@ -113,15 +113,14 @@ TEST(FileTransferHandlerSend, WindowKeepsAtMostFiveChunksUnacknowledged) {
 
   // Five chunks, then the sender waits with no credit left.
   ASSERT_TRUE(WaitUntil([&] { return link.chunks() == 5 && handler.Credits() == 0; }));
-  EXPECT_EQ(link.chunks(), 5);
-  // A surplus acknowledgement cannot widen the window beyond five.
   for (int chunk = 5; chunk < 9; ++chunk) {
     Ack(handler, link);
     ASSERT_TRUE(WaitUntil([&] { return link.chunks() == chunk + 1; }));
     EXPECT_GE(handler.Credits(), 0);
   }
   for (int i = 0; i < 5; ++i) Ack(handler, link);
-  Feed(handler, "D");  // one more than was sent
+  // A surplus acknowledgement cannot widen the window beyond five.
+  Feed(handler, "D");
   EXPECT_LE(handler.Credits(), CFileTransferHandler::kWindow);
   Feed(handler, "0F");
 
@@ -137,19 +136,16 @@ TEST(FileTransferHandlerSend, WindowKeepsAtMostFiveChunksUnacknowledged) {
 }
 
 TEST(FileTransferHandlerSend, FinalReportKeepsItsDigitCount) {
-  EXPECT_EQ(CFileTransferHandler::ParseFinalState("12F", 3), 1);
-  EXPECT_EQ(CFileTransferHandler::ParseFinalState("4F", 2), 0);
-  EXPECT_EQ(CFileTransferHandler::ParseFinalState("F", 1), 0);
-  EXPECT_EQ(CFileTransferHandler::ParseFinalState("x1F", 3), -1);
-
-  // How the sender reports each final report: "1F" (the receiver could not
-  // open its destination) reads as a copy; "12F" reads as 1 and fails.
+  // Only the digits before the last one are read: "1F" (the receiver could not
+  // open its destination) reads as a copy, "12F" as 1, which fails; a report
+  // that is no number counts as a broken transfer.
   struct Case {
     std::string report;
     int state;
     bool namesDestination;
   };
-  for (const Case& c : {Case{"1F", 0, false}, Case{"12F", 1, true}, Case{"4F", 0, false}, Case{"?1F", 5, true}}) {
+  for (const Case& c : {Case{"1F", 0, false}, Case{"12F", 1, true}, Case{"4F", 0, false}, Case{"F", 0, false},
+                        Case{"?1F", 5, true}}) {
     SCOPED_TRACE(c.report);
     TempDir dir;
     const std::string source = dir.write("src", "abc");
@@ -254,7 +250,6 @@ TEST(FileTransferHandlerEvents, StrayAndMalformedMessagesAreDropped) {
   Feed(handler, "D");
   EXPECT_EQ(handler.Credits(), CFileTransferHandler::kWindow);
   Feed(handler, "0F");
-  EXPECT_FALSE(handler.Sending());
 
   TempDir dir;
   auto received = std::async(std::launch::async, [&] { return handler.ReceiveFile(dir.file("dst"), Request()); });
