@@ -243,27 +243,4 @@ TEST(FileTransferHandlerReceive, FailuresLeaveNoFile) {
   }
 }
 
-TEST(FileTransferHandlerEvents, StrayAndMalformedMessagesAreDropped) {
-  ScriptedLink link;
-  CFileTransferHandler handler(&link);
-  // No transfer: nothing is taken, not even an acknowledgement.
-  Feed(handler, "D");
-  EXPECT_EQ(handler.Credits(), CFileTransferHandler::kWindow);
-  Feed(handler, "0F");
-
-  TempDir dir;
-  auto received = std::async(std::launch::async, [&] { return handler.ReceiveFile(dir.file("dst"), Request()); });
-  EXPECT_EQ(link.data(0), "A");
-  const std::string garbage = "not a packed record";
-  handler.HandleFileEvent(garbage.data(), static_cast<unsigned>(garbage.size()), 7, kMarker);
-  handler.HandleFileEvent(nullptr, 0, 7, kMarker);
-  Feed(handler, "");
-  Feed(handler, "Z");
-  Feed(handler, std::string("ok") + 'C');
-  EXPECT_EQ(received.get(), 0);
-  EXPECT_EQ(vantrel::test::ReadFile(dir.file("dst")), "ok");
-  EXPECT_EQ(link.data(2), "0F");
-  EXPECT_EQ(link.count(), 3u);
-}
-
 }  // namespace
