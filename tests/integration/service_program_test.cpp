@@ -4,19 +4,16 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <string>
 
 #include "tests/support/servicehelper.h"
-#include "vantrel/base/socket/streamsocket.h"
 
 namespace vantrel::test {
 namespace {
 
 TEST(ServiceProgramTest, SecondInstanceOnTheSamePortsGivesUp) {
   ServiceProcess first;
-  ASSERT_TRUE(first.start());
-  ASSERT_TRUE(first.waitReady()) << first.log();
+  ASSERT_TRUE(first.launch()) << first.log();
 
   ServiceProcess second;
   second.setPorts(first.clientsPort(), first.netPort());
@@ -49,11 +46,10 @@ TEST(ServiceProgramTest, ForeignProgramOnTheNetPortIsReported) {
 
 TEST(ServiceProgramTest, ClientWithoutGreetingMakesTheServiceRestartItself) {
   ServiceProcess service;
-  ASSERT_TRUE(service.start());
-  ASSERT_TRUE(service.waitReady()) << service.log();
+  ASSERT_TRUE(service.launch()) << service.log();
   {
-    StreamSocket silent(false, "silent client");
-    ASSERT_TRUE(silent.ConnectLocal(service.clientsPort(), {}));
+    RawLink silent;
+    ASSERT_TRUE(silent.connectClient(service.clientsPort()));
   }
   const auto code = service.waitExit(std::chrono::seconds(20));
   ASSERT_TRUE(code.has_value()) << service.log();
@@ -71,26 +67,19 @@ TEST(ServiceProgramTest, ClientWithoutGreetingMakesTheServiceRestartItself) {
 
 TEST(ServiceProgramTest, GarbageFromAClientEndsOnlyThatConnection) {
   ServiceProcess service;
-  ASSERT_TRUE(service.start());
-  ASSERT_TRUE(service.waitReady()) << service.log();
+  ASSERT_TRUE(service.launch()) << service.log();
   TestClient bob;
   ASSERT_TRUE(bob.NETInitZ641("bob", service.clientsPort()));
   {
-    StreamSocket rogue(false, "rogue client");
-    ASSERT_TRUE(rogue.ConnectLocal(service.clientsPort(), {}));
-    char greeting[258] = {};
-    std::strcpy(greeting + 2, "rogue");
-    ASSERT_TRUE(rogue.SendTypedMessageZ2(1029, 0, greeting, sizeof greeting));
-    short type = 0, subtype = 0;
-    char* data = nullptr;
-    unsigned length = 0;
-    ASSERT_TRUE(rogue.WaitTypedMessageZ1(type, subtype, data, length, nullptr));
-    EXPECT_EQ(subtype, 1);
-    StreamSocket::FreeMessage(data);
+    RawLink rogue;
+    ASSERT_TRUE(rogue.connectClient(service.clientsPort()));
+    ASSERT_TRUE(rogue.greet("rogue"));
+    auto echo = rogue.next();
+    ASSERT_TRUE(echo.has_value());
+    EXPECT_EQ(echo->subtype, 1);
     // A record that is not one, then a frame with a bad marker.
-    ASSERT_TRUE(rogue.SendTypedMessageZ2(1034, 0, "\x07\x07\x07", 3));
-    const int fd = rogue.Handle();
-    ASSERT_GT(::send(fd, "NOT A FRAME AT ALL.....", 23, MSG_NOSIGNAL), 0);
+    ASSERT_TRUE(rogue.send(1034, 0, "\x07\x07\x07"));
+    ASSERT_GT(::send(rogue.handle(), "NOT A FRAME AT ALL.....", 23, MSG_NOSIGNAL), 0);
     ASSERT_TRUE(service.waitLog("Removing client rogue")) << service.log();
   }
   TestClient alice;

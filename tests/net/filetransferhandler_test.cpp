@@ -97,11 +97,19 @@ std::string Bytes(std::size_t size) {
   return bytes;
 }
 
-TEST(FileTransferHandlerSend, WindowKeepsAtMostFiveChunksUnacknowledged) {
+// The handler lives in the fixture, which is on the heap: the thread sanitizer
+// cannot see a mutex on the stack die, so a handler at the address an earlier
+// test's log capture used would count as that mutex and show a lock-order
+// cycle that does not exist.
+class FileTransferHandlerTest : public ::testing::Test {
+ protected:
   TempDir dir;
-  const std::string source = dir.write("src", Bytes(CFileTransferHandler::kChunkSize * 8 + 10));
   ScriptedLink link;
-  CFileTransferHandler handler(&link);
+  CFileTransferHandler handler{&link};
+};
+
+TEST_F(FileTransferHandlerTest, SendWindowKeepsAtMostFiveChunksUnacknowledged) {
+  const std::string source = dir.write("src", Bytes(CFileTransferHandler::kChunkSize * 8 + 10));
   auto sent = std::async(std::launch::async, [&] { return handler.SendFile(source, "/remote", Request()); });
 
   // The copy request goes alone until it is accepted.
@@ -113,15 +121,14 @@ TEST(FileTransferHandlerSend, WindowKeepsAtMostFiveChunksUnacknowledged) {
 
   // Five chunks, then the sender waits with no credit left.
   ASSERT_TRUE(WaitUntil([&] { return link.chunks() == 5 && handler.Credits() == 0; }));
-  EXPECT_EQ(link.chunks(), 5);
-  // A surplus acknowledgement cannot widen the window beyond five.
   for (int chunk = 5; chunk < 9; ++chunk) {
     Ack(handler, link);
     ASSERT_TRUE(WaitUntil([&] { return link.chunks() == chunk + 1; }));
     EXPECT_GE(handler.Credits(), 0);
   }
   for (int i = 0; i < 5; ++i) Ack(handler, link);
-  Feed(handler, "D");  // one more than was sent
+  // A surplus acknowledgement cannot widen the window beyond five.
+  Feed(handler, "D");
   EXPECT_LE(handler.Credits(), CFileTransferHandler::kWindow);
   Feed(handler, "0F");
 
@@ -137,19 +144,16 @@ TEST(FileTransferHandlerSend, WindowKeepsAtMostFiveChunksUnacknowledged) {
 }
 
 TEST(FileTransferHandlerSend, FinalReportKeepsItsDigitCount) {
-  EXPECT_EQ(CFileTransferHandler::ParseFinalState("12F", 3), 1);
-  EXPECT_EQ(CFileTransferHandler::ParseFinalState("4F", 2), 0);
-  EXPECT_EQ(CFileTransferHandler::ParseFinalState("F", 1), 0);
-  EXPECT_EQ(CFileTransferHandler::ParseFinalState("x1F", 3), -1);
-
-  // How the sender reports each final report: "1F" (the receiver could not
-  // open its destination) reads as a copy; "12F" reads as 1 and fails.
+  // Only the digits before the last one are read: "1F" (the receiver could not
+  // open its destination) reads as a copy, "12F" as 1, which fails; a report
+  // that is no number counts as a broken transfer.
   struct Case {
     std::string report;
     int state;
     bool namesDestination;
   };
-  for (const Case& c : {Case{"1F", 0, false}, Case{"12F", 1, true}, Case{"4F", 0, false}, Case{"?1F", 5, true}}) {
+  for (const Case& c : {Case{"1F", 0, false}, Case{"12F", 1, true}, Case{"4F", 0, false}, Case{"F", 0, false},
+                        Case{"?1F", 5, true}}) {
     SCOPED_TRACE(c.report);
     TempDir dir;
     const std::string source = dir.write("src", "abc");
@@ -164,12 +168,9 @@ TEST(FileTransferHandlerSend, FinalReportKeepsItsDigitCount) {
   }
 }
 
-TEST(FileTransferHandlerStop, WakesSenderAndReceiverAndEndsLaterTransfers) {
-  TempDir dir;
+TEST_F(FileTransferHandlerTest, StopWakesSenderAndReceiverAndEndsLaterTransfers) {
   const std::string source = dir.write("src", Bytes(CFileTransferHandler::kChunkSize * 10));
   const std::string destination = dir.file("dst");
-  ScriptedLink link;
-  CFileTransferHandler handler(&link);
   auto received = std::async(std::launch::async, [&] { return handler.ReceiveFile(destination, Request()); });
   EXPECT_EQ(link.data(0), "A");
   Feed(handler, std::string("part") + 'B');
@@ -245,30 +246,6 @@ TEST(FileTransferHandlerReceive, FailuresLeaveNoFile) {
     handler.SetChunkWaitMs(20);
     EXPECT_EQ(handler.ReceiveFile(dir.file("early"), Request()), 4);
   }
-}
-
-TEST(FileTransferHandlerEvents, StrayAndMalformedMessagesAreDropped) {
-  ScriptedLink link;
-  CFileTransferHandler handler(&link);
-  // No transfer: nothing is taken, not even an acknowledgement.
-  Feed(handler, "D");
-  EXPECT_EQ(handler.Credits(), CFileTransferHandler::kWindow);
-  Feed(handler, "0F");
-  EXPECT_FALSE(handler.Sending());
-
-  TempDir dir;
-  auto received = std::async(std::launch::async, [&] { return handler.ReceiveFile(dir.file("dst"), Request()); });
-  EXPECT_EQ(link.data(0), "A");
-  const std::string garbage = "not a packed record";
-  handler.HandleFileEvent(garbage.data(), static_cast<unsigned>(garbage.size()), 7, kMarker);
-  handler.HandleFileEvent(nullptr, 0, 7, kMarker);
-  Feed(handler, "");
-  Feed(handler, "Z");
-  Feed(handler, std::string("ok") + 'C');
-  EXPECT_EQ(received.get(), 0);
-  EXPECT_EQ(vantrel::test::ReadFile(dir.file("dst")), "ok");
-  EXPECT_EQ(link.data(2), "0F");
-  EXPECT_EQ(link.count(), 3u);
 }
 
 }  // namespace

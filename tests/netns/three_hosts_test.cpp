@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -94,10 +95,7 @@ class cThreeHostLab {
       std::filesystem::create_directories(etc, error);
       if (error) return "cannot create " + etc + ": " + error.message();
       etcFolders_.push_back(etc);
-      dir_.write(HostName(i) + ".hosts", hosts);
-      std::filesystem::copy_file(dir_.file(HostName(i) + ".hosts"), etc + "/hosts",
-                                 std::filesystem::copy_options::overwrite_existing, error);
-      if (error) return "cannot write " + etc + "/hosts: " + error.message();
+      if (!(std::ofstream(etc + "/hosts") << hosts)) return "cannot write " + etc + "/hosts";
     }
 
     settings_ = dir_.write("Vantrel.ini",

@@ -84,10 +84,6 @@ TEST_F(ClientInstanceTest, FarewellUnregistersAndEndsReading) {
   EXPECT_FALSE(alice.handleMessage("", 1, 1033, 0));
   EXPECT_EQ(aliceLink.terminations, 1);
   EXPECT_FALSE(aliceLink.lastWait);  // the reader cannot join itself
-
-  std::unique_ptr<VantrelClientEvent> toAlice(
-      new VantrelClientEvent(1, "", "alice", "", "", QTYPE_CLIENT, 1034, 0, "x", 2));
-  EXPECT_FALSE(server.dispatchClientEvent(toAlice.get()));
   EXPECT_EQ(server.clientCount(), 1u);
 
   // Detaching again (as a clean-up would) does not touch the connection again.

@@ -11,13 +11,12 @@
 
 #include <fcntl.h>
 
-#include <cstring>
 #include <filesystem>
+#include <future>
 #include <memory>
-#include <fstream>
-#include <sstream>
 
 #include "vantrel/base/platform/hostinfo.h"
+#include "vantrel/client/vantrelini.h"
 
 extern char** environ;
 
@@ -26,9 +25,12 @@ namespace vantrel::test {
 namespace {
 constexpr const char* kReadyLine = "vantrel ready";
 
-// The shipped defaults with the test's own lines after them (a later key wins).
-std::string DefaultIni(const std::string& extra) {
-  return std::string(nEnvSettings::gBuiltInDefaults()) + "\n" + extra + "\n";
+// The state letter of a process or thread from its /proc stat file ('\0' when
+// it is gone). It follows the parenthesised command name, which may hold blanks.
+char ProcessState(const std::filesystem::path& stat) {
+  const std::string line = ReadFile(stat);
+  const auto close = line.rfind(')');
+  return close != std::string::npos && close + 2 < line.size() ? line[close + 2] : '\0';
 }
 }  // namespace
 
@@ -39,7 +41,8 @@ std::string LocalHostName() {
 
 ServiceProcess::ServiceProcess(const std::string& iniExtra) : clientsPort_(FreePort()), netPort_(FreePort()) {
   while (netPort_ == clientsPort_) netPort_ = FreePort();
-  dir_.write("Vantrel.ini", DefaultIni(iniExtra));
+  // The shipped defaults with the test's own lines after them (a later key wins).
+  dir_.write("Vantrel.ini", std::string(nEnvSettings::gBuiltInDefaults()) + "\n" + iniExtra + "\n");
 }
 
 ServiceProcess::~ServiceProcess() {
@@ -48,10 +51,7 @@ ServiceProcess::~ServiceProcess() {
   // A sanitizer report of the service goes to its standard error, which only
   // this object sees: without this check a race or a leak in the service would
   // pass unnoticed whenever the test itself got its answers.
-  std::ifstream out(dir_.file("output.txt"));
-  std::stringstream text;
-  text << out.rdbuf();
-  const std::string output = text.str();
+  const std::string output = ReadFile(dir_.file("output.txt"));
   for (const char* marker : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer",
                              "runtime error:"}) {
     if (output.find(marker) != std::string::npos) {
@@ -68,28 +68,25 @@ void ServiceProcess::setPorts(unsigned short clientsPort, unsigned short netPort
 
 std::string ServiceProcess::hostText() const { return LocalHostName() + "~" + std::to_string(netPort_); }
 
-bool ServiceProcess::start(const std::vector<std::string>& extraArgs) {
+bool ServiceProcess::start() {
   const std::string program = VANTREL_BINARY_DIR "/programs/vantrel";
   std::vector<std::string> args = {program,
                                    "--clients-port", std::to_string(clientsPort_),
                                    "--net-port",     std::to_string(netPort_),
                                    "--log-file",     logFile(),
                                    "--log-level",    "debug"};
-  args.insert(args.end(), extraArgs.begin(), extraArgs.end());
 
-  std::map<std::string, std::string> env;
+  // The test's own variables win over these, and both over the inherited ones;
+  // the log goes where the arguments say, whatever the caller's environment says.
+  std::map<std::string, std::string> env = env_;
+  env.emplace("VANTREL_INI", dir_.file("Vantrel.ini"));
+  env.emplace("RQ_BIN", VANTREL_BINARY_DIR "/programs");
+  std::vector<std::string> envText;
   for (char** entry = environ; *entry != nullptr; ++entry) {
     const std::string text = *entry;
-    const auto equals = text.find('=');
-    if (equals != std::string::npos) env[text.substr(0, equals)] = text.substr(equals + 1);
+    const std::string name = text.substr(0, text.find('='));
+    if (env.count(name) == 0 && name != "VANTREL_LOG_FILE" && name != "VANTREL_LOG_LEVEL") envText.push_back(text);
   }
-  env["VANTREL_INI"] = dir_.file("Vantrel.ini");
-  env["RQ_BIN"] = VANTREL_BINARY_DIR "/programs";
-  env.erase("VANTREL_LOG_FILE");
-  env.erase("VANTREL_LOG_LEVEL");
-  for (const auto& [name, value] : env_) env[name] = value;
-
-  std::vector<std::string> envText;
   for (const auto& [name, value] : env) envText.push_back(name + "=" + value);
   std::vector<char*> argv;
   for (auto& arg : args) argv.push_back(arg.data());
@@ -111,14 +108,7 @@ bool ServiceProcess::start(const std::vector<std::string>& extraArgs) {
   return result == 0;
 }
 
-std::string ServiceProcess::log() const {
-  std::ifstream in(logFile());
-  std::stringstream text;
-  text << in.rdbuf();
-  std::ifstream out(dir_.file("output.txt"));
-  text << out.rdbuf();
-  return text.str();
-}
+std::string ServiceProcess::log() const { return ReadFile(logFile()) + ReadFile(dir_.file("output.txt")); }
 
 std::size_t ServiceProcess::logCount(const std::string& text) const {
   const std::string all = log();
@@ -131,7 +121,7 @@ bool ServiceProcess::waitLog(const std::string& text, std::chrono::milliseconds 
   return WaitUntil([&] { return log().find(text) != std::string::npos; }, timeout);
 }
 
-bool ServiceProcess::waitReady(std::chrono::milliseconds timeout) const { return waitLog(kReadyLine, timeout); }
+bool ServiceProcess::launch() { return start() && waitLog(kReadyLine); }
 
 std::optional<int> ServiceProcess::waitExit(std::chrono::milliseconds timeout) {
   if (exitCode_.has_value()) return exitCode_;
@@ -172,13 +162,8 @@ bool ServiceProcess::freeze(std::chrono::milliseconds timeout) {
         std::error_code error;
         bool any = false;
         for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
-          std::ifstream stat(task.path() / "stat");
-          std::string line;
-          if (!std::getline(stat, line)) continue;  // the thread has just ended
-          // The state follows the parenthesised command name, which may hold blanks.
-          const auto close = line.rfind(')');
-          if (close == std::string::npos || close + 2 >= line.size()) return false;
-          const char state = line[close + 2];
+          const char state = ProcessState(task.path() / "stat");
+          if (state == '\0') continue;  // the thread has just ended
           if (state != 'T' && state != 't') return false;
           any = true;
         }
@@ -197,14 +182,8 @@ std::vector<pid_t> ServiceProcess::successors() const {
     if (name.empty() || name.find_first_not_of("0123456789") != std::string::npos) continue;
     const pid_t pid = static_cast<pid_t>(std::stol(name));
     if (pid == pid_) continue;
-    std::ifstream in(entry.path() / "cmdline");
-    std::string cmdline((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (cmdline.find(marker) == std::string::npos) continue;
-    std::ifstream stat(entry.path() / "stat");
-    std::string statText((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    const auto close = statText.rfind(')');
-    if (close != std::string::npos && close + 2 < statText.size() && statText[close + 2] == 'Z') continue;
-    found.push_back(pid);
+    if (ReadFile(entry.path() / "cmdline").find(marker) == std::string::npos) continue;
+    if (ProcessState(entry.path() / "stat") != 'Z') found.push_back(pid);
   }
   return found;
 }
@@ -236,6 +215,49 @@ std::optional<cVantrelMessage> TestClient::next(std::chrono::milliseconds timeou
 std::size_t TestClient::pending() {
   std::lock_guard<std::mutex> guard(mutex_);
   return received_.size();
+}
+
+bool RawLink::connectClient(unsigned short clientsPort) {
+  return socket_.ConnectLocal(clientsPort, gSocketOptionsNet());
+}
+
+bool RawLink::connectPeer(unsigned short netPort, const std::string& host, short versionMarker) {
+  return socket_.Connect("127.0.0.1", netPort, gSocketOptionsNet()) && send(203, versionMarker, host + '\0');
+}
+
+bool RawLink::greet(const std::string& name) {
+  std::string greeting(258, '\0');
+  name.copy(&greeting[2], 255);
+  return send(1029, 0, greeting);
+}
+
+bool RawLink::send(short type, short subtype, const std::string& bytes) {
+  return socket_.SendTypedMessageZ2(type, subtype, bytes.data(), static_cast<unsigned>(bytes.size()));
+}
+
+bool RawLink::send(const cVantrelMessage& record, short subtype) {
+  return socket_.SendTypedMessageZ2(record.getType(), subtype, record.getPackedBuf(), record.getPackedBufLen());
+}
+
+std::optional<Frame> RawLink::next(std::chrono::milliseconds timeout) {
+  auto read = std::async(std::launch::async, [this]() -> std::optional<Frame> {
+    Frame frame;
+    char* data = nullptr;
+    unsigned length = 0;
+    if (!socket_.WaitTypedMessageZ1(frame.type, frame.subtype, data, length, nullptr)) return std::nullopt;
+    frame.data.assign(data, length);
+    StreamSocket::FreeMessage(data);
+    return frame;
+  });
+  if (read.wait_for(timeout) != std::future_status::ready) {
+    // Closing wakes the blocked read, so the future can be left.
+    socket_.CloseSocket();
+    read.wait();
+    return std::nullopt;
+  }
+  auto frame = read.get();
+  closed_ = !frame.has_value();
+  return frame;
 }
 
 }  // namespace vantrel::test

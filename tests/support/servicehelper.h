@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "tests/support/testutil.h"
+#include "vantrel/base/socket/streamsocket.h"
 #include "vantrel/client/vantrelclientobj.h"
 
 namespace vantrel::test {
@@ -33,9 +34,9 @@ class ServiceProcess {
   void setPorts(unsigned short clientsPort, unsigned short netPort);
 
   // Spawns the program; false when it cannot be started.
-  bool start(const std::vector<std::string>& extraArgs = {});
-  // Waits for the readiness line.
-  bool waitReady(std::chrono::milliseconds timeout = std::chrono::seconds(15)) const;
+  bool start();
+  // Spawns the program and waits for its readiness line.
+  bool launch();
   bool waitLog(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(15)) const;
   std::size_t logCount(const std::string& text) const;
   std::string log() const;
@@ -50,12 +51,10 @@ class ServiceProcess {
   bool freeze(std::chrono::milliseconds timeout = std::chrono::seconds(10));
   bool running();
 
-  pid_t pid() const { return pid_; }
   unsigned short clientsPort() const { return clientsPort_; }
   unsigned short netPort() const { return netPort_; }
   // This service's host text as clients and peers use it ("name~port").
   std::string hostText() const;
-  const TempDir& dir() const { return dir_; }
   std::string logFile() const { return dir_.file("vantrel.log"); }
   // Other processes whose command line names this service's log file (a
   // relaunched successor).
@@ -86,6 +85,45 @@ class TestClient : public cVantrelClientObject {
  private:
   std::mutex mutex_;
   std::deque<cVantrelMessage> received_;
+};
+
+// One frame read from a raw link.
+struct Frame {
+  short type = 0;
+  short subtype = 0;
+  std::string data;
+  // The data rebuilt as a record (invalid when it is none).
+  cVantrelMessage record() const {
+    return cVantrelMessage(data.data(), static_cast<std::uint32_t>(data.size()), type, subtype);
+  }
+};
+
+// A connection the test drives frame by frame, for traffic that neither the
+// client library nor a real peer service produces: a client that greets by
+// hand or not at all, a peer with its own handshake, malformed frames.
+class RawLink {
+ public:
+  RawLink() : socket_(false, "raw test link") {}
+  ~RawLink() { socket_.CloseSocket(); }
+
+  // To a service's clients port.
+  bool connectClient(unsigned short clientsPort);
+  // To a service's net port, followed by a handshake as peer `host`.
+  bool connectPeer(unsigned short netPort, const std::string& host, short versionMarker);
+  // The 258-byte greeting of a client named `name`.
+  bool greet(const std::string& name);
+  bool send(short type, short subtype, const std::string& bytes);
+  // The record as a frame of its own type.
+  bool send(const cVantrelMessage& record, short subtype);
+  // The next frame. Nothing when the link closed (closed() then tells) or
+  // after `timeout`, which closes the link.
+  std::optional<Frame> next(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  bool closed() const { return closed_; }
+  int handle() const { return socket_.Handle(); }
+
+ private:
+  StreamSocket socket_;
+  bool closed_ = false;
 };
 
 }  // namespace vantrel::test
