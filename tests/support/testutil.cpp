@@ -98,20 +98,20 @@ LogCapture::LogCapture() { vantrel::log::SetCaptureSink(&LogCapture::Sink, this)
 LogCapture::~LogCapture() { vantrel::log::SetCaptureSink(nullptr, nullptr); }
 
 void LogCapture::Sink(void* context, tQXLogMessageSeverity, std::string_view text) {
-  auto* self = static_cast<LogCapture*>(context);
-  std::lock_guard<std::mutex> lock(self->mutex_);
-  self->lines_.emplace_back(text);
+  cLines& captured = *static_cast<LogCapture*>(context)->captured_;
+  std::lock_guard<std::mutex> lock(captured.mutex);
+  captured.lines.emplace_back(text);
 }
 
 std::vector<std::string> LogCapture::lines() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return lines_;
+  std::lock_guard<std::mutex> lock(captured_->mutex);
+  return captured_->lines;
 }
 
 std::size_t LogCapture::count(const std::string& text) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<std::mutex> lock(captured_->mutex);
   std::size_t n = 0;
-  for (const auto& l : lines_)
+  for (const auto& l : captured_->lines)
     if (l.find(text) != std::string::npos) ++n;
   return n;
 }
