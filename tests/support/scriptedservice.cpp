@@ -58,13 +58,8 @@ void ScriptedService::AcceptLoop() {
 
 void ScriptedService::ReadLoop(cConnection* connection) {
   for (;;) {
-    short type = 0;
-    short subtype = 0;
-    char* data = nullptr;
-    unsigned length = 0;
-    if (!connection->socket.WaitTypedMessageZ1(type, subtype, data, length, nullptr)) break;
-    cFrame frame{type, subtype, std::string(data ? data : "", data ? length : 0)};
-    StreamSocket::FreeMessage(data);
+    cFrame frame = ReadFrame(connection->socket);
+    if (!frame.ok) break;
     Answer(connection, frame);
     std::lock_guard<std::mutex> lock(mutex_);
     connection->unread.push_back(std::move(frame));

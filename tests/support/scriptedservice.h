@@ -17,20 +17,11 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/frame.h"
 #include "vantrel/base/socket/streamsocket.h"
 #include "vantrel/message/packmsg.h"
 
 namespace vantrel::test {
-
-struct cFrame {
-  short type = 0;
-  short subtype = 0;
-  std::string data;
-  // The packed record this frame carries (invalid when it carries none).
-  cVantrelMessage record() const {
-    return cVantrelMessage(data.data(), static_cast<std::uint32_t>(data.size()), type, subtype);
-  }
-};
 
 class ScriptedService {
  public:

@@ -239,14 +239,10 @@ bool RawLink::send(const cVantrelMessage& record, short subtype) {
   return socket_.SendTypedMessageZ2(record.getType(), subtype, record.getPackedBuf(), record.getPackedBufLen());
 }
 
-std::optional<Frame> RawLink::next(std::chrono::milliseconds timeout) {
-  auto read = std::async(std::launch::async, [this]() -> std::optional<Frame> {
-    Frame frame;
-    char* data = nullptr;
-    unsigned length = 0;
-    if (!socket_.WaitTypedMessageZ1(frame.type, frame.subtype, data, length, nullptr)) return std::nullopt;
-    frame.data.assign(data, length);
-    StreamSocket::FreeMessage(data);
+std::optional<cFrame> RawLink::next(std::chrono::milliseconds timeout) {
+  auto read = std::async(std::launch::async, [this]() -> std::optional<cFrame> {
+    cFrame frame = ReadFrame(socket_);
+    if (!frame.ok) return std::nullopt;
     return frame;
   });
   if (read.wait_for(timeout) != std::future_status::ready) {

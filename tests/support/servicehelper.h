@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/frame.h"
 #include "tests/support/testutil.h"
 #include "vantrel/base/socket/streamsocket.h"
 #include "vantrel/client/vantrelclientobj.h"
@@ -87,17 +88,6 @@ class TestClient : public cVantrelClientObject {
   std::deque<cVantrelMessage> received_;
 };
 
-// One frame read from a raw link.
-struct Frame {
-  short type = 0;
-  short subtype = 0;
-  std::string data;
-  // The data rebuilt as a record (invalid when it is none).
-  cVantrelMessage record() const {
-    return cVantrelMessage(data.data(), static_cast<std::uint32_t>(data.size()), type, subtype);
-  }
-};
-
 // A connection the test drives frame by frame, for traffic that neither the
 // client library nor a real peer service produces: a client that greets by
 // hand or not at all, a peer with its own handshake, malformed frames.
@@ -117,7 +107,7 @@ class RawLink {
   bool send(const cVantrelMessage& record, short subtype);
   // The next frame. Nothing when the link closed (closed() then tells) or
   // after `timeout`, which closes the link.
-  std::optional<Frame> next(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  std::optional<cFrame> next(std::chrono::milliseconds timeout = std::chrono::seconds(10));
   bool closed() const { return closed_; }
   int handle() const { return socket_.Handle(); }
 

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "vantrel/base/socket/frame.h"
+#include "tests/support/frame.h"
 #include "vantrel/base/socket/streamsocket.h"
 
 namespace vantrel::test {
@@ -105,24 +106,5 @@ struct SocketPair {
     if (result.handle) accepted = std::make_unique<StreamSocket>(std::move(*result.handle), result.tls, "accepted");
   }
 };
-
-struct Frame {
-  bool ok = false;
-  short type = 0, subtype = 0;
-  std::string payload;
-};
-
-inline Frame Read(StreamSocket& socket, sockets::iLatencyConfiguration* latency = nullptr) {
-  Frame f;
-  char* data = nullptr;
-  unsigned length = 0;
-  f.ok = socket.WaitTypedMessageZ1(f.type, f.subtype, data, length, latency);
-  if (f.ok) {
-    EXPECT_EQ(data[length], '\0');
-    f.payload.assign(data, length);
-  }
-  StreamSocket::FreeMessage(data);
-  return f;
-}
 
 }  // namespace vantrel::test

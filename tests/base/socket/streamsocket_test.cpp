@@ -46,13 +46,13 @@ TEST(StreamSocketTest, SingleAndBatchedFramesRoundTripAndOversizeSendsAreRefused
   auto pair = SocketPair::Plain(options);
   ASSERT_TRUE(pair.accepted);
   EXPECT_TRUE(pair.client->SendTypedMessageZ2(-3, 32516, nullptr, 0));
-  Frame f = Read(*pair.accepted);
+  cFrame f = ReadFrame(*pair.accepted);
   EXPECT_TRUE(f.ok);
   EXPECT_EQ(f.type, -3);
   EXPECT_EQ(f.subtype, 32516);
-  EXPECT_EQ(f.payload, "");
+  EXPECT_EQ(f.data, "");
   EXPECT_TRUE(pair.accepted->SendTypedMessageZ2(102, 1, "x", 1));
-  EXPECT_EQ(Read(*pair.client).payload, "x");
+  EXPECT_EQ(ReadFrame(*pair.client).data, "x");
   EXPECT_EQ(pair.client->PeerPort(), pair.listener->LocalPort());
   EXPECT_EQ(pair.accepted->PeerPort(), pair.client->LocalPort());
   EXPECT_EQ(pair.client->PeerAddress(), "127.0.0.1");
@@ -67,10 +67,10 @@ TEST(StreamSocketTest, SingleAndBatchedFramesRoundTripAndOversizeSendsAreRefused
   auto send = std::async(std::launch::async,
                          [&] { return pair.client->SendTypedMessages(frames, StreamSocket::kMaxBatch); });
   for (std::size_t i = 0; i < StreamSocket::kMaxBatch; ++i) {
-    f = Read(*pair.accepted);
+    f = ReadFrame(*pair.accepted);
     ASSERT_TRUE(f.ok) << i;
     EXPECT_EQ(f.type, static_cast<short>(100 + i));
-    EXPECT_EQ(f.payload, payloads[i]) << i;
+    EXPECT_EQ(f.data, payloads[i]) << i;
   }
   EXPECT_TRUE(send.get());
 
@@ -81,13 +81,13 @@ TEST(StreamSocketTest, SingleAndBatchedFramesRoundTripAndOversizeSendsAreRefused
   StreamSocket::cOutgoingFrame bad[2] = {{1, 0, "ok", 2}, {2, 0, big.data(), static_cast<unsigned>(big.size())}};
   EXPECT_FALSE(pair.client->SendTypedMessages(bad, 2));
   EXPECT_TRUE(pair.client->SendTypedMessageZ2(3, 0, big.data(), 200'000));
-  f = Read(*pair.accepted);
+  f = ReadFrame(*pair.accepted);
   EXPECT_EQ(f.type, 3);
-  EXPECT_EQ(f.payload.size(), 200'000u);
+  EXPECT_EQ(f.data.size(), 200'000u);
 
   // A close by the peer ends the read with false; sends after a local close fail.
   pair.client->CloseSocket();
-  EXPECT_FALSE(Read(*pair.accepted).ok);
+  EXPECT_FALSE(ReadFrame(*pair.accepted).ok);
   EXPECT_FALSE(pair.client->SendTypedMessageZ2(1, 0, "y", 1));
 }
 
@@ -95,18 +95,18 @@ TEST(StreamSocketTest, FramesComeOutWholeHoweverTheSegmentsCutThem) {
   auto raw = SocketPair::Raw();
   const std::string first = Wire(1, "first"), second = Wire(2, Payload(3000, 2));
   raw.peer->Send(first.substr(0, 7));  // part of a header
-  auto read = std::async(std::launch::async, [&] { return Read(*raw.accepted); });
+  auto read = std::async(std::launch::async, [&] { return ReadFrame(*raw.accepted); });
   EXPECT_EQ(read.wait_for(50ms), std::future_status::timeout);
   raw.peer->Send(first.substr(7) + second.substr(0, 25));  // the rest, and the start of the next
   ASSERT_EQ(read.wait_for(2s), std::future_status::ready);
-  EXPECT_EQ(read.get().payload, "first");
-  read = std::async(std::launch::async, [&] { return Read(*raw.accepted); });
+  EXPECT_EQ(read.get().data, "first");
+  read = std::async(std::launch::async, [&] { return ReadFrame(*raw.accepted); });
   EXPECT_EQ(read.wait_for(50ms), std::future_status::timeout);
   raw.peer->Send(second.substr(25));
   ASSERT_EQ(read.wait_for(2s), std::future_status::ready);
-  const Frame f = read.get();
+  const cFrame f = read.get();
   EXPECT_EQ(f.type, 2);
-  EXPECT_EQ(f.payload, Payload(3000, 2));
+  EXPECT_EQ(f.data, Payload(3000, 2));
 
   // Small frames around payloads larger than the read buffer (read partly from
   // the buffer, partly straight into their own), all written at once.
@@ -118,10 +118,10 @@ TEST(StreamSocketTest, FramesComeOutWholeHoweverTheSegmentsCutThem) {
   }
   auto writer = std::async(std::launch::async, [&] { raw.peer->Send(bytes); });
   for (int i = 0; i < 40; ++i) {
-    const Frame g = Read(*raw.accepted);
+    const cFrame g = ReadFrame(*raw.accepted);
     ASSERT_TRUE(g.ok) << i;
     EXPECT_EQ(g.type, i);
-    EXPECT_EQ(g.payload, payloads[i]) << i;
+    EXPECT_EQ(g.data, payloads[i]) << i;
   }
   writer.get();
 }
@@ -129,7 +129,7 @@ TEST(StreamSocketTest, FramesComeOutWholeHoweverTheSegmentsCutThem) {
 TEST(StreamSocketTest, CloseFromAnotherThreadEndsBlockedReadAndAccept) {
   auto pair = SocketPair::Plain();
   ASSERT_TRUE(pair.accepted);
-  auto read = std::async(std::launch::async, [&] { return Read(*pair.accepted).ok; });
+  auto read = std::async(std::launch::async, [&] { return ReadFrame(*pair.accepted).ok; });
   auto accept = std::async(std::launch::async, [&] { return pair.listener->Accept(TestOptions()); });
   EXPECT_EQ(read.wait_for(100ms), std::future_status::timeout);  // really blocked
   pair.accepted->CloseSocket();
@@ -148,8 +148,8 @@ TEST(StreamSocketTest, CloseFromAnotherThreadEndsBlockedReadAndAccept) {
   // frames; without a communication limit only the close can end it.
   auto raw = SocketPair::Raw(TestOptions(0));
   raw.peer->Send(Wire(6, "whole") + Wire(7, Payload(500, 1)).substr(0, 100));
-  EXPECT_EQ(Read(*raw.accepted).payload, "whole");
-  read = std::async(std::launch::async, [&] { return Read(*raw.accepted).ok; });
+  EXPECT_EQ(ReadFrame(*raw.accepted).data, "whole");
+  read = std::async(std::launch::async, [&] { return ReadFrame(*raw.accepted).ok; });
   EXPECT_EQ(read.wait_for(100ms), std::future_status::timeout);
   raw.accepted->CloseSocket();
   ASSERT_EQ(read.wait_for(2s), std::future_status::ready);
@@ -186,15 +186,15 @@ TEST(StreamSocketTest, ConcurrentSendersNeverInterleaveFrames) {
     });
   std::vector<int> next(kThreads, 0);
   for (int n = 0; n < kThreads * kFrames; ++n) {
-    const Frame f = Read(*pair.accepted);
+    const cFrame f = ReadFrame(*pair.accepted);
     ASSERT_TRUE(f.ok) << "frame " << n;
     ASSERT_GE(f.type, 0);
     ASSERT_LT(f.type, kThreads);
     int index = -1;
-    std::memcpy(&index, f.payload.data(), sizeof index);
+    std::memcpy(&index, f.data.data(), sizeof index);
     ASSERT_EQ(index, f.subtype);
     ASSERT_EQ(index, next[f.type]++) << "frames of one sender arrive in order";
-    ASSERT_EQ(f.payload.find_first_not_of(static_cast<char>('a' + f.type), sizeof index), std::string::npos)
+    ASSERT_EQ(f.data.find_first_not_of(static_cast<char>('a' + f.type), sizeof index), std::string::npos)
         << "frame body mixed with another frame";
   }
   for (auto& s : senders) s.join();
@@ -218,12 +218,12 @@ TEST(StreamSocketTest, BadMarkerOrOversizeLengthFailsTheReadAtOnce) {
     LogCapture log;
     auto raw = SocketPair::Raw(options);
     raw.peer->Send(WireHeader(row.marker, row.length));
-    auto read = std::async(std::launch::async, [&] { return Read(*raw.accepted).ok; });
+    auto read = std::async(std::launch::async, [&] { return ReadFrame(*raw.accepted).ok; });
     ASSERT_EQ(read.wait_for(2s), std::future_status::ready) << row.name;
     EXPECT_FALSE(read.get()) << row.name;
     EXPECT_TRUE(log.contains(row.logged)) << row.name;
     // The stream cannot be trusted any more: later reads fail too.
-    EXPECT_FALSE(Read(*raw.accepted).ok) << row.name;
+    EXPECT_FALSE(ReadFrame(*raw.accepted).ok) << row.name;
   }
 }
 
@@ -245,24 +245,24 @@ TEST(StreamSocketTest, IncompleteFrameTimesOutButAnIdleConnectionDoesNot) {
     auto raw = SocketPair::Raw(TestOptions(300));
     raw.peer->Send(row.bytes);
     if (row.wholeFrameFirst) {
-      EXPECT_EQ(Read(*raw.accepted).payload, "whole") << row.name;
+      EXPECT_EQ(ReadFrame(*raw.accepted).data, "whole") << row.name;
     }
     const auto start = SteadyClock::now();
-    auto read = std::async(std::launch::async, [&] { return Read(*raw.accepted).ok; });
+    auto read = std::async(std::launch::async, [&] { return ReadFrame(*raw.accepted).ok; });
     ASSERT_EQ(read.wait_for(5s), std::future_status::ready) << row.name;
     EXPECT_FALSE(read.get()) << row.name;
     EXPECT_GE(SteadyClock::now() - start, 250ms) << row.name;
   }
 
   auto raw = SocketPair::Raw(TestOptions(300));
-  auto read = std::async(std::launch::async, [&] { return Read(*raw.accepted); });
+  auto read = std::async(std::launch::async, [&] { return ReadFrame(*raw.accepted); });
   // Three time-outs of silence between frames do not end the connection.
   EXPECT_EQ(read.wait_for(900ms), std::future_status::timeout);
   raw.peer->Send(Wire(2, "ok"));
   ASSERT_EQ(read.wait_for(5s), std::future_status::ready);
-  const Frame f = read.get();
+  const cFrame f = read.get();
   EXPECT_TRUE(f.ok);
-  EXPECT_EQ(f.payload, "ok");
+  EXPECT_EQ(f.data, "ok");
 }
 
 TEST(StreamSocketTest, SimulatedLatencyDelaysFramesInTurn) {
@@ -278,7 +278,7 @@ TEST(StreamSocketTest, SimulatedLatencyDelaysFramesInTurn) {
   }
   EXPECT_GE(took[0], 150ms);
   EXPECT_GE(took[2], 150ms);  // the list cycles
-  for (int i = 0; i < 4; ++i) EXPECT_TRUE(Read(*pair.accepted).ok);
+  for (int i = 0; i < 4; ++i) EXPECT_TRUE(ReadFrame(*pair.accepted).ok);
   // A close cuts a pending delay short.
   options.simulatedLatency = {nTime::cDiff::FromSeconds(30)};
   auto slow = SocketPair::Plain(options);
@@ -296,10 +296,10 @@ TEST(StreamSocketTest, LatencyReachesTheHandlerAndItsWarningsAreLimitedPerCycle)
   std::string bytes = Wire(2, "on time");
   for (int i = 0; i < 5; ++i) bytes += Wire(2, "late", NowUs() - 700'000);
   raw.peer->Send(bytes + Wire(2, "ahead", NowUs() + 5'000'000));  // a sender whose clock runs ahead
-  EXPECT_EQ(Read(*raw.accepted, &latency).payload, "on time");
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(Read(*raw.accepted, &latency).payload, "late");
+  EXPECT_EQ(ReadFrame(*raw.accepted, &latency).data, "on time");
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(ReadFrame(*raw.accepted, &latency).data, "late");
   EXPECT_TRUE(latency.seen.empty());  // worth a warning, below the threshold
-  EXPECT_EQ(Read(*raw.accepted, &latency).payload, "ahead");
+  EXPECT_EQ(ReadFrame(*raw.accepted, &latency).data, "ahead");
   ASSERT_EQ(latency.seen.size(), 1u);
   EXPECT_LT(latency.seen[0], nTime::cDiff::FromMilliseconds(-4000));
   // One warning line per cycle of the socket.

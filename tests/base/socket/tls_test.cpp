@@ -69,11 +69,11 @@ TEST_F(TlsFixture, MatchingCertificatesCarryFramesBothWays) {
     ASSERT_TRUE(clientOk) << host;
     ASSERT_TRUE(serverOk) << host;
     ASSERT_TRUE(client_->SendTypedMessageZ2(203, 32516, "lg01~9011", 10));
-    const auto request = Read(*accepted_);
+    const auto request = ReadFrame(*accepted_);
     EXPECT_EQ(request.type, 203) << host;
-    EXPECT_EQ(request.payload, std::string("lg01~9011", 10)) << host;
+    EXPECT_EQ(request.data, std::string("lg01~9011", 10)) << host;
     ASSERT_TRUE(accepted_->SendTypedMessageZ2(104, 32516, "", 1));
-    EXPECT_EQ(Read(*client_).type, 104) << host;
+    EXPECT_EQ(ReadFrame(*client_).type, 104) << host;
   }
 }
 
