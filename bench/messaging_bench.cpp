@@ -200,79 +200,74 @@ bool BusSendFailed(cBusSetup& bus) {
   return cBusSetup::Fail("acknowledged send", "failed with status " + std::to_string(bus.sender.NETGetLastStatus()));
 }
 
-// The bus and its floor of the same shape (local: one hop; remote: two).
-bool OpenBoth(const cBenchOptions& options, bool remote, cBusSetup& bus, cFloorSetup& floor) {
-  if (!bus.Open(options, remote)) return false;
-  return floor.Open(remote) || cBusSetup::Fail("floor", "relay did not start");
+// Calls `measure(bus, floor, path, size, payload)` for every path and size,
+// with the bus and its floor of the same shape open (local: one hop; remote:
+// two). Stops at the first case that fails.
+template <class Measure>
+bool ForEachCase(const cBenchOptions& options, Measure measure) {
+  for (const bool remote : {false, true}) {
+    cBusSetup bus;
+    cFloorSetup floor;
+    if (!bus.Open(options, remote)) return false;
+    if (!floor.Open(remote)) return cBusSetup::Fail("floor", "relay did not start");
+    const std::string path = remote ? "remote" : "local";
+    for (const std::size_t size : kSizes)
+      if (!measure(bus, floor, path, size, Payload(size))) return false;
+  }
+  return true;
 }
 
 bool RunLatency(const cBenchOptions& options, cBenchTable& table) {
-  for (const bool remote : {false, true}) {
-    cBusSetup bus;
-    cFloorSetup floor;
-    if (!OpenBoth(options, remote, bus, floor)) return false;
-    const std::string path = remote ? "remote" : "local";
-    for (const std::size_t size : kSizes) {
-      const std::vector<char> data = Payload(size);
-      const auto length = static_cast<unsigned>(size);
-      auto floorSend = [&] { return floor.sender.SendAcked(data.data(), length); };
-      auto busSend = [&] { return bus.sender.NETSendMessageZ1(data.data(), length, bus.destination.c_str()); };
-      const auto slice = options.caseBudget / kRounds;
-      std::vector<double> floorSamples;
-      std::vector<double> busSamples;
-      if (!WarmUp(floorSend)) return cBusSetup::Fail("floor", "acknowledged send failed");
-      if (!WarmUp(busSend)) return BusSendFailed(bus);
-      for (int round = 0; round < kRounds; ++round) {
-        if (!CollectLatency(slice, floorSend, floorSamples)) return cBusSetup::Fail("floor", "acknowledged send failed");
-        if (!CollectLatency(slice, busSend, busSamples)) return BusSendFailed(bus);
-      }
-      const cLatency floorResult{Percentile(floorSamples, 50), Percentile(floorSamples, 99), floorSamples.size()};
-      const cLatency busResult{Percentile(busSamples, 50), Percentile(busSamples, 99), busSamples.size()};
-      const std::string note = std::to_string(busResult.samples) + "/" + std::to_string(floorResult.samples) +
-                               " samples";
-      table.Add({"latency", path + " ack p50", SizeText(size), "us", busResult.p50, floorResult.p50, false, note});
-      table.Add({"latency", path + " ack p99", SizeText(size), "us", busResult.p99, floorResult.p99, false, note});
+  return ForEachCase(options, [&](cBusSetup& bus, cFloorSetup& floor, const std::string& path, std::size_t size,
+                                  const std::vector<char>& data) {
+    const auto length = static_cast<unsigned>(size);
+    auto floorSend = [&] { return floor.sender.SendAcked(data.data(), length); };
+    auto busSend = [&] { return bus.sender.NETSendMessageZ1(data.data(), length, bus.destination.c_str()); };
+    const auto slice = options.caseBudget / kRounds;
+    std::vector<double> floorSamples;
+    std::vector<double> busSamples;
+    if (!WarmUp(floorSend)) return cBusSetup::Fail("floor", "acknowledged send failed");
+    if (!WarmUp(busSend)) return BusSendFailed(bus);
+    for (int round = 0; round < kRounds; ++round) {
+      if (!CollectLatency(slice, floorSend, floorSamples)) return cBusSetup::Fail("floor", "acknowledged send failed");
+      if (!CollectLatency(slice, busSend, busSamples)) return BusSendFailed(bus);
     }
-  }
-  return true;
+    const cLatency floorResult{Percentile(floorSamples, 50), Percentile(floorSamples, 99), floorSamples.size()};
+    const cLatency busResult{Percentile(busSamples, 50), Percentile(busSamples, 99), busSamples.size()};
+    const std::string note = std::to_string(busResult.samples) + "/" + std::to_string(floorResult.samples) + " samples";
+    table.Add({"latency", path + " ack p50", SizeText(size), "us", busResult.p50, floorResult.p50, false, note});
+    table.Add({"latency", path + " ack p99", SizeText(size), "us", busResult.p99, floorResult.p99, false, note});
+    return true;
+  });
 }
 
 bool RunThroughput(const cBenchOptions& options, cBenchTable& table) {
-  for (const bool remote : {false, true}) {
-    cBusSetup bus;
-    cFloorSetup floor;
-    if (!OpenBoth(options, remote, bus, floor)) return false;
-    const std::string path = remote ? "remote" : "local";
-    for (const std::size_t size : kSizes) {
-      const std::vector<char> data = Payload(size);
-      const auto length = static_cast<unsigned>(size);
-      cThroughput floorResult;
-      cThroughput busResult;
-      const auto slice = options.caseBudget / kRounds;
-      for (int round = 0; round < kRounds; ++round) {
-        if (!MeasureThroughput(
-                slice, size, [&] { return floor.sender.Send(data.data(), length); },
-                [&] { return floor.receiver.Count(); },
-                [&](std::uint64_t target) { return floor.receiver.WaitForCount(target, kArrivalTimeout); },
-                floorResult))
-          return cBusSetup::Fail("floor", "one-way run failed");
-        if (!MeasureThroughput(
-                slice, size,
-                [&] { return bus.sender.NETSendMessageNoresponseZ1(data.data(), length, bus.destination.c_str()); },
-                [&] { return bus.receiver.Count(); },
-                [&](std::uint64_t target) { return bus.receiver.WaitForCount(target, kArrivalTimeout); },
-                busResult))
-          return cBusSetup::Fail("one-way send",
-                                 "failed with status " + std::to_string(bus.sender.NETGetLastStatus()));
-      }
-      char note[96];
-      std::snprintf(note, sizeof note, "%.1f/%.1f MiB/s, %llu msgs", busResult.MibPerSecond(size),
-                    floorResult.MibPerSecond(size), static_cast<unsigned long long>(busResult.messages));
-      table.Add({"throughput", path + " one-way", SizeText(size), "msg/s", busResult.MessagesPerSecond(),
-                 floorResult.MessagesPerSecond(), true, note});
+  return ForEachCase(options, [&](cBusSetup& bus, cFloorSetup& floor, const std::string& path, std::size_t size,
+                                  const std::vector<char>& data) {
+    const auto length = static_cast<unsigned>(size);
+    cThroughput floorResult;
+    cThroughput busResult;
+    const auto slice = options.caseBudget / kRounds;
+    for (int round = 0; round < kRounds; ++round) {
+      if (!MeasureThroughput(
+              slice, size, [&] { return floor.sender.Send(data.data(), length); },
+              [&] { return floor.receiver.Count(); },
+              [&](std::uint64_t target) { return floor.receiver.WaitForCount(target, kArrivalTimeout); }, floorResult))
+        return cBusSetup::Fail("floor", "one-way run failed");
+      if (!MeasureThroughput(
+              slice, size,
+              [&] { return bus.sender.NETSendMessageNoresponseZ1(data.data(), length, bus.destination.c_str()); },
+              [&] { return bus.receiver.Count(); },
+              [&](std::uint64_t target) { return bus.receiver.WaitForCount(target, kArrivalTimeout); }, busResult))
+        return cBusSetup::Fail("one-way send", "failed with status " + std::to_string(bus.sender.NETGetLastStatus()));
     }
-  }
-  return true;
+    char note[96];
+    std::snprintf(note, sizeof note, "%.1f/%.1f MiB/s, %llu msgs", busResult.MibPerSecond(size),
+                  floorResult.MibPerSecond(size), static_cast<unsigned long long>(busResult.messages));
+    table.Add({"throughput", path + " one-way", SizeText(size), "msg/s", busResult.MessagesPerSecond(),
+               floorResult.MessagesPerSecond(), true, note});
+    return true;
+  });
 }
 
 }  // namespace
