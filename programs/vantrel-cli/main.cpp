@@ -21,7 +21,7 @@
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/process.h"
 #include "vantrel/client/vantrelclientobj.h"
-#include "vantrel/client/vantrelini.h"
+#include "vantrel/base/config/vantrelini.h"
 #include "vantrel/support/associativearray.h"
 
 namespace {

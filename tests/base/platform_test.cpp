@@ -19,7 +19,7 @@ using vantrel::platform::cThread;
 namespace {
 
 struct Item : RWCollectable {
-  explicit Item(int v, std::atomic<int>* deleted = nullptr) : value(v), deleted(deleted) {}
+  explicit Item(int v, std::atomic<int>* deletedCount = nullptr) : value(v), deleted(deletedCount) {}
   ~Item() override {
     if (deleted) ++*deleted;
   }

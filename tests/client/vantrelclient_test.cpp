@@ -11,7 +11,7 @@
 #include "tests/support/testutil.h"
 #include "vantrel/client/vantrelclientobj.h"
 #include "vantrel/client/vantrelclientobjimp.h"
-#include "vantrel/client/vantrelini.h"
+#include "vantrel/base/config/vantrelini.h"
 
 using vantrel::test::LogCapture;
 using vantrel::test::ScopedEnv;
@@ -336,7 +336,7 @@ TEST(ClientQueue, AckQueueKeepsOnlyTheNewestEntries) {
 
 TEST(ClientQueue, ClientsCollectionIsEmptiedByClientTerminate) {
   struct Counted : RWCollectable {
-    explicit Counted(int& count) : count(count) {}
+    explicit Counted(int& counter) : count(counter) {}
     ~Counted() override { ++count; }
     int& count;
   };

@@ -16,7 +16,8 @@
 #include <memory>
 
 #include "vantrel/base/platform/hostinfo.h"
-#include "vantrel/client/vantrelini.h"
+#include "vantrel/base/config/vantrelini.h"
+#include "vantrel/base/socket/socketoptions.h"
 
 extern char** environ;
 

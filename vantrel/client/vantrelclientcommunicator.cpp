@@ -4,9 +4,9 @@
 #include <exception>
 
 #include "vantrel/base/log/log.h"
-#include "vantrel/client/vantrelini.h"
+#include "vantrel/base/config/vantrelini.h"
+#include "vantrel/base/socket/socketoptions.h"
 #include "vantrel/message/typedmsg.h"
-#include "vantrel/supervision/Clock.h"
 
 CVantrelClientCommunicatorZ1::CVantrelClientCommunicatorZ1(iVantrelClientCommunicatorOwner* owner)
     : owner_(owner), socket_(false, std::string()) {}
@@ -102,7 +102,8 @@ void CVantrelClientCommunicatorZ1::StartReader() {
 }
 
 void CVantrelClientCommunicatorZ1::ReadLoop() {
-  auto* latency = nClock::gLatencyConfigurationLocal();
+  namespace sock = nCommunication::nSocket::nImplementation_sho;
+  auto* latency = sock::gLatencyConfiguration(sock::tLatencyPath::local);
   for (;;) {
     short type = 0;
     short subtype = 0;

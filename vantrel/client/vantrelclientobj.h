@@ -40,7 +40,7 @@ class VANTREL_API cVantrelClientObject {
   cVantrelClientObject(const cVantrelClientObject& other);
   cVantrelClientObject& operator=(const cVantrelClientObject& other);
   // Ends the session and destroys the implementation.
-  ~cVantrelClientObject();
+  virtual ~cVantrelClientObject();
 
   // Registers `clientName` with the service on this machine. `port` is the
   // service's client port; 0 means the environment variable

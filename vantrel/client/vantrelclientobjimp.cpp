@@ -9,7 +9,7 @@
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/socket/address.h"
 #include "vantrel/client/vantrelclientobj.h"
-#include "vantrel/client/vantrelini.h"
+#include "vantrel/base/config/vantrelini.h"
 
 namespace {
 

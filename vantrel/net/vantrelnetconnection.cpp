@@ -10,18 +10,20 @@
 #include "vantrel/base/env/envcontainer.h"
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/socket/address.h"
-#include "vantrel/client/vantrelini.h"
+#include "vantrel/base/config/vantrelini.h"
+#include "vantrel/base/socket/socketoptions.h"
 #include "vantrel/service/vantrelclass.h"
 #include "vantrel/service/vantrelclientinstance.h"
 #include "vantrel/service/vantreleventserver.h"
-#include "vantrel/supervision/Clock.h"
 #include "vantrel/supervision/restart.h"
 #include "vantrel/support/associativearray.h"
 #include "vantrel/net/VantrelToolKit.h"
 
 using namespace nVantrelLink;
 using nCommunication::nSocket::nImplementation_sho::cTlsSettings;
+using nCommunication::nSocket::nImplementation_sho::gLatencyConfiguration;
 using nCommunication::nSocket::nImplementation_sho::gSplitHostPort;
+using nCommunication::nSocket::nImplementation_sho::tLatencyPath;
 
 namespace {
 constexpr short kSend = 2;
@@ -124,7 +126,7 @@ void CVantrelClientConnection::doReading() {
   char* data = nullptr;
   unsigned length = 0;
   if (!registered_) {
-    if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, nClock::gLatencyConfigurationLocal())) {
+    if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, gLatencyConfiguration(tLatencyPath::local))) {
       {
         RQPMutexGuard guard(lock_);
         if (terminated_) return;  // closed by the service itself
@@ -139,7 +141,7 @@ void CVantrelClientConnection::doReading() {
   VantrelClientInstance* instance = instance_;  // set once by this thread in greet
   for (;;) {
     data = nullptr;
-    if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, nClock::gLatencyConfigurationLocal())) {
+    if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, gLatencyConfiguration(tLatencyPath::local))) {
       VLOG_INFO("CVantrelClientConnection::doReading - terminate");
       return;
     }
@@ -376,7 +378,7 @@ bool CVantrelHostConnection::receiveHandshake() {
   short subtype = 0;
   char* data = nullptr;
   unsigned length = 0;
-  if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, nClock::gLatencyConfigurationNet())) {
+  if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, gLatencyConfiguration(tLatencyPath::net))) {
     VLOG_ERROR("CVantrelHostConnection::doReading - Error receiving connection from host %s, No Data .",
                socket_.PeerAddress());
     connectedEvent_.Set();
@@ -430,7 +432,7 @@ void CVantrelHostConnection::doReading() {
     short subtype = 0;
     char* data = nullptr;
     unsigned length = 0;
-    if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, nClock::gLatencyConfigurationNet())) return;
+    if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, gLatencyConfiguration(tLatencyPath::net))) return;
     // The records made from the frame take its buffer over rather than copy it.
     tFrameData frame(data);
     if (subtype != kVersionMarker) {

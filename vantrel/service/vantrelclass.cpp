@@ -8,7 +8,7 @@
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/lockfile.h"
 #include "vantrel/base/socket/hostlookup.h"
-#include "vantrel/client/vantrelini.h"
+#include "vantrel/base/config/vantrelini.h"
 #include "vantrel/net/VantrelToolKit.h"
 #include "vantrel/net/vantrelnetconnection.h"
 #include "vantrel/service/vantrelconnectionkeeper.h"

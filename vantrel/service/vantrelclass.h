@@ -38,7 +38,7 @@ class VANTREL_API CVantrelClass {
   CVantrelClass();
   // Deletes the client listener, the net listener and the event server; the stop
   // routine must have run before.
-  ~CVantrelClass();
+  virtual ~CVantrelClass();
   CVantrelClass(const CVantrelClass&) = delete;
   CVantrelClass& operator=(const CVantrelClass&) = delete;
 

@@ -3,7 +3,8 @@
 #include <utility>
 
 #include "vantrel/base/log/log.h"
-#include "vantrel/client/vantrelini.h"
+#include "vantrel/base/config/vantrelini.h"
+#include "vantrel/base/socket/socketoptions.h"
 #include "vantrel/net/vantrelnetconnection.h"
 #include "vantrel/service/vantrelclass.h"
 

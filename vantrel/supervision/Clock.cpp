@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "vantrel/base/log/log.h"
-#include "vantrel/client/vantrelini.h"
+#include "vantrel/base/config/vantrelini.h"
 
 namespace nClock {
 
@@ -245,5 +245,20 @@ bool gIsProcessActivated() { return gActivated.load(std::memory_order_acquire) !
 
 iLatencyConfiguration* gLatencyConfigurationNet() { return cProcess::Instance().Net(); }
 iLatencyConfiguration* gLatencyConfigurationLocal() { return cProcess::Instance().Local(); }
+
+namespace {
+
+using nCommunication::nSocket::nImplementation_sho::tLatencyPath;
+
+iLatencyConfiguration* ProcessConfiguration(tLatencyPath path) {
+  return path == tLatencyPath::net ? gLatencyConfigurationNet() : gLatencyConfigurationLocal();
+}
+
+// Installed when the library is loaded: every socket reader of this process, in
+// the client library and in the service alike, measures against these.
+const bool gSourceInstalled =
+    (nCommunication::nSocket::nImplementation_sho::gSetLatencyConfigurationSource(&ProcessConfiguration), true);
+
+}  // namespace
 
 }  // namespace nClock

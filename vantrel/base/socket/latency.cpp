@@ -1,8 +1,23 @@
 #include "vantrel/base/socket/latency.h"
 
+#include <atomic>
+
 #include "vantrel/base/log/log.h"
 
 namespace nCommunication::nSocket::nImplementation_sho {
+
+namespace {
+std::atomic<tLatencyConfigurationSource> gSource{nullptr};
+}  // namespace
+
+void gSetLatencyConfigurationSource(tLatencyConfigurationSource source) {
+  gSource.store(source, std::memory_order_release);
+}
+
+iLatencyConfiguration* gLatencyConfiguration(tLatencyPath path) {
+  const auto source = gSource.load(std::memory_order_acquire);
+  return source == nullptr ? nullptr : source(path);
+}
 
 bool cLatencyLogLimiter::Allow(nTime::cPoint now, std::uint64_t& suppressed) {
   if (!logged_ || cycle_.IsZero() || now - last_ >= cycle_) {

@@ -61,4 +61,16 @@ class VANTREL_API iLatencyConfiguration {
   nTime::cDiff normalLogThreshold_;
 };
 
+// Which connections a configuration is for: local client connections or host links.
+enum class tLatencyPath { local, net };
+
+// Where readers find the process's latency configurations. The layer that owns
+// them (the clock resynchronisation) installs its source when the library is
+// loaded; before that, and in a process without one, readers get null and
+// measure nothing. The source must return configurations that live as long as
+// the process. Thread-safe; a later install replaces the source.
+using tLatencyConfigurationSource = iLatencyConfiguration* (*)(tLatencyPath path);
+VANTREL_API void gSetLatencyConfigurationSource(tLatencyConfigurationSource source);
+iLatencyConfiguration* gLatencyConfiguration(tLatencyPath path);
+
 }  // namespace nCommunication::nSocket::nImplementation_sho

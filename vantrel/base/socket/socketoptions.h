@@ -1,6 +1,6 @@
 #pragma once
-// Options a stream socket is connected or accepted with. Built by the settings
-// (gSocketOptionsNet / gSocketOptionsLocal) from six values; every field has an
+// Options a stream socket is connected or accepted with. Built from the settings
+// (gBuildSocketOptions, gSocketOptionsNet / gSocketOptionsLocal) from six values; every field has an
 // effect in the socket layer (docs/protocol.md, "Socket options"):
 //
 //  connectTimeout           bounds establishing a connection (and the TLS handshake)
@@ -25,20 +25,22 @@
 #include "vantrel/base/export.h"
 #include "vantrel/base/platform/time.h"
 
+class cVantrelIni;
+
 namespace nCommunication::nSocket::nImplementation_sho {
 
 struct VANTREL_API cSocketOptions {
   cSocketOptions() = default;
   // `simulatedLatency` null means "none".
-  cSocketOptions(nTime::cDiff connectTimeout, nTime::cDiff communicationTimeout,
-                 nTime::cDiff closedReactivationTimeout, nTime::cDiff sendBufferDeprecateTime,
-                 const std::vector<nTime::cDiff>* simulatedLatency, nTime::cDiff cycleLatencyThresholdLimit)
-      : connectTimeout(connectTimeout),
-        communicationTimeout(communicationTimeout),
-        closedReactivationTimeout(closedReactivationTimeout),
-        sendBufferDeprecateTime(sendBufferDeprecateTime),
-        simulatedLatency(simulatedLatency ? *simulatedLatency : std::vector<nTime::cDiff>{}),
-        cycleLatencyThresholdLimit(cycleLatencyThresholdLimit) {}
+  cSocketOptions(nTime::cDiff connect, nTime::cDiff communication, nTime::cDiff closedReactivation,
+                 nTime::cDiff sendBufferDeprecate, const std::vector<nTime::cDiff>* latencies,
+                 nTime::cDiff cycleLatencyLimit)
+      : connectTimeout(connect),
+        communicationTimeout(communication),
+        closedReactivationTimeout(closedReactivation),
+        sendBufferDeprecateTime(sendBufferDeprecate),
+        simulatedLatency(latencies ? *latencies : std::vector<nTime::cDiff>{}),
+        cycleLatencyThresholdLimit(cycleLatencyLimit) {}
 
   nTime::cDiff connectTimeout = nTime::cDiff::FromSeconds(10);
   nTime::cDiff communicationTimeout = nTime::cDiff::FromSeconds(10);
@@ -49,4 +51,15 @@ struct VANTREL_API cSocketOptions {
   std::uint32_t maxMessageSize = 4u * 1024u * 1024u;
 };
 
+// Socket options from `ini` with the given simulated-latency list (an empty list
+// is passed on as "none").
+cSocketOptions gBuildSocketOptions(const cVantrelIni& ini, const std::vector<nTime::cDiff>& simulatedLatency);
+
 }  // namespace nCommunication::nSocket::nImplementation_sho
+
+// Socket options of host links (network simulated latencies), from the process's
+// default settings.
+nCommunication::nSocket::nImplementation_sho::cSocketOptions gSocketOptionsNet();
+// Socket options of local client connections (local simulated latencies), from the
+// process's default settings.
+nCommunication::nSocket::nImplementation_sho::cSocketOptions gSocketOptionsLocal();

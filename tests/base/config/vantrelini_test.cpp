@@ -1,4 +1,4 @@
-#include "vantrel/client/vantrelini.h"
+#include "vantrel/base/config/vantrelini.h"
 
 #include <gtest/gtest.h>
 
@@ -8,10 +8,12 @@
 
 #include "tests/support/testutil.h"
 #include "vantrel/base/env/settings.h"
+#include "vantrel/base/socket/socketoptions.h"
 
 namespace {
 
 using nTime::cDiff;
+using nCommunication::nSocket::nImplementation_sho::gBuildSocketOptions;
 using vantrel::test::LogCapture;
 
 const std::string kRequiredOnly =
@@ -156,7 +158,7 @@ TEST(SocketOptionsBuilder, SixArgumentsInOrderAndNoneForAnEmptyList) {
       "CycleLatencyThresholdLimit_debug = 60000\nSimulatedLatencyNet_debug = 9 8 -1\nMaxMessageSize = 131072\n");
   const cSimulatedLatencyLocalContainer_debug local(*b.ini);
   EXPECT_EQ(nVantrelIni::gLatencyListArgument(local.List()), nullptr);  // "none"
-  const auto options = b.ini->BuildSocketOptions(local.List());
+  const auto options = gBuildSocketOptions(*b.ini, local.List());
   EXPECT_EQ(options.connectTimeout, Ms(1500));
   EXPECT_EQ(options.communicationTimeout, Ms(1500));
   EXPECT_EQ(options.closedReactivationTimeout, Ms(250));
@@ -167,7 +169,7 @@ TEST(SocketOptionsBuilder, SixArgumentsInOrderAndNoneForAnEmptyList) {
 
   const cSimulatedLatencyNetContainer_debug net(*b.ini);
   EXPECT_EQ(nVantrelIni::gLatencyListArgument(net.List()), &net.List());
-  EXPECT_EQ(AsMs(b.ini->BuildSocketOptions(net.List()).simulatedLatency), (std::vector<std::int64_t>{9, 8}));
+  EXPECT_EQ(AsMs(gBuildSocketOptions(*b.ini, net.List()).simulatedLatency), (std::vector<std::int64_t>{9, 8}));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "vantrel/client/vantrelini.h"
+#include "vantrel/base/config/vantrelini.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -162,15 +162,6 @@ void cVantrelIni::Read() {
   }
 }
 
-nCommunication::nSocket::nImplementation_sho::cSocketOptions cVantrelIni::BuildSocketOptions(
-    const std::vector<nTime::cDiff>& simulatedLatency) const {
-  nCommunication::nSocket::nImplementation_sho::cSocketOptions options(
-      socketCommunicationTimeout_, socketCommunicationTimeout_, socketClosedReactivationTimeout_,
-      socketSendBufferDeprecateTime_, gLatencyListArgument(simulatedLatency), cycleLatencyThresholdLimit_);
-  options.maxMessageSize = maxMessageSize_;
-  return options;
-}
-
 const cVantrelIni& cVantrelIni::Instance() {
   // Built under the static's own guard; never destroyed (see the header).
   static const cVantrelIni* const instance = new cVantrelIni();
@@ -208,11 +199,3 @@ nParallel::nImplementation_sho::cThreadAttributes gCommunicationThreadAttributes
 }
 
 int gIniTable() { return cVantrelIni::Instance().Table(); }
-
-nCommunication::nSocket::nImplementation_sho::cSocketOptions gSocketOptionsNet() {
-  return cVantrelIni::Instance().BuildSocketOptions(cSimulatedLatencyNetContainer_debug::Instance().List());
-}
-
-nCommunication::nSocket::nImplementation_sho::cSocketOptions gSocketOptionsLocal() {
-  return cVantrelIni::Instance().BuildSocketOptions(cSimulatedLatencyLocalContainer_debug::Instance().List());
-}

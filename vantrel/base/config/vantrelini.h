@@ -19,7 +19,6 @@
 #include "vantrel/base/export.h"
 #include "vantrel/base/platform/thread.h"
 #include "vantrel/base/platform/time.h"
-#include "vantrel/base/socket/socketoptions.h"
 
 namespace nVantrelIni {
 
@@ -88,11 +87,6 @@ class cVantrelIni {
   bool VerifyClientCertificate() const { return verifyClientCertificate_; }
   std::uint32_t MaxMessageSize() const { return maxMessageSize_; }
 
-  // Socket options from these settings with the given simulated-latency list
-  // (an empty list is passed on as "none").
-  nCommunication::nSocket::nImplementation_sho::cSocketOptions BuildSocketOptions(
-      const std::vector<nTime::cDiff>& simulatedLatency) const;
-
  private:
   void Read();
 
@@ -153,7 +147,3 @@ VANTREL_API nParallel::nImplementation_sho::cThreadAttributes gCommunicationThre
 // ---- internal accessors ----
 // Handle of the settings table, for further look-ups (clock resynchronisation).
 int gIniTable();
-// Socket options of host links (network simulated latencies).
-nCommunication::nSocket::nImplementation_sho::cSocketOptions gSocketOptionsNet();
-// Socket options of local client connections (local simulated latencies).
-nCommunication::nSocket::nImplementation_sho::cSocketOptions gSocketOptionsLocal();
