@@ -4,7 +4,6 @@
 // subcommand. Each subcommand is one class below, registered in main(); a new
 // one needs its class and one line there.
 #include <CLI/CLI.hpp>
-#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -20,6 +19,7 @@
 
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/process.h"
+#include "vantrel/base/platform/terminal.h"
 #include "vantrel/client/vantrelclientobj.h"
 #include "vantrel/base/config/vantrelini.h"
 #include "vantrel/support/associativearray.h"
@@ -323,7 +323,7 @@ class cCopy : public iCommand {
       done.notify_all();
     });
 
-    const bool terminal = ::isatty(::fileno(stderr)) != 0;
+    const bool terminal = vantrel::platform::StandardErrorIsTerminal();
     const auto deadline = start + std::chrono::milliseconds(timeoutMs_);
     bool timedOut = false;
     {
@@ -418,17 +418,8 @@ class cCopy : public iCommand {
 // read. This program's standard output is for results that scripts read, so the
 // block goes to standard error instead.
 void ReadSettingsQuietly() {
-  std::fflush(stdout);
-  const int saved = ::dup(STDOUT_FILENO);
-  if (saved < 0 || ::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
-    if (saved >= 0) ::close(saved);
-    (void)gVantrelUseOpenSsl();
-    return;
-  }
+  const vantrel::platform::cStandardOutputToError redirect;
   (void)gVantrelUseOpenSsl();
-  std::fflush(stdout);
-  ::dup2(saved, STDOUT_FILENO);
-  ::close(saved);
 }
 
 int main(int argc, char** argv) {

@@ -7,10 +7,8 @@
 // 2 start-up failed (ports busy, host name unresolvable, bad options);
 // 42 an unrecoverable socket failure (a relaunched successor takes over).
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <pthread.h>
 #include <string>
 #include <vector>
 
@@ -19,6 +17,8 @@
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/socket/streamsocket.h"
 #include "vantrel/base/platform/manualevent.h"
+#include "vantrel/base/platform/process.h"
+#include "vantrel/base/platform/stoprequest.h"
 #include "vantrel/base/platform/thread.h"
 #include "vantrel/service/vantrelclass.h"
 #include "vantrel/supervision/Clock.h"
@@ -124,16 +124,11 @@ int main(int argc, char** argv) {
   vantrel::log::SetFlushEveryLine(true);
   vantrel::log::Configure(logLevel, logFile);
   // Must be set before the settings are read for the first time.
-  if (!config.empty()) setenv("VANTREL_INI", config.c_str(), 1);
+  if (!config.empty()) RQPSetEnvironment("VANTREL_INI", config);
 
-  // Signals are taken by a waiting thread, not a handler: block them here so
-  // that every thread started later inherits the mask.
-  std::signal(SIGPIPE, SIG_IGN);
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  // Stop requests are taken by this thread once the service runs, never by a
+  // handler; blocked here, before any thread starts, so every thread inherits it.
+  vantrel::platform::BlockStopRequests();
 
   nClock::gActivateProcess();
   if (waitForPorts) WaitForPorts(clientsPort, netPort);
@@ -151,8 +146,7 @@ int main(int argc, char** argv) {
       VLOG_INFO("vantrel ready: clients port %d, net port %d, host %s", service.GetClientsPortZ5181(),
                 service.GetNetPortZ5181(), service.GetAddressHostText());
       vantrel::log::Flush();
-      int signal = 0;
-      sigwait(&stopSignals, &signal);
+      const int signal = vantrel::platform::WaitForStopRequest();
       VLOG_INFO("vantrel - signal %d, stopping", signal);
       service.f_TerminateZ2();
       VLOG_INFO("vantrel - stopped");

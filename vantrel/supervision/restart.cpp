@@ -1,7 +1,5 @@
 #include "vantrel/supervision/restart.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <mutex>
@@ -30,7 +28,8 @@ void gRememberProcessArguments(int argc, char** argv) {
 bool gIsSystemdMainProcess() {
   // systemd gives every process it starts for a unit an invocation id; without
   // one, asking systemd would only cost time.
-  const char* invocation = getenv("INVOCATION_ID");
+  RQEnvContainerClass env;
+  const char* invocation = env.RQEGetEnv("INVOCATION_ID");
   if (invocation == nullptr || *invocation == '\0') return false;
   const std::string systemctl = RQPFindProgram("systemctl");
   if (systemctl.empty()) return false;
@@ -41,15 +40,14 @@ bool gIsSystemdMainProcess() {
   const auto at = run.output.find(prefix);
   if (at == std::string::npos) return false;
   const long mainPid = std::strtol(run.output.c_str() + at + prefix.size(), nullptr, 10);
-  return mainPid > 0 && mainPid == static_cast<long>(getpid());
+  return mainPid > 0 && mainPid == static_cast<long>(RQPCurrentProcessId());
 }
 
 std::string gRelaunchProgram() {
   RQEnvContainerClass env;
   const char* bin = env.RQEGetEnv("RQ_BIN");
   if (bin != nullptr && *bin != '\0') return env.RQERuntimeResolve("#(RQ_BIN)/vantrel");
-  const std::string self = RQPExecutablePath();
-  return self.empty() ? std::string("/proc/self/exe") : self;
+  return RQPExecutablePath();
 }
 
 std::vector<std::string> gRelaunchArguments() {
@@ -79,7 +77,7 @@ void gRestartVantrelProcess() {
   vantrel::log::Flush();
   // Not exit(): other threads are still running, and static destructors would
   // pull objects from under them.
-  _exit(kRestartExitCode);
+  RQPExitNow(kRestartExitCode);
 }
 
 }  // namespace nSupervision

@@ -1,7 +1,5 @@
 #include "vantrel/supervision/runvantrel.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -237,10 +235,8 @@ int gCheckVantrelProcesses(const std::vector<RQPProcessEntry>& entries, RQPProce
     }
   }
   if (!haveCaller && !RQPReadProcessEntry(self, caller)) {
+    caller = RQPCurrentProcessIdentity();
     caller.pid = self;
-    caller.realUid = static_cast<std::uint32_t>(getuid());
-    caller.effectiveUid = static_cast<std::uint32_t>(geteuid());
-    caller.sessionId = getsid(0);
   }
   cProcessIdentity callerIdentity;
   gIdentityOf(caller, callerIdentity);

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "vantrel/base/log/log.h"
+#include "vantrel/base/platform/process.h"
 
 #include "vantrel/base/env/defaultini.inc"
 
@@ -177,8 +178,8 @@ std::vector<std::string> gSearchPath(RQEnvContainerClass& env, const char* fileN
   const auto cwd = std::filesystem::current_path(ec);
   candidates.push_back(ec ? name : (cwd / name).string());
 
-  const auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-  if (!ec && exe.has_parent_path()) candidates.push_back((exe.parent_path() / name).string());
+  const std::filesystem::path exe = RQPExecutablePath();
+  if (exe.has_parent_path()) candidates.push_back((exe.parent_path() / name).string());
 
   candidates.push_back((std::filesystem::path(VANTREL_SYSCONFDIR) / name).string());
   return candidates;

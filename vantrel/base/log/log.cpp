@@ -4,13 +4,14 @@
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
 
-#include "vantrel/base/platform/thread.h"
 
 namespace vantrel::log {
 namespace {
@@ -102,6 +103,14 @@ bool Enabled(tQXLogMessageSeverity severity) {
   return severity >= level || gCapturing.load(std::memory_order_relaxed);
 }
 
+namespace {
+thread_local std::string tThreadName;
+}  // namespace
+
+void SetThreadName(const std::string& name) { tThreadName = name; }
+
+std::string ThreadName() { return tThreadName.empty() ? std::string("main") : tThreadName; }
+
 void Write(tQXLogMessageSeverity severity, const char* file, int line, std::string_view text) {
   State& s = state();
   std::shared_ptr<spdlog::logger> logger;
@@ -112,7 +121,7 @@ void Write(tQXLogMessageSeverity severity, const char* file, int line, std::stri
     InitFromEnvironmentLocked(s);
     logger = s.logger;
   }
-  const std::string thread = platform::cThread::CurrentName();
+  const std::string thread = ThreadName();
   logger->log(ToSpd(severity), "[{}] {}:{} {}", thread, BaseName(file), line, text);
 }
 
@@ -147,7 +156,10 @@ bool ParseLevel(std::string_view name, tQXLogMessageSeverity& out) {
       {"critical", QXLOG_CRITICAL}, {"off", QXLOG_OFF},
   };
   for (const auto& e : entries) {
-    if (name.size() == std::strlen(e.name) && strncasecmp(name.data(), e.name, name.size()) == 0) {
+    const auto sameLetter = [](char a, char b) {
+      return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+    };
+    if (std::equal(name.begin(), name.end(), e.name, e.name + std::strlen(e.name), sameLetter)) {
       out = e.level;
       return true;
     }

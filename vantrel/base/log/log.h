@@ -44,6 +44,12 @@ VANTREL_API void Flush();
 // program whose log file is watched (the service) writes every line through.
 VANTREL_API void SetFlushEveryLine(bool enabled);
 
+// The calling thread's name as log lines show it ("main" until one is set). The
+// thread layer sets it when it starts a named thread, so the log knows names
+// without knowing threads.
+VANTREL_API void SetThreadName(const std::string& name);
+VANTREL_API std::string ThreadName();
+
 // Tests capture what is logged: every line written while a sink is installed is
 // also handed to it (text only, without decoration). Not for production use.
 using CaptureSink = void (*)(void* context, tQXLogMessageSeverity severity, std::string_view text);

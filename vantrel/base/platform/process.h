@@ -92,8 +92,20 @@ VANTREL_API bool RQPEnumerateProcesses(std::vector<RQPProcessEntry>& entries, st
 VANTREL_API bool RQPReadProcessEntry(RQPProcessId pid, RQPProcessEntry& entry);
 
 VANTREL_API RQPProcessId RQPCurrentProcessId();
-// The running program's file; empty when it cannot be read.
+// The calling process as the process checks see it, read from the system's own
+// calls rather than the process table (for when the table cannot be read).
+VANTREL_API RQPProcessEntry RQPCurrentProcessIdentity();
+// The running program's file; a name of it that the system can still start
+// when its path cannot be read.
 VANTREL_API std::string RQPExecutablePath();
+// Sets an environment variable of this process (children inherit it). Call it
+// before other threads run: the environment is not guarded against concurrent
+// readers. false when the system refuses it.
+VANTREL_API bool RQPSetEnvironment(const std::string& name, const std::string& value);
+// Ends the process at once with `code`: no static destructors and no exit
+// handlers run, so threads still working are not pulled from under. Flush what
+// must survive first.
+[[noreturn]] VANTREL_API void RQPExitNow(int code);
 // The user name of `uid` from the password database. false when the uid has no
 // entry (errorCode 0) or the look-up failed (errorCode the system's code).
 VANTREL_API bool RQPUserName(std::uint32_t uid, std::string& name, int* errorCode = nullptr);

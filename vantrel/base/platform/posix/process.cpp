@@ -402,7 +402,26 @@ bool RQPEnumerateProcesses(std::vector<RQPProcessEntry>& entries, std::string* e
 
 RQPProcessId RQPCurrentProcessId() { return static_cast<RQPProcessId>(getpid()); }
 
-std::string RQPExecutablePath() { return ReadLink("/proc/self/exe"); }
+RQPProcessEntry RQPCurrentProcessIdentity() {
+  RQPProcessEntry self;
+  self.pid = RQPCurrentProcessId();
+  self.realUid = static_cast<std::uint32_t>(getuid());
+  self.effectiveUid = static_cast<std::uint32_t>(geteuid());
+  self.sessionId = getsid(0);
+  return self;
+}
+
+std::string RQPExecutablePath() {
+  // The link itself still starts this program when it cannot be read.
+  const std::string path = ReadLink("/proc/self/exe");
+  return path.empty() ? std::string("/proc/self/exe") : path;
+}
+
+bool RQPSetEnvironment(const std::string& name, const std::string& value) {
+  return setenv(name.c_str(), value.c_str(), 1) == 0;
+}
+
+void RQPExitNow(int code) { _exit(code); }
 
 bool RQPUserName(std::uint32_t uid, std::string& name, int* errorCode) {
   long size = sysconf(_SC_GETPW_R_SIZE_MAX);

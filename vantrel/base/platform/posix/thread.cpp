@@ -15,10 +15,6 @@
 #include "vantrel/base/log/log.h"
 
 namespace vantrel::platform {
-namespace {
-thread_local std::string tCurrentName;
-}
-
 // Shared between the handle and the running thread, so that a detached thread
 // (or one whose handle was reset) never touches freed memory.
 struct cThread::State {
@@ -51,7 +47,7 @@ void* ThreadMain(void* arg) {
     state->selfKnown = true;
     body = std::move(state->body);
   }
-  tCurrentName = state->name;
+  log::SetThreadName(state->name);
   pthread_setname_np(pthread_self(), state->name.substr(0, 15).c_str());
 
   try {
@@ -199,10 +195,10 @@ bool cThread::IsCurrentThread() const {
 
 const std::string& cThread::Name() const { return state_->name; }
 
-std::string cThread::CurrentName() { return tCurrentName.empty() ? std::string("main") : tCurrentName; }
+std::string cThread::CurrentName() { return log::ThreadName(); }
 
 void cThread::SetCurrentName(const std::string& name) {
-  tCurrentName = name;
+  log::SetThreadName(name);
   pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
 }
 
