@@ -2,6 +2,8 @@
 #   make run    install what is missing, build the release configuration, start the service
 #   make test   install what is missing, build, run the whole test suite
 PRESET ?= default
+# Extra cache settings for the configure step, e.g. CMAKE_ARGS=-DVANTREL_WERROR=ON
+CMAKE_ARGS ?=
 JOBS   ?= $(shell nproc)
 
 .PHONY: deps build test run install bench clean
@@ -10,7 +12,7 @@ deps:
 	@scripts/install-deps
 
 build: deps
-	cmake --preset $(PRESET)
+	cmake --preset $(PRESET) $(CMAKE_ARGS)
 	cmake --build --preset $(PRESET) -j $(JOBS)
 
 test: build
