@@ -2,17 +2,14 @@
 // Test helpers: a listener on a free loopback port and a connected pair of
 // stream sockets, a bare TCP peer that writes whatever bytes a test wants, and
 // options whose time-outs suit tests.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <memory>
 #include <string>
 
-#include "vantrel/base/socket/frame.h"
 #include "tests/support/frame.h"
+#include "vantrel/base/platform/socket.h"
+#include "vantrel/base/socket/frame.h"
 #include "vantrel/base/socket/streamsocket.h"
 
 namespace vantrel::test {
@@ -25,6 +22,13 @@ inline cSocketOptions TestOptions(int communicationMs = 2000) {
   options.connectTimeout = nTime::cDiff::FromMilliseconds(2000);
   options.communicationTimeout = nTime::cDiff::FromMilliseconds(communicationMs);
   return options;
+}
+
+// `size` letters that differ with `seed`.
+inline std::string Payload(std::size_t size, int seed) {
+  std::string s(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) s[i] = static_cast<char>('a' + (i * 7 + seed) % 26);
+  return s;
 }
 
 inline std::int64_t NowUs() { return nTime::cPoint::Now().EpochMicroseconds(); }
@@ -47,25 +51,26 @@ inline std::string Wire(short type, const std::string& payload, std::int64_t sen
   return WireHeader(sockets::kFrameMarker, static_cast<std::uint32_t>(payload.size()), type, sendTimeUs) + payload;
 }
 
-// A bare TCP connection to a loopback port.
+// A bare, blocking TCP connection to a loopback port.
 struct RawPeer {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  vantrel::platform::cUniqueSocket socket;
   explicit RawPeer(unsigned short port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    namespace platform = vantrel::platform;
+    const auto found = platform::gLookUp("127.0.0.1", port, platform::tLookup::eIPv4Only);
+    platform::cSocketResult result;
+    socket.Reset(platform::gOpenStreamSocket(platform::tAddressFamily::eIPv4, result));
+    EXPECT_TRUE(platform::gSetNonBlocking(socket.Get(), false).Ok());
+    EXPECT_TRUE(platform::gStartConnect(socket.Get(), found.addresses.at(0)).Ok());
   }
-  ~RawPeer() { ::close(fd); }
-  RawPeer(const RawPeer&) = delete;
-  RawPeer& operator=(const RawPeer&) = delete;
   void Send(const std::string& bytes) {
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-      const ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-      ASSERT_GT(n, 0);
-      done += static_cast<std::size_t>(n);
+    for (std::size_t done = 0; done < bytes.size();) {
+      vantrel::platform::cSendBuffer part{bytes.data() + done, bytes.size() - done};
+      vantrel::platform::cSocketResult result;
+      done += vantrel::platform::gSendGathered(socket.Get(), &part, 1, result);
+      if (result.fault == vantrel::platform::tSocketFault::eWouldBlock)
+        vantrel::platform::gPoll(socket.Get(), vantrel::platform::tReadiness::eWritable, nullptr, -1);
+      else
+        ASSERT_TRUE(result.Ok()) << result.Text();
     }
   }
 };
