@@ -51,24 +51,23 @@ inline std::string Wire(short type, const std::string& payload, std::int64_t sen
   return WireHeader(sockets::kFrameMarker, static_cast<std::uint32_t>(payload.size()), type, sendTimeUs) + payload;
 }
 
-// A bare, blocking TCP connection to a loopback port.
+// A bare TCP connection to a loopback port (the platform socket, unframed).
 struct RawPeer {
-  vantrel::platform::cUniqueSocket socket;
+  platform::cUniqueSocket socket;
   explicit RawPeer(unsigned short port) {
-    namespace platform = vantrel::platform;
-    const auto found = platform::gLookUp("127.0.0.1", port, platform::tLookup::eIPv4Only);
     platform::cSocketResult result;
     socket.Reset(platform::gOpenStreamSocket(platform::tAddressFamily::eIPv4, result));
-    EXPECT_TRUE(platform::gSetNonBlocking(socket.Get(), false).Ok());
-    EXPECT_TRUE(platform::gStartConnect(socket.Get(), found.addresses.at(0)).Ok());
+    platform::gSetNonBlocking(socket.Get(), false);  // connects at once
+    const auto loopback = platform::gLookUp("127.0.0.1", port, platform::tLookup::eIPv4Only);
+    EXPECT_TRUE(platform::gStartConnect(socket.Get(), loopback.addresses.at(0)).Ok());
   }
   void Send(const std::string& bytes) {
     for (std::size_t done = 0; done < bytes.size();) {
-      vantrel::platform::cSendBuffer part{bytes.data() + done, bytes.size() - done};
-      vantrel::platform::cSocketResult result;
-      done += vantrel::platform::gSendGathered(socket.Get(), &part, 1, result);
-      if (result.fault == vantrel::platform::tSocketFault::eWouldBlock)
-        vantrel::platform::gPoll(socket.Get(), vantrel::platform::tReadiness::eWritable, nullptr, -1);
+      platform::cSendBuffer rest{bytes.data() + done, bytes.size() - done};
+      platform::cSocketResult result;
+      done += platform::gSendGathered(socket.Get(), &rest, 1, result);
+      if (result.fault == platform::tSocketFault::eWouldBlock)
+        platform::gPoll(socket.Get(), platform::tReadiness::eWritable, nullptr, -1);
       else
         ASSERT_TRUE(result.Ok()) << result.Text();
     }
@@ -76,7 +75,7 @@ struct RawPeer {
 };
 
 struct SocketPair {
-  std::unique_ptr<StreamSocket> listener;
+  std::unique_ptr<StreamSocket> listener = std::make_unique<StreamSocket>(false, "listener");
   std::unique_ptr<StreamSocket> client;    // the connecting side
   std::unique_ptr<StreamSocket> accepted;  // the accepting side
   std::unique_ptr<RawPeer> peer;           // the connecting side of Raw()
@@ -84,7 +83,6 @@ struct SocketPair {
   // Plain pair on loopback; both ends use `options`.
   static SocketPair Plain(const cSocketOptions& options = TestOptions()) {
     SocketPair pair;
-    pair.Listen();
     pair.client = std::make_unique<StreamSocket>(false, "client");
     EXPECT_TRUE(pair.client->ConnectLocal(pair.listener->LocalPort(), options));
     pair.Accept(options);
@@ -94,17 +92,13 @@ struct SocketPair {
   // A bare peer that writes chosen bytes, and the socket that reads them.
   static SocketPair Raw(const cSocketOptions& options = TestOptions()) {
     SocketPair pair;
-    pair.Listen();
     pair.peer = std::make_unique<RawPeer>(pair.listener->LocalPort());
     pair.Accept(options);
     return pair;
   }
 
  private:
-  void Listen() {
-    listener = std::make_unique<StreamSocket>(false, "listener");
-    listener->CreateListenerSocket(0, c_Socket::eLoopbackOnly);
-  }
+  SocketPair() { listener->CreateListenerSocket(0, c_Socket::eLoopbackOnly); }
   void Accept(const cSocketOptions& options) {
     auto result = listener->Accept(options);
     EXPECT_TRUE(result.handle.has_value());

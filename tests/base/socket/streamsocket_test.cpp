@@ -55,7 +55,7 @@ TEST(StreamSocketTest, SingleAndBatchedFramesRoundTripAndOversizeSendsAreRefused
   StreamSocket::cOutgoingFrame frames[StreamSocket::kMaxBatch];
   for (std::size_t i = 0; i < StreamSocket::kMaxBatch; ++i)
     payloads.push_back(Payload(i == 10 ? 150'000 : i * 3, static_cast<int>(i)));
-  for (std::size_t i = 0; i < StreamSocket::kMaxBatch; ++i)
+  for (std::size_t i = 0; i < StreamSocket::kMaxBatch; ++i)  // after the vector has stopped growing
     frames[i] = {static_cast<short>(100 + i), 2, payloads[i].data(), static_cast<unsigned>(payloads[i].size())};
   auto send =
       std::async(std::launch::async, [&] { return pair.client->SendTypedMessages(frames, StreamSocket::kMaxBatch); });
@@ -98,7 +98,6 @@ TEST(StreamSocketTest, CloseFromAnotherThreadEndsBlockedReadAndAccept) {
   auto result = accept.get();
   EXPECT_FALSE(result.handle.has_value());
   EXPECT_EQ(result.status, tSocketStatus::eClosed);
-  EXPECT_FALSE(gValidate(std::move(result.handle)).handle.fIsValid());
   // The descriptor stays open until destruction.
   EXPECT_GE(pair.accepted->Handle(), 0);
 
@@ -159,47 +158,31 @@ TEST(StreamSocketTest, ConcurrentSendersNeverInterleaveFrames) {
   EXPECT_EQ(failures.load(), 0);
 }
 
-TEST(StreamSocketTest, ABadHeaderClosesTheConnectionAtOnce) {
-  // No communication limit: a reader that waited for more would wait for ever.
+TEST(StreamSocketTest, BrokenFramesFailTheReadButAnIdleConnectionDoesNot) {
+  // A bad header fails at once and closes the connection, even without a
+  // communication limit: the stream cannot be resynchronised.
   LogCapture log;
-  auto raw = SocketPair::Raw(TestOptions(0));
-  raw.peer->Send(WireHeader(0x47455420u /* "GET " */, 4));
-  auto read = std::async(std::launch::async, [&] { return ReadFrame(*raw.accepted).ok; });
-  ASSERT_EQ(read.wait_for(2s), std::future_status::ready);
-  EXPECT_FALSE(read.get());
+  auto bad = SocketPair::Raw(TestOptions(0));
+  bad.peer->Send(WireHeader(0x47455420u /* "GET " */, 4));
+  EXPECT_FALSE(ReadFrame(*bad.accepted).ok);
   EXPECT_TRUE(log.contains("bad frame marker 0x47455420"));
-  EXPECT_TRUE(raw.accepted->IsClosed());  // the stream cannot be resynchronised
-}
+  EXPECT_TRUE(bad.accepted->IsClosed());
 
-TEST(StreamSocketTest, IncompleteFrameTimesOutButAnIdleConnectionDoesNot) {
-  // Where the frame was cut decides nothing (the frame reader's tests show
-  // that); the buffered and the direct read path both have to time out.
-  const struct {
-    const char* name;
-    std::string bytes;
-  } rows[] = {
-      {"half a header", WireHeader(kFrameMarker, 4).substr(0, 10)},
-      {"part of a payload too large to buffer", Wire(7, Payload(100'000, 2)).substr(0, 30'000)},
-  };
-  for (const auto& row : rows) {
-    auto raw = SocketPair::Raw(TestOptions(300));
-    raw.peer->Send(row.bytes);
-    const auto start = SteadyClock::now();
-    auto read = std::async(std::launch::async, [&] { return ReadFrame(*raw.accepted).ok; });
-    ASSERT_EQ(read.wait_for(5s), std::future_status::ready) << row.name;
-    EXPECT_FALSE(read.get()) << row.name;
-    EXPECT_GE(SteadyClock::now() - start, 250ms) << row.name;
-  }
+  // Where a frame was cut decides nothing (the frame reader's tests show
+  // that): the rest must follow within the communication time-out.
+  auto cut = SocketPair::Raw(TestOptions(300));
+  cut.peer->Send(Wire(7, Payload(100'000, 2)).substr(0, 30'000));
+  const auto start = SteadyClock::now();
+  EXPECT_FALSE(ReadFrame(*cut.accepted).ok);
+  EXPECT_GE(SteadyClock::now() - start, 250ms);
 
-  auto raw = SocketPair::Raw(TestOptions(300));
-  auto read = std::async(std::launch::async, [&] { return ReadFrame(*raw.accepted); });
   // Three time-outs of silence between frames do not end the connection.
+  auto idle = SocketPair::Raw(TestOptions(300));
+  auto read = std::async(std::launch::async, [&] { return ReadFrame(*idle.accepted).data; });
   EXPECT_EQ(read.wait_for(900ms), std::future_status::timeout);
-  raw.peer->Send(Wire(2, "ok"));
+  idle.peer->Send(Wire(2, "ok"));
   ASSERT_EQ(read.wait_for(5s), std::future_status::ready);
-  const cFrame f = read.get();
-  EXPECT_TRUE(f.ok);
-  EXPECT_EQ(f.data, "ok");
+  EXPECT_EQ(read.get(), "ok");
 }
 
 TEST(StreamSocketTest, SimulatedLatencyDelaysFramesInTurn) {
