@@ -1,7 +1,6 @@
-#include <gtest/gtest.h>
-
 #include "vantrel/base/socket/address.h"
-#include "vantrel/base/socket/frame.h"
+
+#include <gtest/gtest.h>
 
 using namespace nCommunication::nSocket::nImplementation_sho;
 
@@ -52,28 +51,4 @@ TEST(CVantrelAddressTest, SplitsHostAndPortAtTheFirstDelimiter) {
     EXPECT_TRUE(hp.hasDelimiter) << bad;
     EXPECT_FALSE(hp.port.has_value()) << bad;
   }
-}
-
-TEST(FrameHeaderTest, RoundTripsInNetworkOrderAndChecksLimits) {
-  cFrameHeader header;
-  header.words = {kFrameMarker, 0x01020304u};
-  header.type = -2;
-  header.subtype = 0x7F04;
-  header.sendTimeMicroseconds = -5;
-  unsigned char raw[kFrameHeaderSize];
-  gEncodeFrameHeader(header, raw);
-  EXPECT_EQ(raw[0], 0x56);  // "VTM1", most significant byte first
-  EXPECT_EQ(raw[4], 0x01);
-  EXPECT_EQ(raw[7], 0x04);
-  EXPECT_EQ(raw[8], 0xFF);
-  const cFrameHeader back = gDecodeFrameHeader(raw);
-  EXPECT_EQ(back.words.length, 0x01020304u);
-  EXPECT_EQ(back.type, -2);
-  EXPECT_EQ(back.subtype, 0x7F04);
-  EXPECT_EQ(back.sendTimeMicroseconds, -5);
-
-  EXPECT_EQ(gCheckFrameHeader(back, 0x01020304u), tFrameCheck::eOk);
-  EXPECT_EQ(gCheckFrameHeader(back, 0x01020303u), tFrameCheck::eTooLong);
-  header.words.marker = 0x16030100u;  // a TLS record arriving on a plain socket
-  EXPECT_EQ(gCheckFrameHeader(header, 0xFFFFFFFFu), tFrameCheck::eBadMarker);
 }

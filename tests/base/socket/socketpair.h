@@ -2,17 +2,14 @@
 // Test helpers: a listener on a free loopback port and a connected pair of
 // stream sockets, a bare TCP peer that writes whatever bytes a test wants, and
 // options whose time-outs suit tests.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <memory>
 #include <string>
 
-#include "vantrel/base/socket/frame.h"
 #include "tests/support/frame.h"
+#include "vantrel/base/platform/socket.h"
+#include "vantrel/base/socket/frame.h"
 #include "vantrel/base/socket/streamsocket.h"
 
 namespace vantrel::test {
@@ -25,6 +22,13 @@ inline cSocketOptions TestOptions(int communicationMs = 2000) {
   options.connectTimeout = nTime::cDiff::FromMilliseconds(2000);
   options.communicationTimeout = nTime::cDiff::FromMilliseconds(communicationMs);
   return options;
+}
+
+// `size` letters that differ with `seed`.
+inline std::string Payload(std::size_t size, int seed) {
+  std::string s(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) s[i] = static_cast<char>('a' + (i * 7 + seed) % 26);
+  return s;
 }
 
 inline std::int64_t NowUs() { return nTime::cPoint::Now().EpochMicroseconds(); }
@@ -47,31 +51,31 @@ inline std::string Wire(short type, const std::string& payload, std::int64_t sen
   return WireHeader(sockets::kFrameMarker, static_cast<std::uint32_t>(payload.size()), type, sendTimeUs) + payload;
 }
 
-// A bare TCP connection to a loopback port.
+// A bare TCP connection to a loopback port (the platform socket, unframed).
 struct RawPeer {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  platform::cUniqueSocket socket;
   explicit RawPeer(unsigned short port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    platform::cSocketResult result;
+    socket.Reset(platform::gOpenStreamSocket(platform::tAddressFamily::eIPv4, result));
+    platform::gSetNonBlocking(socket.Get(), false);  // connects at once
+    const auto loopback = platform::gLookUp("127.0.0.1", port, platform::tLookup::eIPv4Only);
+    EXPECT_TRUE(platform::gStartConnect(socket.Get(), loopback.addresses.at(0)).Ok());
   }
-  ~RawPeer() { ::close(fd); }
-  RawPeer(const RawPeer&) = delete;
-  RawPeer& operator=(const RawPeer&) = delete;
   void Send(const std::string& bytes) {
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-      const ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-      ASSERT_GT(n, 0);
-      done += static_cast<std::size_t>(n);
+    for (std::size_t done = 0; done < bytes.size();) {
+      platform::cSendBuffer rest{bytes.data() + done, bytes.size() - done};
+      platform::cSocketResult result;
+      done += platform::gSendGathered(socket.Get(), &rest, 1, result);
+      if (result.fault == platform::tSocketFault::eWouldBlock)
+        platform::gPoll(socket.Get(), platform::tReadiness::eWritable, nullptr, -1);
+      else
+        ASSERT_TRUE(result.Ok()) << result.Text();
     }
   }
 };
 
 struct SocketPair {
-  std::unique_ptr<StreamSocket> listener;
+  std::unique_ptr<StreamSocket> listener = std::make_unique<StreamSocket>(false, "listener");
   std::unique_ptr<StreamSocket> client;    // the connecting side
   std::unique_ptr<StreamSocket> accepted;  // the accepting side
   std::unique_ptr<RawPeer> peer;           // the connecting side of Raw()
@@ -79,7 +83,6 @@ struct SocketPair {
   // Plain pair on loopback; both ends use `options`.
   static SocketPair Plain(const cSocketOptions& options = TestOptions()) {
     SocketPair pair;
-    pair.Listen();
     pair.client = std::make_unique<StreamSocket>(false, "client");
     EXPECT_TRUE(pair.client->ConnectLocal(pair.listener->LocalPort(), options));
     pair.Accept(options);
@@ -89,17 +92,13 @@ struct SocketPair {
   // A bare peer that writes chosen bytes, and the socket that reads them.
   static SocketPair Raw(const cSocketOptions& options = TestOptions()) {
     SocketPair pair;
-    pair.Listen();
     pair.peer = std::make_unique<RawPeer>(pair.listener->LocalPort());
     pair.Accept(options);
     return pair;
   }
 
  private:
-  void Listen() {
-    listener = std::make_unique<StreamSocket>(false, "listener");
-    listener->CreateListenerSocket(0, c_Socket::eLoopbackOnly);
-  }
+  SocketPair() { listener->CreateListenerSocket(0, c_Socket::eLoopbackOnly); }
   void Accept(const cSocketOptions& options) {
     auto result = listener->Accept(options);
     EXPECT_TRUE(result.handle.has_value());

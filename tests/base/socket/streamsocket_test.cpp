@@ -1,6 +1,5 @@
-// Stream sockets: framing both ways, buffered reads of frames that share or
-// straddle segments, batched sends, limits, time-outs, closes from other
-// threads and latency measurement.
+// Stream sockets: frames both ways, batched sends, limits, time-outs, closes
+// from other threads and latency measurement.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -20,12 +19,6 @@ using namespace vantrel::test;
 using SteadyClock = std::chrono::steady_clock;
 
 namespace {
-
-std::string Payload(std::size_t size, int seed) {
-  std::string s(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) s[i] = static_cast<char>('a' + (i * 7 + seed) % 26);
-  return s;
-}
 
 class RecordingLatency : public iLatencyConfiguration {
  public:
@@ -62,10 +55,10 @@ TEST(StreamSocketTest, SingleAndBatchedFramesRoundTripAndOversizeSendsAreRefused
   StreamSocket::cOutgoingFrame frames[StreamSocket::kMaxBatch];
   for (std::size_t i = 0; i < StreamSocket::kMaxBatch; ++i)
     payloads.push_back(Payload(i == 10 ? 150'000 : i * 3, static_cast<int>(i)));
-  for (std::size_t i = 0; i < StreamSocket::kMaxBatch; ++i)
+  for (std::size_t i = 0; i < StreamSocket::kMaxBatch; ++i)  // after the vector has stopped growing
     frames[i] = {static_cast<short>(100 + i), 2, payloads[i].data(), static_cast<unsigned>(payloads[i].size())};
-  auto send = std::async(std::launch::async,
-                         [&] { return pair.client->SendTypedMessages(frames, StreamSocket::kMaxBatch); });
+  auto send =
+      std::async(std::launch::async, [&] { return pair.client->SendTypedMessages(frames, StreamSocket::kMaxBatch); });
   for (std::size_t i = 0; i < StreamSocket::kMaxBatch; ++i) {
     f = ReadFrame(*pair.accepted);
     ASSERT_TRUE(f.ok) << i;
@@ -91,41 +84,6 @@ TEST(StreamSocketTest, SingleAndBatchedFramesRoundTripAndOversizeSendsAreRefused
   EXPECT_FALSE(pair.client->SendTypedMessageZ2(1, 0, "y", 1));
 }
 
-TEST(StreamSocketTest, FramesComeOutWholeHoweverTheSegmentsCutThem) {
-  auto raw = SocketPair::Raw();
-  const std::string first = Wire(1, "first"), second = Wire(2, Payload(3000, 2));
-  raw.peer->Send(first.substr(0, 7));  // part of a header
-  auto read = std::async(std::launch::async, [&] { return ReadFrame(*raw.accepted); });
-  EXPECT_EQ(read.wait_for(50ms), std::future_status::timeout);
-  raw.peer->Send(first.substr(7) + second.substr(0, 25));  // the rest, and the start of the next
-  ASSERT_EQ(read.wait_for(2s), std::future_status::ready);
-  EXPECT_EQ(read.get().data, "first");
-  read = std::async(std::launch::async, [&] { return ReadFrame(*raw.accepted); });
-  EXPECT_EQ(read.wait_for(50ms), std::future_status::timeout);
-  raw.peer->Send(second.substr(25));
-  ASSERT_EQ(read.wait_for(2s), std::future_status::ready);
-  const cFrame f = read.get();
-  EXPECT_EQ(f.type, 2);
-  EXPECT_EQ(f.data, Payload(3000, 2));
-
-  // Small frames around payloads larger than the read buffer (read partly from
-  // the buffer, partly straight into their own), all written at once.
-  std::vector<std::string> payloads;
-  std::string bytes;
-  for (int i = 0; i < 40; ++i) {
-    payloads.push_back(Payload(i % 10 == 5 ? 100'000 + i : static_cast<std::size_t>(i), i));
-    bytes += Wire(static_cast<short>(i), payloads.back());
-  }
-  auto writer = std::async(std::launch::async, [&] { raw.peer->Send(bytes); });
-  for (int i = 0; i < 40; ++i) {
-    const cFrame g = ReadFrame(*raw.accepted);
-    ASSERT_TRUE(g.ok) << i;
-    EXPECT_EQ(g.type, i);
-    EXPECT_EQ(g.data, payloads[i]) << i;
-  }
-  writer.get();
-}
-
 TEST(StreamSocketTest, CloseFromAnotherThreadEndsBlockedReadAndAccept) {
   auto pair = SocketPair::Plain();
   ASSERT_TRUE(pair.accepted);
@@ -140,7 +98,6 @@ TEST(StreamSocketTest, CloseFromAnotherThreadEndsBlockedReadAndAccept) {
   auto result = accept.get();
   EXPECT_FALSE(result.handle.has_value());
   EXPECT_EQ(result.status, tSocketStatus::eClosed);
-  EXPECT_FALSE(gValidate(std::move(result.handle)).handle.fIsValid());
   // The descriptor stays open until destruction.
   EXPECT_GE(pair.accepted->Handle(), 0);
 
@@ -201,68 +158,31 @@ TEST(StreamSocketTest, ConcurrentSendersNeverInterleaveFrames) {
   EXPECT_EQ(failures.load(), 0);
 }
 
-TEST(StreamSocketTest, BadMarkerOrOversizeLengthFailsTheReadAtOnce) {
-  // No communication limit: a reader that believed the length would wait for
-  // ever for the payload instead of failing.
-  cSocketOptions options = TestOptions(0);
-  options.maxMessageSize = 1024;
-  const struct {
-    const char* name;
-    std::uint32_t marker, length;
-    const char* logged;
-  } rows[] = {
-      {"plain text instead of a frame", 0x47455420u /* "GET " */, 4, "bad frame marker"},
-      {"length above the maximum", kFrameMarker, 0xFFFFFFF0u, "exceeds the maximum of 1024"},
-  };
-  for (const auto& row : rows) {
-    LogCapture log;
-    auto raw = SocketPair::Raw(options);
-    raw.peer->Send(WireHeader(row.marker, row.length));
-    auto read = std::async(std::launch::async, [&] { return ReadFrame(*raw.accepted).ok; });
-    ASSERT_EQ(read.wait_for(2s), std::future_status::ready) << row.name;
-    EXPECT_FALSE(read.get()) << row.name;
-    EXPECT_TRUE(log.contains(row.logged)) << row.name;
-    // The stream cannot be trusted any more: later reads fail too.
-    EXPECT_FALSE(ReadFrame(*raw.accepted).ok) << row.name;
-  }
-}
+TEST(StreamSocketTest, BrokenFramesFailTheReadButAnIdleConnectionDoesNot) {
+  // A bad header fails at once and closes the connection, even without a
+  // communication limit: the stream cannot be resynchronised.
+  LogCapture log;
+  auto bad = SocketPair::Raw(TestOptions(0));
+  bad.peer->Send(WireHeader(0x47455420u /* "GET " */, 4));
+  EXPECT_FALSE(ReadFrame(*bad.accepted).ok);
+  EXPECT_TRUE(log.contains("bad frame marker 0x47455420"));
+  EXPECT_TRUE(bad.accepted->IsClosed());
 
-TEST(StreamSocketTest, IncompleteFrameTimesOutButAnIdleConnectionDoesNot) {
-  const std::string header = WireHeader(kFrameMarker, 4);
-  const std::string large = Wire(7, Payload(100'000, 2));
-  const struct {
-    const char* name;
-    std::string bytes;
-    bool wholeFrameFirst;
-  } rows[] = {
-      {"half a header", header.substr(0, 10), false},
-      {"header without its payload", header, false},
-      {"part of a header after a whole frame", Wire(6, "whole") + header.substr(0, 12), true},
-      {"part of a payload after a whole frame", Wire(6, "whole") + Wire(7, "cut short").substr(0, 24), true},
-      {"part of a payload too large to buffer", large.substr(0, 30'000), false},
-  };
-  for (const auto& row : rows) {
-    auto raw = SocketPair::Raw(TestOptions(300));
-    raw.peer->Send(row.bytes);
-    if (row.wholeFrameFirst) {
-      EXPECT_EQ(ReadFrame(*raw.accepted).data, "whole") << row.name;
-    }
-    const auto start = SteadyClock::now();
-    auto read = std::async(std::launch::async, [&] { return ReadFrame(*raw.accepted).ok; });
-    ASSERT_EQ(read.wait_for(5s), std::future_status::ready) << row.name;
-    EXPECT_FALSE(read.get()) << row.name;
-    EXPECT_GE(SteadyClock::now() - start, 250ms) << row.name;
-  }
+  // Where a frame was cut decides nothing (the frame reader's tests show
+  // that): the rest must follow within the communication time-out.
+  auto cut = SocketPair::Raw(TestOptions(300));
+  cut.peer->Send(Wire(7, Payload(100'000, 2)).substr(0, 30'000));
+  const auto start = SteadyClock::now();
+  EXPECT_FALSE(ReadFrame(*cut.accepted).ok);
+  EXPECT_GE(SteadyClock::now() - start, 250ms);
 
-  auto raw = SocketPair::Raw(TestOptions(300));
-  auto read = std::async(std::launch::async, [&] { return ReadFrame(*raw.accepted); });
   // Three time-outs of silence between frames do not end the connection.
+  auto idle = SocketPair::Raw(TestOptions(300));
+  auto read = std::async(std::launch::async, [&] { return ReadFrame(*idle.accepted).data; });
   EXPECT_EQ(read.wait_for(900ms), std::future_status::timeout);
-  raw.peer->Send(Wire(2, "ok"));
+  idle.peer->Send(Wire(2, "ok"));
   ASSERT_EQ(read.wait_for(5s), std::future_status::ready);
-  const cFrame f = read.get();
-  EXPECT_TRUE(f.ok);
-  EXPECT_EQ(f.data, "ok");
+  EXPECT_EQ(read.get(), "ok");
 }
 
 TEST(StreamSocketTest, SimulatedLatencyDelaysFramesInTurn) {

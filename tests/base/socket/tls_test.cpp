@@ -43,7 +43,8 @@ class TlsFixture : public ::testing::Test {
   std::pair<bool, bool> Dial(const std::string& folder, const std::string& host, bool verifyServer) {
     client_ = std::make_unique<StreamSocket>(true, "tls-client");
     client_->SetTlsSettings({folder, verifyServer, false});
-    auto connected = std::async(std::launch::async, [&] { return client_->Connect(host, listener_->LocalPort(), options_); });
+    auto connected =
+        std::async(std::launch::async, [&] { return client_->Connect(host, listener_->LocalPort(), options_); });
     auto handshake = AcceptOne(accepted_);
     const bool clientOk = connected.get();
     if (!clientOk) accepted_->CloseSocket();
@@ -60,24 +61,8 @@ class TlsFixture : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(TlsFixture, MatchingCertificatesCarryFramesBothWays) {
-  authority_.WriteHostFolder(dir_.file("server"), {"localhost"}, {"127.0.0.1"});
-  authority_.WriteHostFolder(dir_.file("client"), {"client.test"}, {});
-  StartListener(dir_.file("server"), /*verifyClient=*/true);
-  for (const char* host : {"127.0.0.1", "localhost"}) {
-    const auto [clientOk, serverOk] = Dial(dir_.file("client"), host, true);
-    ASSERT_TRUE(clientOk) << host;
-    ASSERT_TRUE(serverOk) << host;
-    ASSERT_TRUE(client_->SendTypedMessageZ2(203, 32516, "lg01~9011", 10));
-    const auto request = ReadFrame(*accepted_);
-    EXPECT_EQ(request.type, 203) << host;
-    EXPECT_EQ(request.data, std::string("lg01~9011", 10)) << host;
-    ASSERT_TRUE(accepted_->SendTypedMessageZ2(104, 32516, "", 1));
-    EXPECT_EQ(ReadFrame(*client_).type, 104) << host;
-  }
-}
-
-TEST_F(TlsFixture, EachSideRejectsAPeerItCannotTrustOnlyWhenItVerifies) {
+TEST_F(TlsFixture, EachSideRejectsAPeerItCannotTrustOnlyWhenItVerifiesAndSessionsCarryFrames) {
+  authority_.WriteHostFolder(dir_.file("named"), {"localhost"}, {"127.0.0.1"});
   authority_.WriteHostFolder(dir_.file("server"), {"elsewhere.test"}, {"127.0.0.1"});
   stranger_.WriteHostFolder(dir_.file("stranger-server"), {"localhost"}, {"127.0.0.1"});
   authority_.WriteHostFolder(dir_.file("client"), {"client.test"}, {});
@@ -99,12 +84,19 @@ TEST_F(TlsFixture, EachSideRejectsAPeerItCannotTrustOnlyWhenItVerifies) {
       {"client without a certificate", "server", true, "bare", "127.0.0.1", false, false},
       {"client from an untrusted authority", "server", true, "stranger-client", "127.0.0.1", false, false},
       {"trusted client", "server", true, "client", "127.0.0.1", false, true},
+      {"both verified, server named by its name", "named", true, "client", "localhost", true, true},
   };
   LogCapture log;
   for (const auto& row : rows) {
     StartListener(dir_.file(row.server), row.verifyClient);
     const auto [clientOk, serverOk] = Dial(dir_.file(row.client), row.host, row.verifyServer);
     EXPECT_EQ(row.verifyClient ? serverOk : clientOk, row.accepted) << row.name;
+    if (clientOk && serverOk) {
+      ASSERT_TRUE(client_->SendTypedMessageZ2(203, 32516, "lg01~9011", 10)) << row.name;
+      EXPECT_EQ(ReadFrame(*accepted_).data, std::string("lg01~9011", 10)) << row.name;
+      ASSERT_TRUE(accepted_->SendTypedMessageZ2(104, 32516, "", 1)) << row.name;
+      EXPECT_EQ(ReadFrame(*client_).type, 104) << row.name;
+    }
   }
   EXPECT_TRUE(log.contains("handshake failed"));
   EXPECT_TRUE(log.contains("hostname mismatch"));

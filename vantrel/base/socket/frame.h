@@ -52,4 +52,14 @@ VANTREL_API cFrameHeader gDecodeFrameHeader(const unsigned char* in);
 enum class tFrameCheck { eOk, eBadMarker, eTooLong };
 VANTREL_API tFrameCheck gCheckFrameHeader(const cFrameHeader& header, std::uint32_t maxMessageSize);
 
+// One frame of a batch to send; the data stays the caller's.
+struct cOutgoingFrame {
+  short type = 0;
+  short subtype = 0;
+  const char* data = nullptr;
+  unsigned length = 0;
+};
+// The most frames one batch may hold.
+inline constexpr std::size_t kMaxFramesPerBatch = 64;
+
 }  // namespace nCommunication::nSocket::nImplementation_sho

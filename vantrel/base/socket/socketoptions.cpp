@@ -1,5 +1,7 @@
 #include "vantrel/base/socket/socketoptions.h"
 
+#include <algorithm>
+
 #include "vantrel/base/config/vantrelini.h"
 
 namespace nCommunication::nSocket::nImplementation_sho {
@@ -10,6 +12,14 @@ cSocketOptions gBuildSocketOptions(const cVantrelIni& ini, const std::vector<nTi
                          nVantrelIni::gLatencyListArgument(simulatedLatency), ini.CycleLatencyThresholdLimit());
   options.maxMessageSize = ini.MaxMessageSize();
   return options;
+}
+
+void gApplyConnectionOptions(vantrel::platform::tSocket socket, const cSocketOptions& options) {
+  vantrel::platform::gSetNoDelay(socket);
+  const std::int64_t ms = options.sendBufferDeprecateTime.Milliseconds();
+  if (ms > 0)
+    vantrel::platform::gSetUnacknowledgedTimeout(socket,
+                                                 static_cast<std::uint32_t>(std::min<std::int64_t>(ms, 0x7FFFFFFF)));
 }
 
 }  // namespace nCommunication::nSocket::nImplementation_sho

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "vantrel/base/export.h"
+#include "vantrel/base/platform/socket.h"
 #include "vantrel/base/platform/time.h"
 
 class cVantrelIni;
@@ -54,6 +55,11 @@ struct VANTREL_API cSocketOptions {
 // Socket options from `ini` with the given simulated-latency list (an empty list
 // is passed on as "none").
 cSocketOptions gBuildSocketOptions(const cVantrelIni& ini, const std::vector<nTime::cDiff>& simulatedLatency);
+
+// Sets what the options ask of a TCP connection, connected or accepted alike:
+// no delay for small segments, and the unacknowledged-data limit when
+// sendBufferDeprecateTime is set. The one place that sets TCP options.
+void gApplyConnectionOptions(vantrel::platform::tSocket socket, const cSocketOptions& options);
 
 }  // namespace nCommunication::nSocket::nImplementation_sho
 

@@ -1,14 +1,14 @@
 #include "vantrel/base/socket/tls.h"
 
 #include <openssl/err.h>
-#include <sys/stat.h>
+
+#include "vantrel/base/platform/file.h"
 
 namespace nCommunication::nSocket::nImplementation_sho {
 namespace {
 
 bool FileExists(const std::string& path) {
-  struct stat st {};
-  return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+  return vantrel::platform::gFileKind(path) == vantrel::platform::tFileKind::eRegular;
 }
 
 std::string Join(const std::string& folder, const char* file) {
@@ -61,8 +61,7 @@ cTlsContext::cTlsContext(tRole role, const cTlsSettings& settings) : role_(role)
     if (SSL_CTX_check_private_key(ctx_) != 1) fail("TLS: private key " + key + " does not match " + certificate);
   }
 
-  const bool needAuthority =
-      role == eServer ? settings.verifyClientCertificate : settings.verifyServerCertificate;
+  const bool needAuthority = role == eServer ? settings.verifyClientCertificate : settings.verifyServerCertificate;
   if (needAuthority || FileExists(authority)) {
     if (SSL_CTX_load_verify_locations(ctx_, authority.c_str(), nullptr) != 1)
       fail("TLS: cannot load certificate authorities " + authority);
@@ -72,10 +71,9 @@ cTlsContext::cTlsContext(tRole role, const cTlsSettings& settings) : role_(role)
     }
   }
   if (role == eServer)
-    SSL_CTX_set_verify(ctx_,
-                       settings.verifyClientCertificate ? SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT
-                                                        : SSL_VERIFY_NONE,
-                       nullptr);
+    SSL_CTX_set_verify(
+        ctx_, settings.verifyClientCertificate ? SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT : SSL_VERIFY_NONE,
+        nullptr);
   else
     SSL_CTX_set_verify(ctx_, settings.verifyServerCertificate ? SSL_VERIFY_PEER : SSL_VERIFY_NONE, nullptr);
 }

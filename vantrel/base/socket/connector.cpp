@@ -1,0 +1,72 @@
+#include "vantrel/base/socket/connector.h"
+
+#include <algorithm>
+
+#include "vantrel/base/log/log.h"
+#include "vantrel/base/socket/socketerror.h"
+
+namespace nCommunication::nSocket::nImplementation_sho {
+
+namespace platform = vantrel::platform;
+
+tConnectAttempt gAttemptConnect(platform::tSocket socket, const platform::cSocketAddress& address,
+                                std::int64_t deadlineUs, const cCloseSignal* closing,
+                                platform::cSocketResult& failure) {
+  failure = platform::gStartConnect(socket, address);
+  if (failure.fault == platform::tSocketFault::eInProgress) {
+    tWait wait = tWait::eError;
+    if (closing) {
+      wait = closing->Wait(socket, platform::tReadiness::eWritable, deadlineUs);
+    } else {
+      const platform::tPollResult poll = platform::gPoll(socket, platform::tReadiness::eWritable, nullptr, deadlineUs);
+      wait = poll == platform::tPollResult::eReady ? tWait::eReady : tWait::eTimeout;
+    }
+    if (wait == tWait::eClosed) return tConnectAttempt::eClosed;
+    failure = wait == tWait::eReady ? platform::gConnectOutcome(socket) : platform::gTimedOut();
+  }
+  if (failure.Ok()) return tConnectAttempt::eConnected;
+  return failure.fault == platform::tSocketFault::eRefused ? tConnectAttempt::eRefused : tConnectAttempt::eFailed;
+}
+
+platform::cUniqueSocket cConnector::Connect(const std::string& host, unsigned short port,
+                                            const cSocketOptions& options) const {
+  const platform::cLookupResult found = platform::gLookUp(host, port, platform::tLookup::eAnyFamily);
+  if (found.addresses.empty()) {
+    VLOG_ERROR("StreamSocket::Connect(%s) - cannot resolve host %s: %s", name_, host, found.error);
+    return {};
+  }
+
+  const std::int64_t reactivationDeadline =
+      gSteadyNowUs() + std::max<std::int64_t>(0, options.closedReactivationTimeout.Microseconds());
+  std::int64_t retryDelayUs = 50'000;
+  platform::cSocketResult lastFailure;
+  for (;;) {
+    bool refused = false;
+    for (const platform::cSocketAddress& address : found.addresses) {
+      platform::cSocketResult result;
+      platform::cUniqueSocket socket(platform::gOpenStreamSocket(address.family, result));
+      if (!socket.Valid()) throw cSocketError("StreamSocket::Connect - socket failed: " + result.Text());
+      switch (gAttemptConnect(socket.Get(), address, gDeadlineAfter(options.connectTimeout), &closing_, lastFailure)) {
+        case tConnectAttempt::eConnected:
+          return socket;
+        case tConnectAttempt::eClosed:
+          return {};
+        case tConnectAttempt::eRefused:
+          refused = true;
+          break;
+        case tConnectAttempt::eFailed:
+          break;
+      }
+    }
+    if (!refused || gSteadyNowUs() >= reactivationDeadline) {
+      VLOG_ERROR("StreamSocket::Connect(%s) - cannot connect to %s:%d: %s", name_, host, port, lastFailure.Text());
+      return {};
+    }
+    // The peer is not listening (yet); a restarting service comes back shortly.
+    const std::int64_t pauseUs = std::min(retryDelayUs, reactivationDeadline - gSteadyNowUs());
+    if (closing_.WaitFor(pauseUs)) return {};
+    retryDelayUs = std::min<std::int64_t>(retryDelayUs * 2, 500'000);
+  }
+}
+
+}  // namespace nCommunication::nSocket::nImplementation_sho
