@@ -26,7 +26,7 @@ constexpr short kMarker = 0x7F04;
 // Collects what the handler posts; tracks how many chunks await a "D".
 class ScriptedLink : public iFileTransferLink {
  public:
-  void PostFileEvent(VantrelHostEvent* event) override {
+  void PostFileEvent(std::unique_ptr<VantrelHostEvent> event) override {
     std::lock_guard<std::mutex> lock(mutex_);
     const unsigned length = event->getDatalen();
     const char marker = length > 0 ? event->getData()[length - 1] : '\0';
@@ -34,7 +34,7 @@ class ScriptedLink : public iFileTransferLink {
       ++chunks_;
       maxUnacknowledged_ = std::max(maxUnacknowledged_, chunks_ - acks_);
     }
-    events_.emplace_back(event);
+    events_.push_back(std::move(event));
     cond_.notify_all();
   }
   void acknowledged() {

@@ -22,7 +22,7 @@ bool Send(VantrelClientInstance& from, std::uint32_t id, const char* toClient, s
 
 class ClientInstanceTest : public ::testing::Test {
  protected:
-  CVantrelEventServer server{nullptr};
+  CVantrelEventServer server;
   FakeClientLink aliceLink{"alice"};
   FakeClientLink bobLink{"bob"};
   VantrelClientInstance alice{"alice", &aliceLink, &server};

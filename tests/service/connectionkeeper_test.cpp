@@ -7,7 +7,7 @@
 #include <functional>
 
 #include "tests/support/testutil.h"
-#include "vantrel/net/vantrelnetconnection.h"
+#include "vantrel/net/vantrelclientconnection.h"
 
 namespace vantrel::test {
 namespace {
@@ -36,8 +36,8 @@ TEST(ConnectionKeeperTest, ReaperJoinsAndDeletesWhatEndedAndShutdownTheRest) {
   keeper.Start();
   auto* ended = new CountedConnection(&deleted);
   auto* running = new CountedConnection(&deleted);
-  keeper.Adopt(ended);
-  keeper.Adopt(running);
+  keeper.Adopt(std::unique_ptr<iVantrelConnection>(ended));
+  keeper.Adopt(std::unique_ptr<iVantrelConnection>(running));
 
   keeper.Ended(ended);
   keeper.Ended(ended);  // a second report changes nothing
@@ -49,8 +49,7 @@ TEST(ConnectionKeeperTest, ReaperJoinsAndDeletesWhatEndedAndShutdownTheRest) {
 
   // A connection made while shutting down (a link opened by a reader that is
   // still running) is terminated and deleted as well.
-  auto* late = new CountedConnection(&deleted);
-  running->onTerminate = [&keeper, late] { keeper.Adopt(late); };
+  running->onTerminate = [&keeper, &deleted] { keeper.Adopt(std::make_unique<CountedConnection>(&deleted)); };
   keeper.Shutdown();
   EXPECT_EQ(deleted.load(), 3);
   EXPECT_EQ(keeper.Count(), 0u);
@@ -61,8 +60,8 @@ TEST(ClientConnectionTest, TerminateBeforeTheGreetingEndsTheReaderQuietlyAndOnly
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
   LogCapture log;
   {
-    CVantrelClientConnection connection(
-        nCommunication::nSocket::nImplementation_sho::cSocketHandle(fds[0], {}), nullptr);
+    CVantrelClientConnection connection(nCommunication::nSocket::nImplementation_sho::cSocketHandle(fds[0], {}),
+                                        std::make_shared<cVantrelConnectionContext>());
     connection.Start();
     // The reader waits for a greeting; closing from here must not look like a
     // client that never greeted (which restarts the whole process).

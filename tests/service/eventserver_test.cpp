@@ -23,7 +23,7 @@ VantrelClientEvent* ClientMessage(const char* client) {
 
 class EventServerTest : public ::testing::Test {
  protected:
-  CVantrelEventServer server{nullptr};
+  CVantrelEventServer server;
 };
 
 TEST_F(EventServerTest, HostEventIsKeptByTheCallerWhenNoLinkCanBeMade) {

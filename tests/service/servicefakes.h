@@ -6,7 +6,7 @@
 
 #include "vantrel/message/vantrelevents.h"
 #include "vantrel/service/vantreleventserver.h"
-#include "vantrel/service/vantrellinks.h"
+#include "vantrel/net/vantrellinks.h"
 
 namespace vantrel::test {
 
