@@ -59,7 +59,8 @@ class VANTREL_API CVantrelClass {
   // Ends the process with exit status 1 when TLS is on and no certificates
   // folder is set. Call once.
   virtual bool vInitZ1();
-  // Runs the derived class's stop operation; call it once, before destruction.
+  // Runs the derived class's stop operation; call it before destruction, on the
+  // thread that called vInitZ1.
   void f_TerminateZ2();
   // The stop operation: expected to call f_TerminateInternal.
   virtual void f_Terminate() = 0;
@@ -69,9 +70,9 @@ class VANTREL_API CVantrelClass {
   // Receives the busy-port text (`text` is valid for the call only); does
   // nothing here.
   virtual void ErrorMessageHandler(tQXLogMessageSeverity severity, const char* text);
-  // The busy-port check: pings this host's net port (up to 300 s), reports
-  // through ReportPortBusyError, then signals its end. vInitZ1 runs it on a
-  // thread of its own.
+  // The busy-port check in one call: pings this host's net port (blocking up to
+  // 300 s) and reports through ReportPortBusyError. vInitZ1 runs the same check
+  // on a thread of its own and waits for it at most 5 s.
   void BusyCheckFunc();
 
   // What vInitZ1 found: the local host name, its IPv4 address in dotted text,
@@ -103,9 +104,11 @@ class VANTREL_API CVantrelClass {
   virtual void ReportPortBusyError(unsigned short port, bool pinged);
   // Stop order: listeners closed, accept threads joined, router cleaned up
   // (links first, then clients), remaining connections terminated, joined and
-  // deleted. Idempotent; blocks until every connection thread has ended.
+  // deleted. Blocks until every thread of the service has ended (a slow join is
+  // logged, not abandoned); later calls return at once.
   void f_TerminateInternal();
-  // The busy-port text goes to the log only (relaunched services, "/s").
+  // The busy-port text goes to the log only (relaunched services, "/s"); set
+  // before vInitZ1.
   void SetReportToLogOnly(bool logOnly);
 
  private:
