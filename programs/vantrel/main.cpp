@@ -20,8 +20,8 @@
 #include "vantrel/base/platform/process.h"
 #include "vantrel/base/platform/stoprequest.h"
 #include "vantrel/base/platform/thread.h"
-#include "vantrel/service/vantrelclass.h"
 #include "vantrel/supervision/Clock.h"
+#include "vantrel/supervision/supervisedservice.h"
 
 namespace {
 
@@ -31,7 +31,7 @@ constexpr unsigned short kDefaultNetPort = 9011;
 constexpr long kRelaunchWaitMs = 30000;
 constexpr long kRelaunchProbeMs = 100;
 
-class cVantrelService : public CVantrelClass {
+class cVantrelService : public cSupervisedVantrelClass {
  public:
   explicit cVantrelService(bool logOnly) { SetReportToLogOnly(logOnly); }
   void f_Terminate() override { f_TerminateInternal(); }
@@ -70,7 +70,7 @@ unsigned short DefaultClientsPort() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CVantrelClass::RememberProcessArguments(argc, argv);
+  cSupervisedVantrelClass::RememberProcessArguments(argc, argv);
 
   // The relaunch arguments are not options in CLI11's sense; take them out first.
   bool waitForPorts = false;

@@ -1,5 +1,3 @@
-#include "vantrel/service/vantrelclientinstance.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -8,6 +6,8 @@
 
 #include "tests/service/servicefakes.h"
 #include "vantrel/message/packmsg.h"
+#include "vantrel/service/vantrelclientinstance.h"
+#include "vantrel/service/vantreleventserver.h"
 
 namespace vantrel::test {
 namespace {
@@ -15,14 +15,13 @@ namespace {
 // Sends `record` from the instance's client, as the connection's reader does.
 bool Send(VantrelClientInstance& from, std::uint32_t id, const char* toClient, short type,
           const char* toHost = "here~1") {
-  const cVantrelMessage record(id, toHost, toClient, "here~1", from.name().c_str(), QTYPE_CLIENT, type, 0, "hello",
-                               6);
+  const cVantrelMessage record(id, toHost, toClient, "here~1", from.name().c_str(), QTYPE_CLIENT, type, 0, "hello", 6);
   return from.handleMessage(record.getPackedBuf(), record.getPackedBufLen(), type, 0);
 }
 
 class ClientInstanceTest : public ::testing::Test {
  protected:
-  CVantrelEventServer server{nullptr};
+  CVantrelEventServer server;
   FakeClientLink aliceLink{"alice"};
   FakeClientLink bobLink{"bob"};
   VantrelClientInstance alice{"alice", &aliceLink, &server};
@@ -31,7 +30,9 @@ class ClientInstanceTest : public ::testing::Test {
 
 TEST_F(ClientInstanceTest, EachSendTypeGetsItsAnswerOrNone) {
   // Remote hosts cannot be reached: their sends must be answered (or not) here.
+  // This service's own names need no link at all.
   server.setLinkFactory([](const std::string&) -> iVantrelHostLink* { return nullptr; });
+  server.setLocalHost("here", "here~1");
   struct Case {
     short type;
     const char* toClient;
@@ -50,6 +51,8 @@ TEST_F(ClientInstanceTest, EachSendTypeGetsItsAnswerOrNone) {
       {3, "carol", "far~2", false, 0, 0, 0, nullptr},
       {2, "carol", "far~2", false, 103, 0, QTYPE_SYNC, "Error dispatching host event"},
       {4, "carol", "far~2", false, 103, 0, QTYPE_ASYNC, nullptr},
+      {2, "bob", "here~1", true, 102, 1, QTYPE_SYNC, "Error dispatching client event"},
+      {4, "bob", "here", true, 102, 1, QTYPE_ASYNC, nullptr},
   };
   std::uint32_t id = 40;
   for (const Case& c : cases) {

@@ -1,24 +1,16 @@
 #pragma once
 // Stand-ins for the connections, so that routing can be tested without sockets.
-#include <mutex>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "vantrel/message/vantrelevents.h"
-#include "vantrel/service/vantreleventserver.h"
-#include "vantrel/service/vantrellinks.h"
+#include "vantrel/net/vantrellinks.h"
 
 namespace vantrel::test {
 
-// Records the order in which fakes are terminated.
-struct TerminationLog {
-  std::mutex mutex;
-  std::vector<std::string> entries;
-  void add(const std::string& entry) {
-    std::lock_guard<std::mutex> guard(mutex);
-    entries.push_back(entry);
-  }
-};
+// The order in which fakes are terminated (by one thread: the clean-up's).
+using TerminationLog = std::vector<std::string>;
 
 // A client connection: what is queued for the client stays on its event queue.
 class FakeClientLink : public iVantrelClientLink {
@@ -27,7 +19,7 @@ class FakeClientLink : public iVantrelClientLink {
   void Terminate(bool wait) override {
     ++terminations;
     lastWait = wait;
-    if (log_ != nullptr) log_->add("client:" + name_);
+    if (log_ != nullptr) log_->push_back("client:" + name_);
   }
   // Takes the next queued event (null when none).
   std::unique_ptr<VantrelClientEvent> take() {
@@ -42,24 +34,22 @@ class FakeClientLink : public iVantrelClientLink {
   TerminationLog* log_;
 };
 
-// A link to another host that registers itself on construction, as real links do.
+// A link to another host that registers itself on construction and leaves the
+// router when it is terminated, as real links do.
 class FakeHostLink : public iVantrelHostLink {
  public:
-  FakeHostLink(CVantrelEventServer* server, std::string host, TerminationLog* log = nullptr)
-      : server_(server), host_(std::move(host)), log_(log) {
-    server_->registerHostEvent(host_.c_str(), this, kQueueHandler);
+  FakeHostLink(iVantrelRouter* router, std::string host, TerminationLog* log)
+      : router_(router), host_(std::move(host)), log_(log) {
+    router_->registerHostEvent(host_.c_str(), this, kQueueHandler);
   }
   std::string HostText() const override { return host_; }
-  void Terminate(bool wait) override {
-    ++terminations;
-    if (log_ != nullptr) log_->add("host:" + host_);
-    // Real links leave the registry from their termination.
-    server_->removeHost(this);
+  void Terminate(bool) override {
+    log_->push_back("host:" + host_);
+    router_->removeHost(this);
   }
-  int terminations = 0;
 
  private:
-  CVantrelEventServer* server_;
+  iVantrelRouter* router_;
   std::string host_;
   TerminationLog* log_;
 };

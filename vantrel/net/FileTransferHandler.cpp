@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "vantrel/base/log/log.h"
 #include "vantrel/net/VantrelToolKit.h"
@@ -46,9 +47,9 @@ bool CFileTransferHandler::Receiving() const {
 
 void CFileTransferHandler::post(const cVantrelMessage& request, bool back, const char* data, unsigned length,
                                 short type) {
-  VantrelHostEvent* event = back ? VantrelToolKit::CreateReturnHostEvent(request, data, length, type, QTYPE_SYNC)
-                                 : VantrelToolKit::CreateSendHostEvent(request, data, length, type, QTYPE_SYNC);
-  link_->PostFileEvent(event);
+  link_->PostFileEvent(std::unique_ptr<VantrelHostEvent>(
+      back ? VantrelToolKit::CreateReturnHostEvent(request, data, length, type, QTYPE_SYNC)
+           : VantrelToolKit::CreateSendHostEvent(request, data, length, type, QTYPE_SYNC)));
 }
 
 void CFileTransferHandler::reserveCredit() {
@@ -154,7 +155,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
                                                       QTYPE_SYNC));
     }
     reserveCredit();
-    link_->PostFileEvent(chunk.release());
+    link_->PostFileEvent(std::move(chunk));
     awaitCredit();
     if (last) {
       waitForWindow();
@@ -324,7 +325,7 @@ void CFileTransferHandler::HandleFileEvent(std::unique_ptr<VantrelHostEvent> eve
       return;
     case kChunk:
     case kLastChunk:
-      PutFileChunkEvent(event.release());
+      PutFileChunkEvent(std::move(event));
       return;
     case kAbort: {
       VLOG_INFO("CFileTransferHandler::HandleFileEvent - the sender aborts");
@@ -350,10 +351,10 @@ void CFileTransferHandler::HandleFileEvent(std::unique_ptr<VantrelHostEvent> eve
   }
 }
 
-void CFileTransferHandler::PutFileChunkEvent(VantrelHostEvent* event) {
+void CFileTransferHandler::PutFileChunkEvent(std::unique_ptr<VantrelHostEvent> event) {
   VLOG_DEBUG("CFileTransferHandler::PutFileChunkEvent");
   // A terminated queue deletes what it refuses.
-  chunks_.putEvent(event);
+  chunks_.putEvent(event.release());
 }
 
 void CFileTransferHandler::SetFileChunkEventAck() {

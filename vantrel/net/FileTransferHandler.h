@@ -12,9 +12,10 @@
 // end reports its final state. A receive that does not finish deletes the
 // partial file.
 //
-// Owner: the host link (one handler per link). Refers to, without owning, the
-// link through iFileTransferLink, where every answer is posted.
-// Threads: SendFile runs on the link's file writer, ReceiveFile on its file
+// Owner: the link's file-transfer worker (one handler per link). Refers to,
+// without owning, the link through iFileTransferLink, where every answer is
+// posted.
+// Threads: SendFile runs on the worker's file writer, ReceiveFile on its file
 // reader, HandleFileEvent on the link's reader, Stop/AbortReceive on whichever
 // thread terminates the link or restarts its file reader. Credits, window,
 // flags and the final state are guarded by the monitor (mutex_ + cond_).
@@ -32,8 +33,8 @@
 class iFileTransferLink {
  public:
   virtual ~iFileTransferLink() = default;
-  // Takes ownership of `event` and sends it to the peer in order.
-  virtual void PostFileEvent(VantrelHostEvent* event) = 0;
+  // Sends `event` to the peer after everything posted before it.
+  virtual void PostFileEvent(std::unique_ptr<VantrelHostEvent> event) = 0;
 };
 
 // Outcome of one SendFile: the completion state and the path it concerns.
@@ -78,8 +79,8 @@ class CFileTransferHandler {
   // The same for a message already rebuilt from its frame; the link's reader
   // comes this way, so a chunk reaches the file without another copy.
   void HandleFileEvent(std::unique_ptr<VantrelHostEvent> event);
-  // Queues a received chunk for ReceiveFile (takes ownership).
-  void PutFileChunkEvent(VantrelHostEvent* event);
+  // Queues a received chunk for ReceiveFile.
+  void PutFileChunkEvent(std::unique_ptr<VantrelHostEvent> event);
   // One chunk has been acknowledged: returns one credit.
   void SetFileChunkEventAck();
 

@@ -5,18 +5,27 @@
 #include <mutex>
 #include <utility>
 
+#include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/lockfile.h"
+#include "vantrel/base/platform/manualevent.h"
+#include "vantrel/base/platform/thread.h"
 #include "vantrel/base/socket/hostlookup.h"
-#include "vantrel/base/config/vantrelini.h"
+#include "vantrel/base/socket/socketoptions.h"
 #include "vantrel/net/VantrelToolKit.h"
+#include "vantrel/net/vantrelclientconnection.h"
+#include "vantrel/net/vantrelconnectioncontext.h"
 #include "vantrel/net/vantrelnetconnection.h"
+#include "vantrel/service/vantrelclientinstance.h"
 #include "vantrel/service/vantrelconnectionkeeper.h"
 #include "vantrel/service/vantreleventserver.h"
 #include "vantrel/service/vantrellistensockets.h"
-#include "vantrel/supervision/restart.h"
-#include "vantrel/supervision/runvantrel.h"
 
+using nCommunication::nSocket::nImplementation_sho::cSocketHandle;
+using nCommunication::nSocket::nImplementation_sho::cSocketOptions;
+using nCommunication::nSocket::nImplementation_sho::cTlsConnectionState;
+using nCommunication::nSocket::nImplementation_sho::cTlsSettings;
+using nCommunication::nSocket::nImplementation_sho::gBuildSocketOptions;
 using nCommunication::nSocket::nImplementation_sho::gGetHostByName;
 using nCommunication::nSocket::nImplementation_sho::gGetLocalHostName;
 using nCommunication::nSocket::nImplementation_sho::gPing;
@@ -26,91 +35,232 @@ constexpr long kBusyCheckWaitMs = 5000;
 constexpr double kBusyPingSeconds = 300;
 }  // namespace
 
-// Shared by the service object and the busy-check thread. Once the main thread
-// has abandoned the check, the thread sees `abandoned` under the mutex and never
-// touches the service object again.
-struct CVantrelClass::cBusyCheckState {
-  std::mutex mutex;
-  bool abandoned = false;
-  RQPManualEvent done;
-  std::string host;
-  unsigned short port = 0;
+// Everything the service object owns, and the factory of client sessions.
+// Owned by CVantrelClass. Threads: as CVantrelClass; every member the accept
+// and connection threads read is fixed before the first listener accepts, and
+// the connection context is immutable.
+class CVantrelClass::cCore : public iVantrelClientSessionFactory {
+ public:
+  cCore(CVantrelClass& owner, const cVantrelIni& ini, cSocketOptions netLinkOptions, cSocketOptions localOptions)
+      : service_(owner),
+        settings(ini),
+        netOptions(std::move(netLinkOptions)),
+        netListener(settings.UseOpenSsl(), netOptions, settings.CommunicationThreadAttributes(),
+                    [this](cSocketHandle&& handle, cTlsConnectionState tlsState) {
+                      CreateIncomingHostLink(std::move(handle), std::move(tlsState));
+                    }),
+        clientListener(
+            std::move(localOptions), settings.CommunicationThreadAttributes(),
+            [this](cSocketHandle&& handle, cTlsConnectionState) { CreateClientConnection(std::move(handle)); }) {
+    eventServer.setLinkFactory([this](const std::string& hostText) { return CreateOutgoingHostLink(hostText); });
+  }
+
+  ~cCore() override {
+    // Normally f_TerminateInternal has emptied the keeper already; connections
+    // refer to the router and the context, so they go first in any case.
+    keeper.Shutdown();
+    RQPUnlockFile(instanceLockFd);
+  }
+
+  std::unique_ptr<iVantrelClientSession> CreateClientSession(const std::string& name,
+                                                             iVantrelClientLink* link) override {
+    return std::make_unique<VantrelClientInstance>(name, link, &eventServer);
+  }
+
+  // Once the net port is known and before any listener accepts.
+  void BuildConnectionContext() {
+    auto built = std::make_shared<cVantrelConnectionContext>();
+    built->router = &eventServer;
+    built->owner = &keeper;
+    built->sessions = this;
+    CVantrelClass* service = &service_;
+    built->restartProcess = [service] { service->RestartProcess(); };
+    built->hostName = hostName;
+    built->addressHostText = addressHostText;
+    built->addressPortDelimiter = settings.AddressPortDelimiter();
+    built->netPort = netPort;
+    built->tls = tls;
+    built->netOptions = netOptions;
+    built->threadAttributes = settings.CommunicationThreadAttributes();
+    built->pingSeconds = CVantrelHostConnection::PingTimeoutSeconds();
+    context = std::move(built);
+    eventServer.setLocalHost(hostName, addressHostText);
+  }
+
+  // Make, adopt and start a connection. The router opens outgoing links while
+  // it holds its lock; the new link registers itself before this returns.
+  iVantrelHostLink* CreateOutgoingHostLink(const std::string& hostText) {
+    auto link = std::make_unique<CVantrelHostConnection>(hostText, context);
+    CVantrelHostConnection* started = link.get();
+    keeper.Adopt(std::move(link));
+    started->Start();
+    return started;
+  }
+  void CreateIncomingHostLink(cSocketHandle&& handle, cTlsConnectionState tlsState) {
+    auto link = std::make_unique<CVantrelHostConnection>(std::move(handle), std::move(tlsState), context);
+    CVantrelHostConnection* started = link.get();
+    keeper.Adopt(std::move(link));
+    started->Start();
+  }
+  void CreateClientConnection(cSocketHandle&& handle) {
+    auto connection = std::make_unique<CVantrelClientConnection>(std::move(handle), context);
+    CVantrelClientConnection* started = connection.get();
+    keeper.Adopt(std::move(connection));
+    started->Start();
+  }
+
+  void ReportPortBusyText(unsigned short port) {
+    const std::string text = fmt::sprintf(
+        "Port %d is in use by other application. Could not start Brenmark communication module.\n\nPlease free the "
+        "port or change the port number in brenmark.ini and try again.",
+        port);
+    VLOG_ERROR("%s", text);
+    if (!reportToLogOnly) {
+      // Where a desktop would show a message box, the text goes to standard error.
+      std::fprintf(stderr, "Brenmark Communication Initialization Error: %s\n", text.c_str());
+      std::fflush(stderr);
+    }
+    service_.ErrorMessageHandler(QXLOG_ERROR, text.c_str());
+  }
+
+  bool LockInstance() {
+    if (instanceLockFd >= 0) return true;
+    // One lock per net port: several services on one host (host~port addressing)
+    // are separate instances.
+    const bool global = VantrelToolKit::GetLocalHostOS() == "Win2000";
+    const std::string path = RQPRuntimeFolder(global) + "/QXVantrel-" + std::to_string(netPort) + ".lock";
+    std::string error;
+    const int handle = RQPLockFileExclusive(path, &error);
+    if (handle < 0) {
+      VLOG_INFO("CVantrelClass::IsOtherVantrelAlive - %s", error);
+      return false;
+    }
+    instanceLockFd = handle;
+    return true;
+  }
+
+  // Shared by the service object and the busy-check thread. Once the main thread
+  // has abandoned the check, the thread sees `abandoned` under the mutex and
+  // never touches the service object again.
+  struct cBusyCheckState {
+    std::mutex mutex;
+    bool abandoned = false;
+    RQPManualEvent done;
+    std::string host;
+    unsigned short port = 0;
+  };
+
+  CVantrelClass& service_;
+  const cVantrelIni settings;
+  const cSocketOptions netOptions;
+  unsigned short netPort = 0;
+  unsigned short clientsPort = 0;
+  bool reportToLogOnly = false;
+  cVantrelTlsChoice tls;
+  std::string hostName;
+  std::string hostAddress;
+  std::string addressHostText;
+  RQPManualEvent busyCheckDone;
+  vantrel::platform::cThread busyCheckThread;
+  std::shared_ptr<cBusyCheckState> busyState;
+  int instanceLockFd = -1;
+  bool stopped = false;
+  std::shared_ptr<const cVantrelConnectionContext> context;
+  // Connections refer to the router and the keeper: both outlive them.
+  CVantrelEventServer eventServer;
+  cVantrelConnectionKeeper keeper;
+  CVantrelNetListener netListener;
+  CVantrelClientListener clientListener;
 };
 
-CVantrelClass::CVantrelClass() {
-  eventServer = new CVantrelEventServer(this);
-  netListener = new CVantrelNetListener(this);
-  clientListener = new CVantrelClientListener(this);
-  keeper = new cVantrelConnectionKeeper();
-}
+CVantrelClass::CVantrelClass()
+    : core_(std::make_unique<cCore>(
+          *this, cVantrelIni::Instance(),
+          gBuildSocketOptions(cVantrelIni::Instance(), cSimulatedLatencyNetContainer_debug::Instance().List()),
+          gBuildSocketOptions(cVantrelIni::Instance(), cSimulatedLatencyLocalContainer_debug::Instance().List()))) {}
 
-CVantrelClass::~CVantrelClass() {
-  // Normally f_TerminateInternal has emptied the keeper already; connections
-  // refer to the event server, so they go first in any case.
-  keeper->Shutdown();
-  delete clientListener;
-  delete netListener;
-  delete eventServer;
-  delete keeper;
-  RQPUnlockFile(instanceLockFd);
-}
+CVantrelClass::CVantrelClass(const cVantrelIni& settings)
+    : core_(std::make_unique<cCore>(
+          *this, settings, gBuildSocketOptions(settings, cSimulatedLatencyNetContainer_debug(settings).List()),
+          gBuildSocketOptions(settings, cSimulatedLatencyLocalContainer_debug(settings).List()))) {}
 
-void CVantrelClass::RememberProcessArguments(int argc, char** argv) { gRememberProcessArguments(argc, argv); }
+CVantrelClass::~CVantrelClass() = default;
 
-static std::string AddressHostText(const std::string& host, unsigned short port) {
-  return host + gVantrelAddressPortDelimiter() + std::to_string(port);
+void CVantrelClass::SetNetPortZ5181(unsigned short port) { core_->netPort = port; }
+unsigned short CVantrelClass::GetNetPortZ5181() const { return core_->netPort; }
+void CVantrelClass::SetClientsPortZ5181(unsigned short port) { core_->clientsPort = port; }
+unsigned short CVantrelClass::GetClientsPortZ5181() const { return core_->clientsPort; }
+const std::string& CVantrelClass::GetHostName() const { return core_->hostName; }
+const std::string& CVantrelClass::GetHostAddress() const { return core_->hostAddress; }
+const std::string& CVantrelClass::GetAddressHostText() const { return core_->addressHostText; }
+void CVantrelClass::SetReportToLogOnly(bool logOnly) { core_->reportToLogOnly = logOnly; }
+
+static std::string AddressHostText(const std::string& host, const std::string& delimiter, unsigned short port) {
+  return host + delimiter + std::to_string(port);
 }
 
 bool CVantrelClass::vInitZ1() {
-  useOpenSsl = gVantrelUseOpenSsl();
-  if (useOpenSsl) {
+  cCore& core = *core_;
+  const cVantrelIni& settings = core.settings;
+  core.tls.useOpenSsl = settings.UseOpenSsl();
+  if (core.tls.useOpenSsl) {
     VLOG_INFO("Starting CVantrelClass::Init Using openssl");
-    const std::string path = gVantrelCertificatesPath();
+    const std::string& path = settings.CertificatesPath();
     if (path.empty()) {
       std::fputs("Certificates path is empty!\n", stderr);
       VLOG_ERROR("Certificates path is empty!");
       vantrel::log::Flush();
       std::exit(1);
     }
-    certificatesPath = path;
-    verifyServerCertificate = gVantrelVerifyServerCertificate();
-    if (verifyServerCertificate) VLOG_INFO("Using openssl and verify_server_certificate");
-    verifyClientCertificate = gVantrelVerifyClientCertificate();
-    if (verifyClientCertificate) VLOG_INFO("Using openssl and verify_client_certificate");
-    netListener->Socket().SetTlsSettings(nCommunication::nSocket::nImplementation_sho::cTlsSettings{
-        certificatesPath, verifyServerCertificate, verifyClientCertificate});
+    core.tls.certificatesPath = path;
+    core.tls.verifyServerCertificate = settings.VerifyServerCertificate();
+    if (core.tls.verifyServerCertificate) VLOG_INFO("Using openssl and verify_server_certificate");
+    core.tls.verifyClientCertificate = settings.VerifyClientCertificate();
+    if (core.tls.verifyClientCertificate) VLOG_INFO("Using openssl and verify_client_certificate");
+    core.netListener.Socket().SetTlsSettings(
+        cTlsSettings{path, core.tls.verifyServerCertificate, core.tls.verifyClientCertificate});
   }
 
-  hostName = gGetLocalHostName("host");
-  const auto address = gGetHostByName(hostName);
+  core.hostName = gGetLocalHostName("host");
+  const auto address = gGetHostByName(core.hostName);
   if (!address.has_value()) {
-    VLOG_ERROR("FAILD to start vantrel. Cannot get address for host %s", hostName);
+    VLOG_ERROR("FAILD to start vantrel. Cannot get address for host %s", core.hostName);
     std::fputs("FAILD to start vantrel. Cannot get address for host", stdout);
     std::fflush(stdout);
     return false;
   }
-  hostAddress = *address;
-  VLOG_INFO("CVantrelClass::Init - host: '%s', Address '%s'", hostName, hostAddress);
+  core.hostAddress = *address;
+  VLOG_INFO("CVantrelClass::Init - host: '%s', Address '%s'", core.hostName, core.hostAddress);
 
-  keeper->Start();
+  core.keeper.Start();
 
-  addressHostText = AddressHostText(hostName, netPort);
-  netListener->SetPort(netPort);
-  bool netStarted = false;
+  const std::string& delimiter = settings.AddressPortDelimiter();
+  core.addressHostText = AddressHostText(core.hostName, delimiter, core.netPort);
+  core.netListener.SetPort(core.netPort);
+  bool netListening = false;
   try {
-    netStarted = netListener->Start();
+    netListening = core.netListener.Listen();
+    if (netListening) {
+      if (core.netPort == 0) {
+        core.netPort = core.netListener.GetPort();
+        core.addressHostText = AddressHostText(core.hostName, delimiter, core.netPort);
+      }
+      // Every connection, from the first accepted one on, gets the final port.
+      core.BuildConnectionContext();
+      core.netListener.StartAccepting();
+    }
   } catch (const std::exception& e) {
-    VLOG_ERROR("CVantrelClass::Init - cannot listen on net port %d: %s", netPort, e.what());
+    VLOG_ERROR("CVantrelClass::Init - cannot listen on net port %d: %s", core.netPort, e.what());
     return false;
   }
-  if (!netStarted) {
-    VLOG_ERROR("CVantrelClass::Init - net port %d is in use", netPort);
-    busyCheckDone.Reset();
-    busyState = std::make_shared<cBusyCheckState>();
-    busyState->host = hostName;
-    busyState->port = netPort;
-    auto state = busyState;
-    busyCheckThread.Start(
+  if (!netListening) {
+    VLOG_ERROR("CVantrelClass::Init - net port %d is in use", core.netPort);
+    core.busyCheckDone.Reset();
+    core.busyState = std::make_shared<cCore::cBusyCheckState>();
+    core.busyState->host = core.hostName;
+    core.busyState->port = core.netPort;
+    auto state = core.busyState;
+    core.busyCheckThread.Start(
         [this, state] {
           const bool pinged = gPing(state->host, state->port, nTime::cDiff::FromSeconds(kBusyPingSeconds)).has_value();
           std::lock_guard<std::mutex> guard(state->mutex);
@@ -125,134 +275,79 @@ bool CVantrelClass::vInitZ1() {
       finished = state->done.Get();
       if (!finished) state->abandoned = true;
     }
-    busyCheckDone.Set();
+    core.busyCheckDone.Set();
     if (finished) {
-      busyCheckThread.Join();
+      core.busyCheckThread.Join();
     } else {
       // The ping may take its full time; the thread ends by itself.
-      busyCheckThread.Detach();
-      ReportPortBusyText(netPort);
+      core.busyCheckThread.Detach();
+      core.ReportPortBusyText(core.netPort);
     }
     return false;
   }
-  if (netPort == 0) {
-    netPort = netListener->GetPort();
-    addressHostText = AddressHostText(hostName, netPort);
-  }
 
-  clientListener->SetPort(clientsPort);
-  bool clientsStarted = false;
+  core.clientListener.SetPort(core.clientsPort);
+  bool clientsListening = false;
   try {
-    clientsStarted = clientListener->Start();
+    clientsListening = core.clientListener.Listen();
+    if (clientsListening) {
+      if (core.clientsPort == 0) core.clientsPort = core.clientListener.GetPort();
+      core.clientListener.StartAccepting();
+    }
   } catch (const std::exception& e) {
-    VLOG_ERROR("CVantrelClass::Init - cannot listen on clients port %d: %s", clientsPort, e.what());
+    VLOG_ERROR("CVantrelClass::Init - cannot listen on clients port %d: %s", core.clientsPort, e.what());
     return false;
   }
-  if (!clientsStarted) {
-    VLOG_ERROR("CVantrelClass::Init - clients port %d is in use", clientsPort);
-    ReportPortBusyError(clientsPort, false);
+  if (!clientsListening) {
+    VLOG_ERROR("CVantrelClass::Init - clients port %d is in use", core.clientsPort);
+    ReportPortBusyError(core.clientsPort, false);
     return false;
   }
-  if (clientsPort == 0) clientsPort = clientListener->GetPort();
   MarkVantrelAlive();
   return true;
 }
 
 void CVantrelClass::BusyCheckFunc() {
-  const bool pinged = gPing(hostName, netPort, nTime::cDiff::FromSeconds(kBusyPingSeconds)).has_value();
-  ReportPortBusyError(netPort, pinged);
-  busyCheckDone.Set();
+  const bool pinged = gPing(core_->hostName, core_->netPort, nTime::cDiff::FromSeconds(kBusyPingSeconds)).has_value();
+  ReportPortBusyError(core_->netPort, pinged);
+  core_->busyCheckDone.Set();
 }
 
 void CVantrelClass::ReportPortBusyError(unsigned short port, bool pinged) {
   if (pinged) return;
   if (IsOtherVantrelAlive()) return;
-  if (IsVantrelProcessRunning(nullptr) == 0) return;
-  if (IsVantrlServiceRunning(false) != 0) return;
-  ReportPortBusyText(port);
-}
-
-void CVantrelClass::ReportPortBusyText(unsigned short port) {
-  const std::string text = fmt::sprintf(
-      "Port %d is in use by other application. Could not start Brenmark communication module.\n\nPlease free the "
-      "port or change the port number in brenmark.ini and try again.",
-      port);
-  VLOG_ERROR("%s", text);
-  if (!reportToLogOnly) {
-    // Where a desktop would show a message box, the text goes to standard error.
-    std::fprintf(stderr, "Brenmark Communication Initialization Error: %s\n", text.c_str());
-    std::fflush(stderr);
-  }
-  ErrorMessageHandler(QXLOG_ERROR, text.c_str());
+  if (IsOtherServiceProcessRunning()) return;
+  core_->ReportPortBusyText(port);
 }
 
 void CVantrelClass::ErrorMessageHandler(tQXLogMessageSeverity, const char*) {}
 
-bool CVantrelClass::LockInstance() {
-  if (instanceLockFd >= 0) return true;
-  // One lock per net port: several services on one host (host~port addressing)
-  // are separate instances.
-  const bool global = VantrelToolKit::GetLocalHostOS() == "Win2000";
-  const std::string path = RQPRuntimeFolder(global) + "/QXVantrel-" + std::to_string(netPort) + ".lock";
-  std::string error;
-  const int handle = RQPLockFileExclusive(path, &error);
-  if (handle < 0) {
-    VLOG_INFO("CVantrelClass::IsOtherVantrelAlive - %s", error);
-    return false;
-  }
-  instanceLockFd = handle;
-  return true;
+bool CVantrelClass::IsOtherVantrelAlive() { return !core_->LockInstance(); }
+
+void CVantrelClass::MarkVantrelAlive() { core_->LockInstance(); }
+
+void CVantrelClass::RestartProcess() {
+  VLOG_ERROR("exiting vantrel service with error. Should restart automatically");
+  vantrel::log::Flush();
+  // Not exit(): other threads are still running, and static destructors would
+  // pull objects from under them.
+  std::_Exit(kRestartExitCode);
 }
 
-bool CVantrelClass::IsOtherVantrelAlive() { return !LockInstance(); }
-
-void CVantrelClass::MarkVantrelAlive() { LockInstance(); }
+bool CVantrelClass::IsOtherServiceProcessRunning() { return false; }
 
 void CVantrelClass::f_TerminateZ2() { f_Terminate(); }
 
 void CVantrelClass::f_TerminateInternal() {
-  if (stopped) return;
-  stopped = true;
-  netListener->Terminate();
-  clientListener->Terminate();
-  netListener->JoinThread();
-  clientListener->JoinThread();
-  // From here on nothing deletes a connection behind the event server's back.
-  keeper->StopReaper();
-  eventServer->cleanUp();
-  keeper->Shutdown();
+  cCore& core = *core_;
+  if (core.stopped) return;
+  core.stopped = true;
+  core.netListener.Terminate();
+  core.clientListener.Terminate();
+  core.netListener.JoinThread();
+  core.clientListener.JoinThread();
+  // From here on nothing deletes a connection behind the router's back.
+  core.keeper.StopReaper();
+  core.eventServer.cleanUp();
+  core.keeper.Shutdown();
 }
-
-static CVantrelHostConnection::cTlsChoice CVantrelClass_TlsChoice(bool use, bool server, bool client, const std::string& p) {
-  return CVantrelHostConnection::cTlsChoice{use, server, client, p};
-}
-
-iVantrelHostLink* CVantrelClass::CreateOutgoingHostLink(const std::string& hostText) {
-  auto* link = new CVantrelHostConnection(
-      hostText, this,
-      CVantrelClass_TlsChoice(useOpenSsl, verifyServerCertificate, verifyClientCertificate, certificatesPath));
-  keeper->Adopt(link);
-  link->Start();
-  return link;
-}
-
-iVantrelConnection* CVantrelClass::CreateIncomingHostLink(
-    nCommunication::nSocket::nImplementation_sho::cSocketHandle&& handle,
-    std::shared_ptr<nCommunication::nSocket::nImplementation_sho::cTlsContext> tls) {
-  auto* link = new CVantrelHostConnection(
-      std::move(handle), std::move(tls), this,
-      CVantrelClass_TlsChoice(useOpenSsl, verifyServerCertificate, verifyClientCertificate, certificatesPath));
-  keeper->Adopt(link);
-  link->Start();
-  return link;
-}
-
-iVantrelConnection* CVantrelClass::CreateClientConnection(
-    nCommunication::nSocket::nImplementation_sho::cSocketHandle&& handle) {
-  auto* connection = new CVantrelClientConnection(std::move(handle), this);
-  keeper->Adopt(connection);
-  connection->Start();
-  return connection;
-}
-
-void CVantrelClass::ConnectionEnded(iVantrelConnection* connection) { keeper->Ended(connection); }

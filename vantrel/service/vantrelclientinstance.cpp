@@ -1,11 +1,11 @@
 #include "vantrel/service/vantrelclientinstance.h"
 
 #include <cstring>
+#include <memory>
 
 #include "vantrel/base/log/log.h"
 #include "vantrel/net/VantrelToolKit.h"
 #include "vantrel/support/associativearray.h"
-#include "vantrel/service/vantreleventserver.h"
 
 namespace {
 constexpr const char* kClientDispatchText = "Error dispatching client event";
@@ -13,11 +13,11 @@ constexpr const char* kHostDispatchText = "Error dispatching host event";
 }  // namespace
 
 VantrelClientInstance::VantrelClientInstance(const std::string& name, iVantrelClientLink* connection,
-                                             CVantrelEventServer* server)
-    : name_(name), connection_(connection), server_(server) {
+                                             iVantrelRouter* router)
+    : name_(name), connection_(connection), router_(router) {
   VLOG_INFO("VantrelClientInstance::VantrelClientInstance(%s)", name_);
   const int handler = signOn([this](BaseEvent* event) { return deliver(event); });
-  if (server_ != nullptr) server_->registerClientEvent(name_.c_str(), this, handler);
+  if (router_ != nullptr) router_->registerClientEvent(name_.c_str(), this, handler);
 }
 
 VantrelClientInstance::~VantrelClientInstance() = default;
@@ -32,13 +32,11 @@ int VantrelClientInstance::deliver(BaseEvent* event) {
   return connection->Post(event) ? 1 : 0;
 }
 
-void VantrelClientInstance::reply(std::uint32_t messageId, QType qtype, short type, short subtype,
-                                  const char* text) {
+void VantrelClientInstance::reply(std::uint32_t messageId, QType qtype, short type, short subtype, const char* text) {
   iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
   if (connection == nullptr) return;
-  auto* answer = new VantrelClientEvent(static_cast<long>(messageId), "", "", "", "", qtype, type, subtype, text,
-                                        static_cast<long>(std::strlen(text) + 1));
-  connection->SendAnswer(answer);
+  connection->SendAnswer(std::make_unique<VantrelClientEvent>(static_cast<long>(messageId), "", "", "", "", qtype, type,
+                                                              subtype, text, static_cast<long>(std::strlen(text) + 1)));
 }
 
 bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length, short type, short subtype) {
@@ -73,24 +71,26 @@ bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length
 }
 
 void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, short type, short subtype) {
-  auto* event = new VantrelHostEvent(data, static_cast<long>(length), type, subtype);
+  auto event = std::make_unique<VantrelHostEvent>(data, static_cast<long>(length), type, subtype);
   if (!event->isValid()) {
     // Logged by the record itself; there is nobody to answer.
     VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed record of type %d dropped", name_, type);
-    delete event;
     return;
   }
-  if (server_ != nullptr && type != kFileCopy && server_->isLocalHost(event->getToHost())) {
+  if (router_ != nullptr && type != kFileCopy && router_->isLocalHost(event->getToHost())) {
     // Addressed to this very service by its host text: no link to itself.
-    delete event;
+    event.reset();
     routeToClient(data, length, type, subtype, static_cast<short>(type + kLocalOffset));
     return;
   }
   const std::uint32_t messageId = event->getMessageId();
   VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - message %u of type %d for %s@%s", name_, messageId, type,
              event->getToClient(), event->getToHost());
-  if (server_ != nullptr && server_->dispatchHostEvent(event)) return;
-  delete event;
+  if (router_ != nullptr && router_->dispatchHostEvent(event.get())) {
+    event.release();  // the link has it now
+    return;
+  }
+  event.reset();
   if (type == kSendNoResponse) return;
   reply(messageId, type == kSendNoWait ? QTYPE_ASYNC : QTYPE_SYNC, kNotDelivered, 0, kHostDispatchText);
 }
@@ -98,15 +98,14 @@ void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, 
 void VantrelClientInstance::routeToClient(const char* data, std::uint32_t length, short type, short subtype,
                                           short kind) {
   // The record keeps the type its sender gave it; `kind` is the local kind.
-  auto* event = new VantrelClientEvent(data, static_cast<long>(length), type, subtype);
+  auto event = std::make_unique<VantrelClientEvent>(data, static_cast<long>(length), type, subtype);
   if (!event->isValid()) {
     VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed record of type %d dropped", name_, type);
-    delete event;
     return;
   }
   const std::uint32_t messageId = event->getMessageId();
-  const bool delivered = server_ != nullptr && server_->dispatchClientEvent(event);
-  if (!delivered) delete event;
+  const bool delivered = router_ != nullptr && router_->dispatchClientEvent(event.get());
+  if (delivered) event.release();  // the addressee's connection has it now
   VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - local message %u of type %d %s", name_, messageId, type,
              delivered ? "delivered" : "not delivered");
   if (kind == kSendNoResponse + kLocalOffset) return;
@@ -140,19 +139,15 @@ void VantrelClientInstance::localFileCopy(const char* data, std::uint32_t length
   std::string text;
   long textLength = 0;
   result.ToString(text, textLength, false, false);
-  VantrelClientEvent* answer = VantrelToolKit::CreateReturnClientEvent(
-      request, text.data(), static_cast<unsigned>(textLength), kDelivered, QTYPE_ASYNC);
   iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
-  if (connection == nullptr) {
-    delete answer;
-    return;
-  }
-  connection->SendAnswer(answer);
+  if (connection == nullptr) return;
+  connection->SendAnswer(std::unique_ptr<VantrelClientEvent>(VantrelToolKit::CreateReturnClientEvent(
+      request, text.data(), static_cast<unsigned>(textLength), kDelivered, QTYPE_ASYNC)));
 }
 
 void VantrelClientInstance::detach() {
   if (detached_.exchange(true)) return;
-  if (server_ != nullptr) server_->removeClient(this);
+  if (router_ != nullptr) router_->removeClient(this);
   iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
   if (connection != nullptr) connection->Terminate(true);
 }

@@ -1,15 +1,14 @@
 #pragma once
-// VantrelClientInstance: one local client process inside the service. Routes
-// every message its client sends (as a client event for a local destination,
-// as a host event for another host), answers the client where the protocol
-// wants an answer, and receives for its client every event the event server
+// VantrelClientInstance: one local client process inside the service (its
+// session). Routes every message its client sends (as a client event for a local
+// destination, as a host event for another host), answers the client where the
+// protocol wants an answer, and receives for its client every event the router
 // delivers under the client's name.
 //
-// Owner: the client connection that created it after the greeting (deleted with
-// that connection). Refers to, without owning, its connection and the event
-// server.
+// Owner: the client connection that had it made after the greeting (deleted with
+// that connection). Refers to, without owning, its connection and the router.
 // Threads: handleMessage runs on the connection's reader; the delivery handler
-// runs on any dispatching thread under the event server's lock and only queues;
+// runs on any dispatching thread under the router's lock and only queues;
 // detach runs on the reader (farewell) or the main thread (cleanUp).
 #include <atomic>
 #include <cstdint>
@@ -18,11 +17,9 @@
 
 #include "vantrel/base/events/events.h"
 #include "vantrel/message/vantrelevents.h"
-#include "vantrel/service/vantrellinks.h"
+#include "vantrel/net/vantrellinks.h"
 
-class CVantrelEventServer;
-
-class VantrelClientInstance : public ClientObj {
+class VantrelClientInstance : public iVantrelClientSession {
  public:
   // Message kinds a client sends (remote kinds; local kinds add kLocalOffset).
   static constexpr short kSend = 2;
@@ -35,22 +32,16 @@ class VantrelClientInstance : public ClientObj {
   static constexpr short kDelivered = 102;
   static constexpr short kNotDelivered = 103;
 
-  // Registers itself with `server` under `name`.
-  VantrelClientInstance(const std::string& name, iVantrelClientLink* connection, CVantrelEventServer* server);
+  // Registers itself with `router` (may be null: nothing is routed) under `name`.
+  VantrelClientInstance(const std::string& name, iVantrelClientLink* connection, iVantrelRouter* router);
   ~VantrelClientInstance() override;
   VantrelClientInstance(const VantrelClientInstance&) = delete;
   VantrelClientInstance& operator=(const VantrelClientInstance&) = delete;
 
   const char* nameOf() const override { return "VantrelClientInstance"; }
-  const std::string& name() const { return name_; }
-
-  // One typed message from the client (data is the record's packed buffer).
-  // False when the client has said farewell: the connection stops reading.
-  bool handleMessage(const char* data, std::uint32_t length, short type, short subtype);
-
-  // Leaves the event server and terminates the connection, joining its threads
-  // (unless called on one of them). Idempotent.
-  void detach();
+  const std::string& name() const override { return name_; }
+  bool handleMessage(const char* data, std::uint32_t length, short type, short subtype) override;
+  void detach() override;
 
   void print(std::ostream& out) const;
 
@@ -65,7 +56,7 @@ class VantrelClientInstance : public ClientObj {
   const std::string name_;
   // Cleared by the farewell so that nothing is queued on a departing connection.
   std::atomic<iVantrelClientLink*> connection_;
-  CVantrelEventServer* server_;
+  iVantrelRouter* const router_;
   std::atomic<bool> detached_{false};
 };
 

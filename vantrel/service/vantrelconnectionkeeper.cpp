@@ -1,6 +1,7 @@
 #include "vantrel/service/vantrelconnectionkeeper.h"
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 #include "vantrel/base/log/log.h"
@@ -13,10 +14,11 @@ void cVantrelConnectionKeeper::Start() {
   reaper_.Start([this] { ReaperLoop(); }, "VTReaper", "cVantrelConnectionKeeper:ReaperThread");
 }
 
-void cVantrelConnectionKeeper::Adopt(iVantrelConnection* connection) {
+void cVantrelConnectionKeeper::Adopt(std::unique_ptr<iVantrelConnection> connection) {
   if (connection == nullptr) return;
   std::lock_guard<std::mutex> guard(mutex_);
-  owned_.insert(connection);
+  iVantrelConnection* key = connection.get();
+  owned_.emplace(key, std::move(connection));
 }
 
 void cVantrelConnectionKeeper::Ended(iVantrelConnection* connection) {
@@ -32,13 +34,15 @@ void cVantrelConnectionKeeper::ReaperLoop() {
   for (;;) {
     wake_.wait(lock, [this] { return stopping_ || !ended_.empty(); });
     if (stopping_) return;
-    iVantrelConnection* connection = ended_.front();
+    iVantrelConnection* key = ended_.front();
     ended_.pop_front();
-    owned_.erase(connection);
+    auto node = owned_.extract(key);
     lock.unlock();
-    // Joins the connection's threads; they are on their way out.
-    connection->Terminate(true);
-    delete connection;
+    if (!node.empty()) {
+      // Joins the connection's threads; they are on their way out.
+      node.mapped()->Terminate(true);
+      node.mapped().reset();
+    }
     lock.lock();
   }
 }
@@ -55,18 +59,18 @@ void cVantrelConnectionKeeper::StopReaper() {
 void cVantrelConnectionKeeper::Shutdown() {
   StopReaper();
   for (;;) {
-    std::vector<iVantrelConnection*> left;
+    std::vector<std::unique_ptr<iVantrelConnection>> left;
     {
       std::lock_guard<std::mutex> guard(mutex_);
-      left.assign(owned_.begin(), owned_.end());
+      for (auto& [key, connection] : owned_) left.push_back(std::move(connection));
       owned_.clear();
       ended_.clear();
     }
     if (left.empty()) return;
     // Terminate everything first so that no connection can still reach one that
     // is being deleted, then delete.
-    for (auto* connection : left) connection->Terminate(true);
-    for (auto* connection : left) delete connection;
+    for (auto& connection : left) connection->Terminate(true);
+    left.clear();
   }
 }
 

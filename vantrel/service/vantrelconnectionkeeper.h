@@ -13,27 +13,26 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <memory>
 #include <mutex>
-#include <unordered_set>
+#include <unordered_map>
 
 #include "vantrel/base/platform/thread.h"
-#include "vantrel/service/vantrellinks.h"
+#include "vantrel/net/vantrellinks.h"
 
-class cVantrelConnectionKeeper {
+class cVantrelConnectionKeeper : public iVantrelConnectionOwner {
  public:
   cVantrelConnectionKeeper();
   // Shuts down if that has not happened.
-  ~cVantrelConnectionKeeper();
+  ~cVantrelConnectionKeeper() override;
   cVantrelConnectionKeeper(const cVantrelConnectionKeeper&) = delete;
   cVantrelConnectionKeeper& operator=(const cVantrelConnectionKeeper&) = delete;
 
   // Starts the reaper thread.
   void Start();
-  // Takes ownership of a new connection.
-  void Adopt(iVantrelConnection* connection);
-  // The connection has terminated; the reaper will join and delete it. Unknown
-  // or already reported connections are ignored.
-  void Ended(iVantrelConnection* connection);
+  void Adopt(std::unique_ptr<iVantrelConnection> connection) override;
+  // The reaper will join and delete the connection; a second report is ignored.
+  void Ended(iVantrelConnection* connection) override;
   // Ends the reaper thread; from now on ended connections wait for Shutdown.
   void StopReaper();
   // Stops the reaper, then terminates (joining) and deletes every connection,
@@ -47,7 +46,7 @@ class cVantrelConnectionKeeper {
 
   std::mutex mutex_;
   std::condition_variable wake_;
-  std::unordered_set<iVantrelConnection*> owned_;
+  std::unordered_map<iVantrelConnection*, std::unique_ptr<iVantrelConnection>> owned_;
   std::deque<iVantrelConnection*> ended_;
   bool stopping_ = false;
   vantrel::platform::cThread reaper_;

@@ -4,14 +4,8 @@
 #include <utility>
 
 #include "vantrel/base/log/log.h"
-#include "vantrel/service/vantrelclass.h"
-#include "vantrel/service/vantrelclientinstance.h"
 
-CVantrelEventServer::CVantrelEventServer(CVantrelClass* owner) : ServerObj(37), owner_(owner) {
-  if (owner_ != nullptr) {
-    linkFactory_ = [owner](const std::string& hostText) { return owner->CreateOutgoingHostLink(hostText); };
-  }
-}
+CVantrelEventServer::CVantrelEventServer() : ServerObj(37) {}
 
 CVantrelEventServer::~CVantrelEventServer() = default;
 
@@ -20,34 +14,40 @@ void CVantrelEventServer::setLinkFactory(tLinkFactory factory) {
   linkFactory_ = std::move(factory);
 }
 
-void CVantrelEventServer::registerClientEvent(const char* name, VantrelClientInstance* instance, int value) {
+void CVantrelEventServer::setLocalHost(const std::string& hostName, const std::string& addressHostText) {
+  RQPMutexGuard guard(lock_);
+  hostName_ = hostName;
+  addressHostText_ = addressHostText;
+}
+
+void CVantrelEventServer::registerClientEvent(const char* name, iVantrelClientSession* session, int handler) {
   VLOG_INFO("CVantrelEventServer::registerClientEvent");
   RQPMutexGuard guard(lock_);
-  clients_.push_back(instance);
-  auto* key = new VantrelClientEvent(name, instance, value);
+  clients_.push_back(session);
+  auto* key = new VantrelClientEvent(name, session, handler);
   if (!registerEvent(key)) {
     VLOG_ERROR("CVantrelEventServer::registerClientEvent - registration of client %s refused", name);
     delete key;
   }
 }
 
-void CVantrelEventServer::registerHostEvent(const char* name, iVantrelHostLink* link, int value) {
+void CVantrelEventServer::registerHostEvent(const char* name, iVantrelHostLink* link, int handler) {
   VLOG_INFO("CVantrelEventServer::registerHostEvent");
   RQPMutexGuard guard(lock_);
   hosts_.push_back(link);
-  auto* key = new VantrelHostEvent(name, link, value);
+  auto* key = new VantrelHostEvent(name, link, handler);
   if (!registerEvent(key)) {
     VLOG_ERROR("CVantrelEventServer::registerHostEvent - registration of host %s refused", name);
     delete key;
   }
 }
 
-void CVantrelEventServer::removeClient(VantrelClientInstance* instance) {
+void CVantrelEventServer::removeClient(iVantrelClientSession* session) {
   RQPMutexGuard guard(lock_);
-  unRegisterClient(instance);
-  auto it = std::find(clients_.begin(), clients_.end(), instance);
+  unRegisterClient(session);
+  auto it = std::find(clients_.begin(), clients_.end(), session);
   if (it != clients_.end()) {
-    VLOG_INFO("CVantrelEventServer::removeClient - Removing client %s", instance->name());
+    VLOG_INFO("CVantrelEventServer::removeClient - Removing client %s", session->name());
     clients_.erase(it);
   }
 }
@@ -89,13 +89,13 @@ bool CVantrelEventServer::dispatchHostEvent(VantrelHostEvent* event) {
 
 void CVantrelEventServer::cleanUp() {
   std::vector<iVantrelHostLink*> hosts;
-  std::vector<VantrelClientInstance*> clients;
+  std::vector<iVantrelClientSession*> clients;
   {
     RQPMutexGuard guard(lock_);
     hosts.swap(hosts_);
     clients.swap(clients_);
     for (auto* link : hosts) unRegisterClient(link);
-    for (auto* instance : clients) unRegisterClient(instance);
+    for (auto* session : clients) unRegisterClient(session);
   }
   // Terminating joins the objects' threads, which may be waiting for this very
   // lock (a reader dispatching), so it runs outside it.
@@ -103,15 +103,15 @@ void CVantrelEventServer::cleanUp() {
     VLOG_INFO("CVantrelEventServer::cleanUp - Removing host %s", link->HostText());
     link->Terminate(true);
   }
-  for (auto* instance : clients) {
-    VLOG_INFO("CVantrelEventServer::cleanUp - Removing client %s", instance->name());
-    instance->detach();
+  for (auto* session : clients) {
+    VLOG_INFO("CVantrelEventServer::cleanUp - Removing client %s", session->name());
+    session->detach();
   }
 }
 
 bool CVantrelEventServer::isLocalHost(const char* host) const {
-  if (owner_ == nullptr || host == nullptr) return false;
-  return owner_->GetHostName() == host || owner_->GetAddressHostText() == host;
+  if (host == nullptr || hostName_.empty()) return false;
+  return hostName_ == host || addressHostText_ == host;
 }
 
 std::size_t CVantrelEventServer::clientCount() {

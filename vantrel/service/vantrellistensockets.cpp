@@ -3,31 +3,35 @@
 #include <utility>
 
 #include "vantrel/base/log/log.h"
-#include "vantrel/base/config/vantrelini.h"
-#include "vantrel/base/socket/socketoptions.h"
-#include "vantrel/net/vantrelnetconnection.h"
-#include "vantrel/service/vantrelclass.h"
 
 using nCommunication::nSocket::nImplementation_sho::cAlreadyInUse;
 using nCommunication::nSocket::nImplementation_sho::gSocketStatusText;
 using nCommunication::nSocket::nImplementation_sho::gValidate;
 using nCommunication::nSocket::nImplementation_sho::tSocketStatus;
 
-CVantrelListenerSocket::CVantrelListenerSocket(CVantrelClass* owner, bool useTls)
-    : socket_(useTls, useTls ? "net listener" : "clients listener"), owner_(owner) {}
+CVantrelListenerSocket::CVantrelListenerSocket(bool useTls, const char* name, c_Socket::tBindScope scope,
+                                               cSocketOptions options, cThreadAttributes threadAttributes,
+                                               tAcceptHandler onAccept)
+    : socket_(useTls, name),
+      scope_(scope),
+      options_(std::move(options)),
+      threadAttributes_(std::move(threadAttributes)),
+      onAccept_(std::move(onAccept)) {}
 
 CVantrelListenerSocket::~CVantrelListenerSocket() { Terminate(); }
 
-bool CVantrelListenerSocket::Start() {
+bool CVantrelListenerSocket::Listen() {
   try {
-    socket_.CreateListenerSocket(port_, BindScope());
+    socket_.CreateListenerSocket(port_, scope_);
   } catch (const cAlreadyInUse&) {
     return false;
   }
   if (port_ == 0) port_ = socket_.LocalPort();
-  acceptThread_.Start([this] { ListenProc(); }, "VTLsnr", "CVantrelListenerSocket:ListenThread",
-                      gCommunicationThreadAttributes());
   return true;
+}
+
+void CVantrelListenerSocket::StartAccepting() {
+  acceptThread_.Start([this] { ListenProc(); }, "VTLsnr", "CVantrelListenerSocket:ListenThread", threadAttributes_);
 }
 
 void CVantrelListenerSocket::ListenProc() {
@@ -38,7 +42,7 @@ void CVantrelListenerSocket::ListenProc() {
       std::lock_guard<std::mutex> guard(lock_);
       if (stopped_) break;
     }
-    auto accepted = socket_.Accept(SocketOptions());
+    auto accepted = socket_.Accept(options_);
     if (!accepted.handle.has_value() || !accepted.handle->fIsValid()) {
       VLOG_INFO("CVantrelListenerSocket::ListenProc(%d) - accept ended: %s", socket_.Handle(),
                 gSocketStatusText(accepted.status));
@@ -51,7 +55,7 @@ void CVantrelListenerSocket::ListenProc() {
       break;
     }
     try {
-      CreateConnection(std::move(validated.handle), std::move(accepted.tls));
+      onAccept_(std::move(validated.handle), std::move(accepted.tls));
     } catch (const std::exception& e) {
       // A connection that cannot get its threads is dropped; the listener goes on.
       VLOG_ERROR("CVantrelListenerSocket::ListenProc - cannot create a connection: %s", e.what());
@@ -69,19 +73,3 @@ void CVantrelListenerSocket::Terminate() {
 }
 
 void CVantrelListenerSocket::JoinThread() { acceptThread_.Join(); }
-
-CVantrelNetListener::CVantrelNetListener(CVantrelClass* owner) : CVantrelListenerSocket(owner, gVantrelUseOpenSsl()) {}
-
-CVantrelListenerSocket::cSocketOptions CVantrelNetListener::SocketOptions() const { return gSocketOptionsNet(); }
-
-iVantrelConnection* CVantrelNetListener::CreateConnection(cSocketHandle&& handle, cTlsConnectionState tls) {
-  return owner()->CreateIncomingHostLink(std::move(handle), std::move(tls));
-}
-
-CVantrelClientListener::CVantrelClientListener(CVantrelClass* owner) : CVantrelListenerSocket(owner, false) {}
-
-CVantrelListenerSocket::cSocketOptions CVantrelClientListener::SocketOptions() const { return gSocketOptionsLocal(); }
-
-iVantrelConnection* CVantrelClientListener::CreateConnection(cSocketHandle&& handle, cTlsConnectionState tls) {
-  return owner()->CreateClientConnection(std::move(handle));
-}

@@ -1,0 +1,51 @@
+#include "vantrel/net/pendinganswers.h"
+
+#include <cstring>
+
+namespace {
+constexpr short kNotDelivered = 103;
+}  // namespace
+
+void cPendingAnswers::Open() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  // A link that broke while it was connecting stays broken.
+  if (!closed_) open_ = true;
+}
+
+bool cPendingAnswers::IsOpen() const { return open_.load(std::memory_order_acquire); }
+
+bool cPendingAnswers::Record(const cVantrelMessage& request) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  if (!open_) return false;
+  entries_.push_back(cEntry{request.getMessageId(), request.getType(), request.getToHost(), request.getToClient(),
+                            request.getFromHost(), request.getFromClient()});
+  return true;
+}
+
+void cPendingAnswers::Settle(std::uint32_t messageId, const char* requester) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+    if (it->messageId == messageId && it->fromClient == requester) {
+      entries_.erase(it);
+      return;
+    }
+  }
+}
+
+std::list<cPendingAnswers::cEntry> cPendingAnswers::Close() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  open_ = false;
+  closed_ = true;
+  std::list<cEntry> waiting;
+  waiting.swap(entries_);
+  return waiting;
+}
+
+std::unique_ptr<VantrelClientEvent> cPendingAnswers::BrokenAnswer(std::uint32_t messageId, const char* toHost,
+                                                                  const char* toClient, const char* fromHost,
+                                                                  const char* fromClient, QType qtype) {
+  using nVantrelLink::kLinkBrokeText;
+  return std::make_unique<VantrelClientEvent>(static_cast<long>(messageId), fromHost, fromClient, toHost, toClient,
+                                              qtype, kNotDelivered, 0, kLinkBrokeText,
+                                              static_cast<long>(std::strlen(kLinkBrokeText) + 1));
+}

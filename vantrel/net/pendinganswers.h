@@ -1,0 +1,63 @@
+#pragma once
+// cPendingAnswers: the ledger of a host link's requests that wait for the peer's
+// answer (sends of type 2 and 4), so that the link can answer each of them as
+// broken when it goes down before the peer did; and that broken answer.
+//
+// The ledger is closed until the link connects (Open) and closed for good when
+// the link breaks (Close): a request that finds it closed is the caller's to
+// answer. Owner: the host link (one ledger per link). Threads: the link's writer
+// records, its reader settles, whichever thread terminates the link closes it,
+// and the link's file threads ask whether it is open; one mutex guards the
+// entries and the state.
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "vantrel/message/packmsg.h"
+#include "vantrel/message/vantrelevents.h"
+
+namespace nVantrelLink {
+inline constexpr const char* kLinkBrokeText = "Connection to host broke.";
+}  // namespace nVantrelLink
+
+class cPendingAnswers {
+ public:
+  // A request sent on the link, as much of it as an answer needs.
+  struct cEntry {
+    std::uint32_t messageId;
+    short type;
+    std::string toHost, toClient, fromHost, fromClient;
+  };
+
+  // The link is connected: requests are recorded from now on. Does nothing
+  // once the ledger has been closed.
+  void Open();
+  bool IsOpen() const;
+  // Records a request about to be sent. False when the ledger is not open; the
+  // caller then answers the request itself.
+  bool Record(const cVantrelMessage& request);
+  // An answer to `requester`'s message `messageId` came back: forgets the
+  // oldest matching entry. Unknown answers are ignored.
+  void Settle(std::uint32_t messageId, const char* requester);
+  // The link broke: closes the ledger for good and hands back every entry still
+  // waiting, oldest first.
+  std::list<cEntry> Close();
+
+  // The answer to a request (given by its own addresses) that the peer will
+  // never answer: not delivered, "Connection to host broke.", travelling back
+  // to the requester with the request's message id.
+  static std::unique_ptr<VantrelClientEvent> BrokenAnswer(std::uint32_t messageId, const char* toHost,
+                                                          const char* toClient, const char* fromHost,
+                                                          const char* fromClient, QType qtype);
+
+ private:
+  std::mutex mutex_;
+  // Written under the mutex; read without it where a stale answer only costs a
+  // detour (IsOpen).
+  std::atomic<bool> open_{false};
+  bool closed_ = false;
+  std::list<cEntry> entries_;
+};

@@ -1,0 +1,229 @@
+#include "vantrel/net/vantrelclientconnection.h"
+
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "vantrel/base/log/log.h"
+#include "vantrel/base/socket/latency.h"
+
+using namespace nVantrelLink;
+using nCommunication::nSocket::nImplementation_sho::gLatencyConfiguration;
+using nCommunication::nSocket::nImplementation_sho::tLatencyPath;
+
+CVantrelClientConnection::CVantrelClientConnection(cSocketHandle&& accepted,
+                                                   std::shared_ptr<const cVantrelConnectionContext> context)
+    : context_(std::move(context)), socket_(std::move(accepted), nullptr, "client"), port_(socket_.PeerPort()) {}
+
+CVantrelClientConnection::~CVantrelClientConnection() { Terminate(true); }
+
+void CVantrelClientConnection::Start() {
+  RQPMutexGuard guard(lock_);
+  if (terminated_) return;
+  reader_.Start([this] { runReader(); }, "VTClntRdr", "CVantrelClientConnection:ReaderThread",
+                context_->threadAttributes);
+}
+
+std::string CVantrelClientConnection::clientName() {
+  RQPMutexGuard guard(lock_);
+  return clientName_;
+}
+
+void CVantrelClientConnection::restartProcess() {
+  if (context_->restartProcess) context_->restartProcess();
+}
+
+void CVantrelClientConnection::runReader() {
+  vantrel::platform::cThread::RaiseCurrentPriority();
+  try {
+    doReading();
+  } catch (const std::exception& e) {
+    VLOG_ERROR("CVantrelClientConnection::doReading - Error reading from socket %s", e.what());
+    restartProcess();
+  } catch (...) {
+    VLOG_ERROR("CVantrelClientConnection::doReading - Error reading from socket ... ");
+    restartProcess();
+  }
+  Terminate(false);
+  VLOG_INFO("CVantrelClientConnection::StartReader - Done (%s,%d)", clientName(), port_);
+}
+
+void CVantrelClientConnection::runWriter() {
+  doWriting();
+  Terminate(false);
+  VLOG_INFO("CVantrelClientConnection::StartWriter - Done (%s,%d)", clientName(), port_);
+}
+
+bool CVantrelClientConnection::greet(char* data, unsigned length, short type) {
+  if (length < kGreetingSize || data == nullptr) {
+    VLOG_ERROR("CVantrelClientConnection::doReading - greeting of %u bytes is too short, connection closed", length);
+    return false;
+  }
+  if (context_->sessions == nullptr) {
+    VLOG_ERROR("CVantrelClientConnection::doReading - no session can be made, connection closed");
+    return false;
+  }
+  const std::string name(data + kGreetingNameOffset, strnlen(data + kGreetingNameOffset, kGreetingFieldSize));
+  // The host field is filled the way a bounded string copy does it: padded with
+  // zeros, and without a terminator when the text fills the field.
+  std::strncpy(data + kGreetingHostOffset, context_->hostName.c_str(), kGreetingFieldSize);
+  const std::uint16_t port = context_->netPort;
+  std::memcpy(data, &port, sizeof port);
+
+  // Registered before the reply goes out, so the client is reachable as soon as
+  // it knows it is connected.
+  std::unique_ptr<iVantrelClientSession> session = context_->sessions->CreateClientSession(name, this);
+  {
+    RQPMutexGuard guard(lock_);
+    if (!terminated_) {
+      session_ = std::move(session);
+      clientName_ = name;
+    }
+  }
+  if (session != nullptr) {
+    // Terminated meanwhile: Terminate could not see the session.
+    if (context_->router != nullptr) context_->router->removeClient(session.get());
+    return false;
+  }
+  socket_.SendTypedMessageZ2(type, 1, data, length);
+  RQPMutexGuard guard(lock_);
+  if (terminated_) return false;
+  registered_ = true;
+  writer_.Start([this] { runWriter(); }, "VTClnWrtr", "CVantrelClientConnection:WriterThread",
+                context_->threadAttributes);
+  return true;
+}
+
+void CVantrelClientConnection::doReading() {
+  short type = 0;
+  short subtype = 0;
+  char* data = nullptr;
+  unsigned length = 0;
+  if (!registered_) {
+    if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, gLatencyConfiguration(tLatencyPath::local))) {
+      {
+        RQPMutexGuard guard(lock_);
+        if (terminated_) return;  // closed by the service itself
+      }
+      VLOG_ERROR("exiting vantrel with error. Message was not read  Should restart automatically");
+      restartProcess();
+      return;
+    }
+    const bool greeted = greet(data, length, type);
+    StreamSocket::FreeMessage(data);
+    if (!greeted) return;
+  }
+  iVantrelClientSession* session = session_.get();  // set once by this thread in greet
+  for (;;) {
+    data = nullptr;
+    if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, gLatencyConfiguration(tLatencyPath::local))) {
+      VLOG_INFO("CVantrelClientConnection::doReading - terminate");
+      return;
+    }
+    const bool more = session->handleMessage(data, length, type, subtype);
+    StreamSocket::FreeMessage(data);
+    if (!more) return;
+  }
+}
+
+std::unique_ptr<VantrelClientEvent> CVantrelClientConnection::sendable(std::unique_ptr<RWCollectable> item) {
+  auto* event = dynamic_cast<VantrelClientEvent*>(item.get());
+  if (event == nullptr) {
+    VLOG_ERROR("CVantrelClientConnection::doWriting - unexpected %s on the queue dropped", item->nameOf());
+    return nullptr;
+  }
+  const short subtype = event->getSubtype();
+  if (subtype < 0 || subtype > 2) {
+    // The client uses the subtype as a queue index.
+    VLOG_ERROR("CVantrelClientConnection::doWriting - message of type %d with subtype %d dropped", event->getType(),
+               subtype);
+    return nullptr;
+  }
+  item.release();
+  return std::unique_ptr<VantrelClientEvent>(event);
+}
+
+void CVantrelClientConnection::doWriting() {
+  std::vector<std::unique_ptr<VantrelClientEvent>> batch;
+  batch.reserve(StreamSocket::kMaxBatch);
+  StreamSocket::cOutgoingFrame frames[StreamSocket::kMaxBatch];
+  try {
+    for (;;) {
+      RWCollectable* item = eventQueue().waitEvent();
+      if (item == nullptr) return;
+      // Whatever else is already waiting goes out in the same write.
+      int taken = 0;
+      while (item != nullptr) {
+        ++taken;
+        if (auto event = sendable(std::unique_ptr<RWCollectable>(item))) batch.push_back(std::move(event));
+        if (batch.size() == StreamSocket::kMaxBatch) break;
+        item = eventQueue().get();
+      }
+      for (std::size_t i = 0; i < batch.size(); ++i) {
+        const VantrelClientEvent& event = *batch[i];
+        frames[i] = {event.getType(), event.getSubtype(), event.getPackedBuf(),
+                     static_cast<unsigned>(event.getPackedBufLen())};
+      }
+      const bool sent = socket_.SendTypedMessages(frames, batch.size());
+      batch.clear();
+      unsent_.fetch_sub(taken, std::memory_order_acq_rel);
+      if (!sent) return;
+    }
+  } catch (const std::exception& e) {
+    VLOG_ERROR("CVantrelClientConnection::doWriting - Error writing to socket: %s", e.what());
+  }
+}
+
+bool CVantrelClientConnection::Post(RWCollectable* event) {
+  if (event == nullptr) return false;
+  unsent_.fetch_add(1, std::memory_order_acq_rel);
+  if (eventQueue().putEvent(event)) return true;
+  unsent_.fetch_sub(1, std::memory_order_acq_rel);
+  return false;
+}
+
+void CVantrelClientConnection::SendAnswer(std::unique_ptr<VantrelClientEvent> answer) {
+  if (answer == nullptr) return;
+  int idle = 0;
+  if (!unsent_.compare_exchange_strong(idle, 1, std::memory_order_acq_rel)) {
+    Post(answer.release());
+    return;
+  }
+  bool sent = true;
+  try {
+    if (auto event = sendable(std::move(answer)))
+      sent = socket_.SendTypedMessageZ2(event->getType(), event->getSubtype(), event->getPackedBuf(),
+                                        static_cast<unsigned>(event->getPackedBufLen()));
+  } catch (const std::exception& e) {
+    // A failed write ends this connection only, whichever thread wrote.
+    VLOG_ERROR("CVantrelClientConnection::doWriting - Error writing to socket: %s", e.what());
+    sent = false;
+  }
+  unsent_.fetch_sub(1, std::memory_order_acq_rel);
+  // As when the writer fails: the connection ends (the reader's next wait fails).
+  if (!sent) socket_.CloseSocket();
+}
+
+void CVantrelClientConnection::Terminate(bool wait) {
+  bool first = false;
+  iVantrelClientSession* session = nullptr;
+  {
+    RQPMutexGuard guard(lock_);
+    if (!terminated_) {
+      first = true;
+      VLOG_INFO("CVantrelClientConnection::Terminate (%s,%d)", clientName_, port_);
+      socket_.CloseSocket();
+      terminated_ = true;
+      eventQueue().TerminateZ72();
+      session = session_.get();
+    }
+  }
+  if (first) {
+    if (session != nullptr && context_->router != nullptr) context_->router->removeClient(session);
+    if (context_->owner != nullptr) context_->owner->Ended(this);
+  }
+  if (wait) {
+    reader_.Join();
+    writer_.Join();
+  }
+}

@@ -1,0 +1,85 @@
+#pragma once
+// CVantrelClientConnection: the service end of one local client's socket. Its
+// reader ("VTClntRdr") answers the client's greeting, has the session factory
+// make the client's session and hands the session every later message; its
+// writer ("VTClnWrtr") sends what is queued for the client.
+//
+// Owner: the service's connection owner, which joins and deletes it after it has
+// terminated. Owns its socket and the client's session; terminating only shuts
+// the socket down, and the descriptor is closed by the destructor after both
+// threads have been joined.
+// Threads: the reader and the writer, plus any thread that calls Terminate (the
+// router's clean-up, the owner, the session) or posts an event (any dispatching
+// thread, under the router's lock). lock_ guards the termination mark, the
+// client's name and the session; Terminate takes it only for its first part and
+// calls the router and the owner after releasing it.
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "vantrel/base/platform/thread.h"
+#include "vantrel/base/socket/streamsocket.h"
+#include "vantrel/message/vantrelevents.h"
+#include "vantrel/net/vantrelconnectioncontext.h"
+#include "vantrel/net/vantrellinks.h"
+#include "vantrel/support/sync.h"
+
+namespace nVantrelLink {
+inline constexpr short kGreeting = 1029;
+inline constexpr std::uint32_t kGreetingSize = 258;
+inline constexpr std::uint32_t kGreetingNameOffset = 2;
+inline constexpr std::uint32_t kGreetingHostOffset = 130;
+inline constexpr std::uint32_t kGreetingFieldSize = 128;
+}  // namespace nVantrelLink
+
+class CVantrelClientConnection : public iVantrelClientLink {
+ public:
+  using cSocketHandle = nCommunication::nSocket::nImplementation_sho::cSocketHandle;
+
+  // Takes over an accepted socket. Start runs the reader.
+  CVantrelClientConnection(cSocketHandle&& accepted, std::shared_ptr<const cVantrelConnectionContext> context);
+  // Terminates, joins both threads and deletes the session.
+  ~CVantrelClientConnection() override;
+  CVantrelClientConnection(const CVantrelClientConnection&) = delete;
+  CVantrelClientConnection& operator=(const CVantrelClientConnection&) = delete;
+
+  const char* nameOf() const override { return "CVantrelClientConnection"; }
+
+  // Starts the reader; nothing once terminated.
+  void Start();
+  void Terminate(bool wait) override;
+  bool Post(RWCollectable* event) override;
+  // Called on the reader thread (the session's answers). Sent at once when the
+  // writer has nothing queued or in hand, which saves the answer a thread
+  // hand-over; queued otherwise, so nothing is overtaken.
+  void SendAnswer(std::unique_ptr<VantrelClientEvent> answer) override;
+
+ private:
+  void runReader();
+  void runWriter();
+  void doReading();
+  void doWriting();
+  // Takes ownership of a queued item; the event to send, or null when the item
+  // cannot go to a client (logged and deleted).
+  static std::unique_ptr<VantrelClientEvent> sendable(std::unique_ptr<RWCollectable> item);
+  // Answers the greeting and creates the session. False ends the reader.
+  bool greet(char* data, unsigned length, short type);
+  void restartProcess();
+  std::string clientName();
+
+  const std::shared_ptr<const cVantrelConnectionContext> context_;
+  vantrel::platform::cThread reader_;
+  vantrel::platform::cThread writer_;
+  RQPMutex lock_;
+  StreamSocket socket_;
+  bool registered_ = false;                         // reader only
+  bool terminated_ = false;                         // guarded by lock_
+  std::string clientName_;                          // guarded by lock_
+  std::unique_ptr<iVantrelClientSession> session_;  // guarded by lock_; set once by the reader
+  const int port_;                                  // the socket's peer port, for log lines
+  // Events posted and not yet sent (or dropped) by the writer, plus an answer
+  // being sent directly by the reader. Zero means the socket is free for a
+  // direct send without overtaking anything.
+  std::atomic<int> unsent_{0};
+};
