@@ -29,18 +29,7 @@
 #include <string>
 
 #include "vantrel/base/export.h"
-
-// The delivery discipline carried in every record.
-enum QType : std::int32_t {
-  // Set by the client library on every message it creates.
-  QTYPE_CLIENT = 0,
-  // Set by the service on messages it forwards between hosts and on answers to
-  // a sender that waits for them (acknowledged sends, file traffic).
-  QTYPE_SYNC = 1,
-  // Set by the service on answers the sender does not wait for (no-wait sends,
-  // file-copy results).
-  QTYPE_ASYNC = 2,
-};
+#include "vantrel/message/wire.h"
 
 class VANTREL_API cVantrelMessage {
  public:
