@@ -177,6 +177,10 @@ bool cVantrelClientObjectImp::NETInit(const char* clientName, unsigned short por
   const bool accepted = reply->getType() != 0;
   delete reply;
   localHostName_ = GreetingHostName();
+  // Built here, before the object becomes valid, so that the sending threads
+  // only ever read it; later changes of the greeting block do not change who we are.
+  whoAmI_ = CVantrelAddress(GreetingClientName(), localHostName_).Address() + gVantrelAddressPortDelimiter() +
+            std::to_string(GreetingNetPort());
   valid_.store(accepted, std::memory_order_release);
   if (!accepted) {
     VLOG_WARN("cVantrelClientObjectImp::NETInit - the service refused the greeting (%s)", clientName_);
@@ -337,14 +341,7 @@ const char* cVantrelClientObjectImp::NETWhoAmI() {
   return WhoAmIText().c_str();
 }
 
-const std::string& cVantrelClientObjectImp::WhoAmIText() {
-  // Built once: later changes of the greeting block do not change who we are.
-  if (whoAmI_.empty()) {
-    whoAmI_ = CVantrelAddress(GreetingClientName(), GreetingHostName()).Address() + gVantrelAddressPortDelimiter() +
-              std::to_string(GreetingNetPort());
-  }
-  return whoAmI_;
-}
+const std::string& cVantrelClientObjectImp::WhoAmIText() const { return whoAmI_; }
 
 const char* cVantrelClientObjectImp::NETLocalHostName() {
   if (NotValid()) return "";

@@ -57,9 +57,11 @@ class CVantrelClientQueue : public RQPEventQueue {
 // Threads: application threads call the NET operations; the communicator's
 // reader calls OnNewFrame, NETTerminate and OnReaderEnded. Shared between them
 // are the queues (thread-safe), the valid flag and the status (atomic). The
-// current message and the who-am-I text are for one application thread at a
-// time: a record returned by a wait stays valid until that thread's next wait
-// or fetch.
+// greeting block, local host name and who-am-I text are written by NETInit
+// before the object becomes valid and only read afterwards, so the sends that
+// need no acknowledgement may run on several threads. The current message and
+// the acknowledgement queue are for one application thread at a time: a record
+// returned by a wait stays valid until that thread's next wait or fetch.
 class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommunicatorOwner {
  public:
   static constexpr unsigned short kDefaultClientPort = 9010;
@@ -120,7 +122,7 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
   bool IsLocalHost(const std::string& host) const;
   void SetStatus(int status) { lastStatus_.store(status, std::memory_order_relaxed); }
   bool NotValid();
-  const std::string& WhoAmIText();
+  const std::string& WhoAmIText() const;
   void DiscardCurrent();
 
   cVantrelClientObject* const owner_;
@@ -136,6 +138,7 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
   std::atomic<int> lastStatus_{0};
   std::unique_ptr<CVantrelClientQueue> queues_[vantrel::wire::kChannelCount];
   cVantrelMessage* currentMessage_ = nullptr;
+  // Written once by NETInit before the object becomes valid; read-only afterwards.
   std::string whoAmI_;
   unsigned short clientPort_ = 0;
   long ackWaitTimeout_ = kDefaultAckWaitMilliseconds;
