@@ -3,8 +3,8 @@
 # written as an array (no escaping questions) into a generated header that
 # vantrel/base/env/settings.cpp includes. Editing dist/Vantrel.ini re-runs this
 # step on the next build.
-set(VANTREL_DEFAULT_INI ${CMAKE_SOURCE_DIR}/dist/Vantrel.ini)
-set(VANTREL_GENERATED_DIR ${CMAKE_BINARY_DIR}/generated)
+set(VANTREL_DEFAULT_INI ${PROJECT_SOURCE_DIR}/dist/Vantrel.ini)
+set(VANTREL_GENERATED_DIR ${PROJECT_BINARY_DIR}/generated)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${VANTREL_DEFAULT_INI})
 
 file(READ ${VANTREL_DEFAULT_INI} _vantrel_ini_hex HEX)

@@ -21,6 +21,7 @@
 #include "vantrel/base/platform/process.h"
 #include "vantrel/base/platform/terminal.h"
 #include "vantrel/client/vantrelclientobj.h"
+#include "vantrel/message/wire.h"
 #include "vantrel/base/config/vantrelini.h"
 #include "vantrel/support/associativearray.h"
 
@@ -48,8 +49,7 @@ constexpr const char* kExitCodes =
     "  6  timed out waiting, or no message waiting\n"
     "  7  the copy did not complete (its state says why)\n";
 
-constexpr int kStatusSendFailed = 15007;
-constexpr int kStatusAckError = 15008;
+namespace wire = vantrel::wire;
 
 // A destination must name both a client and a host; the library splits at the
 // last '@'.
@@ -128,8 +128,8 @@ class cSend : public cSendBase {
   int Run(cSession& session) override {
     if (session.client.NETSendMessageZ1(text_.c_str(), Length(), address_.c_str())) return kExitOk;
     const int status = session.client.NETGetLastStatus();
-    if (status == kStatusSendFailed) return SendFailed(session);
-    if (status == kStatusAckError)
+    if (status == wire::kStatusSendFailed) return SendFailed(session);
+    if (status == wire::kStatusAckError)
       std::fprintf(stderr, "vantrel-cli: %s did not acknowledge the message\n", address_.c_str());
     else
       std::fprintf(stderr, "vantrel-cli: no acknowledgement from %s in time (not delivered?)\n", address_.c_str());
@@ -250,17 +250,17 @@ class cWhoAmI : public iCommand {
 // What a copy's completion state means, in words.
 const char* CopyStateText(long state) {
   switch (state) {
-    case 0:
+    case wire::kCopyDone:
       return "copied";
-    case 1:
+    case wire::kCopyOpenFailed:
       return "the file could not be opened";
-    case 2:
+    case wire::kCopyCloseFailed:
       return "the file could not be closed after the copy";
-    case 3:
+    case wire::kCopyReadFailed:
       return "the sender stopped before the end (read error)";
-    case 4:
+    case wire::kCopyWriteFailed:
       return "the receiver stopped waiting for data; the partial file was deleted";
-    case 5:
+    case wire::kCopyStopped:
       return "the transfer was stopped, or the peer reported a failure";
     default:
       return "unknown completion state";
@@ -291,8 +291,8 @@ class cCopy : public iCommand {
     const long long bytes = error ? -1 : static_cast<long long>(size);
 
     CAssociativeArray request;
-    request.AddCouple("$LOCALFILE", source);
-    request.AddCouple("$REMOTEFILE", remote_);
+    request.AddCouple(wire::kCopyLocalFile, source);
+    request.AddCouple(wire::kCopyRemoteFile, remote_);
     std::string text;
     long length = 0;
     request.ToString(text, length, false, false);
@@ -364,7 +364,7 @@ class cCopy : public iCommand {
     }
     std::printf("%s -> %s:%s: %s (state %ld)\n", source.c_str(), host_.c_str(), remote_.c_str(),
                 CopyStateText(answer->state), answer->state);
-    if (answer->state != 0) {
+    if (answer->state != wire::kCopyDone) {
       std::printf("file: %s\n", answer->fileName.c_str());
       return kExitCopyFailed;
     }
@@ -387,18 +387,18 @@ class cCopy : public iCommand {
     if (static_cast<long>(record.getMessageId()) != id_) return std::nullopt;
     cAnswer answer;
     const char* data = record.getData() ? record.getData() : "";
-    if (record.getType() == 102) {
+    if (record.getType() == wire::kDelivered) {
       CAssociativeArray result;
       if (!result.FromString(data, static_cast<long>(record.getDatalen())) ||
-          !result.HasParameter("$FILECOPYCOMPLETIONSTATE")) {
+          !result.HasParameter(wire::kCopyState)) {
         return std::nullopt;
       }
       answer.isResult = true;
-      answer.state = std::strtol(result.GetValueOfParameter("$FILECOPYCOMPLETIONSTATE").c_str(), nullptr, 10);
-      answer.fileName = result.GetValueOfParameter("$FILENAME");
+      answer.state = std::strtol(result.GetValueOfParameter(wire::kCopyState).c_str(), nullptr, 10);
+      answer.fileName = result.GetValueOfParameter(wire::kCopyFileName);
       return answer;
     }
-    if (record.getType() == 103) {
+    if (record.getType() == wire::kNotDelivered) {
       answer.text = std::string(data, strnlen(data, record.getDatalen()));
       return answer;
     }

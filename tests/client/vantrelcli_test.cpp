@@ -9,8 +9,10 @@
 #include "tests/support/scriptedservice.h"
 #include "tests/support/testutil.h"
 #include "vantrel/base/platform/process.h"
+#include "vantrel/message/wire.h"
 
 using vantrel::test::ScriptedService;
+using namespace vantrel::wire;
 
 namespace {
 
@@ -28,7 +30,7 @@ class VantrelCli : public ::testing::Test {
   // The record of the next frame that the run numbered `connection` sent after its greeting.
   cVantrelMessage SentRecord(std::size_t connection) {
     auto greeting = service_.NextFrame(connection);
-    EXPECT_TRUE(greeting && greeting->type == 1029);
+    EXPECT_TRUE(greeting && greeting->type == kGreeting);
     auto frame = service_.NextFrame(connection);
     return frame ? frame->record() : cVantrelMessage(nullptr, 0, 0, 0);
   }
@@ -41,19 +43,19 @@ TEST_F(VantrelCli, SendsReportTheirOutcomeInTheExitCode) {
   auto sent = Run({"send", "peer@lg02", "hello"});
   EXPECT_EQ(sent.exitCode, 0);
   cVantrelMessage record = SentRecord(0);
-  EXPECT_EQ(record.getType(), 2);
+  EXPECT_EQ(record.getType(), kSend);
   EXPECT_STREQ(record.getData(), "hello");
 
   service_.SetAck(ScriptedService::tAck::eRefused);
   EXPECT_EQ(Run({"send", "peer@lg01", "hello"}).exitCode, 5);
-  EXPECT_EQ(SentRecord(1).getType(), 1034);
+  EXPECT_EQ(SentRecord(1).getType(), kLocalSend);
 
   EXPECT_EQ(Run({"notify", "peer@lg02", "note"}).exitCode, 0);
-  EXPECT_EQ(SentRecord(2).getType(), 3);
+  EXPECT_EQ(SentRecord(2).getType(), kSendNoResponse);
 
   EXPECT_EQ(Run({"post", "--id", "9", "peer@lg02", "later"}).exitCode, 0);
   cVantrelMessage posted = SentRecord(3);
-  EXPECT_EQ(posted.getType(), 4);
+  EXPECT_EQ(posted.getType(), kSendNoWait);
   EXPECT_EQ(posted.getMessageId(), 9u);
 
   EXPECT_EQ(Run({"send", "no-host-part", "x"}).exitCode, 2);
@@ -71,7 +73,7 @@ TEST_F(VantrelCli, ReceivingAndIdentity) {
   auto waiting = std::async(std::launch::async, [&] { return Run({"wait", "--from"}); });
   ASSERT_TRUE(service_.WaitConnections(4));
   ASSERT_TRUE(service_.NextFrame(3));  // greeting: the client is registered
-  ASSERT_TRUE(service_.SendRecord(3, 1034, 0, "incoming"));
+  ASSERT_TRUE(service_.SendRecord(3, kLocalSend, kChannelMessages, "incoming"));
   auto received = waiting.get();
   EXPECT_EQ(received.exitCode, 0);
   EXPECT_NE(received.output.find("sender@elsewhere\tincoming\n"), std::string::npos) << received.output;

@@ -3,10 +3,11 @@
 #include <climits>
 #include <exception>
 
-#include "vantrel/base/log/log.h"
 #include "vantrel/base/config/vantrelini.h"
+#include "vantrel/base/log/log.h"
 #include "vantrel/base/socket/socketoptions.h"
 #include "vantrel/message/typedmsg.h"
+#include "vantrel/message/wire.h"
 
 CVantrelClientCommunicatorZ1::CVantrelClientCommunicatorZ1(iVantrelClientCommunicatorOwner* owner)
     : owner_(owner), socket_(false, std::string()) {}
@@ -41,7 +42,7 @@ bool CVantrelClientCommunicatorZ1::Start() {
               static_cast<int>(owner_->ClientPort()), owner_->ClientName());
     return false;
   }
-  if (!sendMessage(owner_->GreetingBlock(), kGreetingSize, kGreetingType, 0)) {
+  if (!sendMessage(owner_->GreetingBlock(), vantrel::wire::kGreetingSize, vantrel::wire::kGreeting, 0)) {
     VLOG_ERROR("CVantrelClientCommunicatorZ1::Start - sendMessage failed.");
     return false;
   }
@@ -118,8 +119,8 @@ void CVantrelClientCommunicatorZ1::ReadLoop() {
     }
     // The frame's buffer is adopted, not copied: the payload is copied once,
     // later, when the record is rebuilt from it.
-    auto* frame = new cTypedMessageObject(cTypedMessageObject::AdoptBuffer{}, data,
-                                          static_cast<std::int32_t>(length), type, subtype);
+    auto* frame = new cTypedMessageObject(cTypedMessageObject::AdoptBuffer{}, data, static_cast<std::int32_t>(length),
+                                          type, subtype);
     owner_->OnNewFrame(frame, subtype);
   }
   Terminate(false);

@@ -34,7 +34,7 @@ class iVantrelClientCommunicatorOwner {
   virtual ~iVantrelClientCommunicatorOwner() = default;
   // Port of the local service's client listener.
   virtual unsigned short ClientPort() const = 0;
-  // The 258-byte greeting block that Start sends.
+  // The greeting block (vantrel::wire::kGreetingSize bytes) that Start sends.
   virtual const char* GreetingBlock() const = 0;
   // The client name, for log lines.
   virtual std::string ClientName() const = 0;
@@ -49,11 +49,6 @@ class iVantrelClientCommunicatorOwner {
 
 class CVantrelClientCommunicatorZ1 : public RWCollectable {
  public:
-  // Size of the greeting block: network port (2), client name (128), host name (128).
-  static constexpr unsigned kGreetingSize = 258;
-  static constexpr short kGreetingType = 1029;
-  static constexpr short kFarewellType = 1033;
-
   explicit CVantrelClientCommunicatorZ1(iVantrelClientCommunicatorOwner* owner);
   // Terminates the connection and joins the reader; when the reader itself
   // destroys its communicator (an owner torn down from inside a callback) the

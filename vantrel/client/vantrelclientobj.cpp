@@ -149,7 +149,7 @@ void cVantrelClientObject::NETTerminate() {
 bool cVantrelClientObject::Valid() { return valid_; }
 
 bool cVantrelClientObject::NewMessageEvent(cTypedMessageObject* message, short channel) {
-  if (channel >= 0 && channel < 2) return true;
+  if (channel >= vantrel::wire::kChannelMessages && channel <= vantrel::wire::kChannelAnswers) return true;
   // Refused by default: nobody else will take the message, so it ends here.
   delete message;
   return false;

@@ -5,17 +5,16 @@
 #include <cstring>
 #include <exception>
 
+#include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/env/envcontainer.h"
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/socket/address.h"
 #include "vantrel/client/vantrelclientobj.h"
-#include "vantrel/base/config/vantrelini.h"
+
+namespace wire = vantrel::wire;
 
 namespace {
 
-constexpr unsigned kNameOffset = 2;
-constexpr unsigned kHostOffset = 130;
-constexpr unsigned kNameField = 128;
 // How much of a payload goes into a log line.
 constexpr unsigned kLoggedDataBytes = 200;
 
@@ -90,8 +89,8 @@ cTypedMessageObject* CVantrelClientQueue::fetchMessage() {
 
 cVantrelClientObjectImp::cVantrelClientObjectImp(const char* clientName, cVantrelClientObject* owner)
     : owner_(owner), clientName_(clientName ? clientName : "") {
-  for (int i = 0; i < 3; ++i)
-    queues_[i] = std::make_unique<CVantrelClientQueue>(i, i == 1 ? kAckQueueCapacity : 0);
+  for (int i = 0; i < wire::kChannelCount; ++i)
+    queues_[i] = std::make_unique<CVantrelClientQueue>(i, i == wire::kChannelAnswers ? kAckQueueCapacity : 0);
   communicator_ = std::make_unique<CVantrelClientCommunicatorZ1>(this);
 
   RQEnvContainerClass env;
@@ -110,17 +109,19 @@ cVantrelClientObjectImp::~cVantrelClientObjectImp() {
 std::string cVantrelClientObjectImp::ClientName() const { return clientName_; }
 
 std::string cVantrelClientObjectImp::GreetingClientName() const {
-  return std::string(greeting_ + kNameOffset, strnlen(greeting_ + kNameOffset, kNameField));
+  return std::string(greeting_ + wire::kGreetingNameOffset,
+                     strnlen(greeting_ + wire::kGreetingNameOffset, wire::kGreetingFieldSize));
 }
 
 std::string cVantrelClientObjectImp::GreetingHostName() const {
-  return std::string(greeting_ + kHostOffset, strnlen(greeting_ + kHostOffset, kNameField));
+  return std::string(greeting_ + wire::kGreetingHostOffset,
+                     strnlen(greeting_ + wire::kGreetingHostOffset, wire::kGreetingFieldSize));
 }
 
 unsigned short cVantrelClientObjectImp::GreetingNetPort() const {
   // The service writes the port in its (and so our) host byte order.
   unsigned short port = 0;
-  std::memcpy(&port, greeting_, sizeof(port));
+  std::memcpy(&port, greeting_ + wire::kGreetingPortOffset, sizeof(port));
   return port;
 }
 
@@ -128,7 +129,7 @@ bool cVantrelClientObjectImp::IsLocalHost(const std::string& host) const { retur
 
 bool cVantrelClientObjectImp::NotValid() {
   if (IsValid()) return false;
-  SetStatus(kVantrelStatusNotInitialised);
+  SetStatus(wire::kStatusNotInitialised);
   return true;
 }
 
@@ -148,33 +149,38 @@ bool cVantrelClientObjectImp::NETInit(const char* clientName, unsigned short por
   clientPort_ = port;
 
   for (auto& queue : queues_) queue->InitZ72();
-  SetStatus(kVantrelStatusOk);
+  SetStatus(wire::kStatusOk);
   const char* name = clientName ? clientName : "";
-  const std::size_t nameLength = strnlen(name, kNameField);
-  if (nameLength >= kNameField)
-    VLOG_WARN("cVantrelClientObjectImp::NETInit - client name longer than %d characters cut", kNameField - 1);
-  std::memset(greeting_ + kNameOffset, 0, kNameField);
-  std::memcpy(greeting_ + kNameOffset, name, std::min<std::size_t>(nameLength, kNameField - 1));
+  const std::size_t nameLength = strnlen(name, wire::kGreetingFieldSize);
+  if (nameLength >= wire::kGreetingFieldSize)
+    VLOG_WARN("cVantrelClientObjectImp::NETInit - client name longer than %d characters cut",
+              wire::kGreetingFieldSize - 1);
+  std::memset(greeting_ + wire::kGreetingNameOffset, 0, wire::kGreetingFieldSize);
+  std::memcpy(greeting_ + wire::kGreetingNameOffset, name,
+              std::min<std::size_t>(nameLength, wire::kGreetingFieldSize - 1));
 
   if (!communicator_->Start()) return false;
 
-  cTypedMessageObject* reply = queues_[1]->waitMessage(-1);
+  cTypedMessageObject* reply = queues_[wire::kChannelAnswers]->waitMessage(-1);
   if (reply == nullptr) {
     VLOG_WARN("cVantrelClientObjectImp::NETInit - no greeting reply from the service (%s)", clientName_);
     return false;
   }
-  if (reply->getLength() < static_cast<std::int32_t>(CVantrelClientCommunicatorZ1::kGreetingSize) ||
-      reply->getData() == nullptr) {
+  if (reply->getLength() < static_cast<std::int32_t>(wire::kGreetingSize) || reply->getData() == nullptr) {
     VLOG_ERROR("cVantrelClientObjectImp::NETInit - greeting reply of %d bytes refused (%s)", reply->getLength(),
                clientName_);
     delete reply;
     communicator_->Terminate(true);
     return false;
   }
-  std::memcpy(greeting_, reply->getData(), CVantrelClientCommunicatorZ1::kGreetingSize);
+  std::memcpy(greeting_, reply->getData(), wire::kGreetingSize);
   const bool accepted = reply->getType() != 0;
   delete reply;
   localHostName_ = GreetingHostName();
+  // Built here, before the object becomes valid, so that the sending threads
+  // only ever read it; later changes of the greeting block do not change who we are.
+  whoAmI_ = CVantrelAddress(GreetingClientName(), localHostName_).Address() + gVantrelAddressPortDelimiter() +
+            std::to_string(GreetingNetPort());
   valid_.store(accepted, std::memory_order_release);
   if (!accepted) {
     VLOG_WARN("cVantrelClientObjectImp::NETInit - the service refused the greeting (%s)", clientName_);
@@ -193,7 +199,7 @@ bool cVantrelClientObjectImp::sendMessageToVantrel(const cVantrelMessage& record
 
 bool cVantrelClientObjectImp::NETSendMessage(const char* data, unsigned length, const char* address) {
   if (NotValid()) return false;
-  SetStatus(kVantrelStatusOk);
+  SetStatus(wire::kStatusOk);
   VLOG_DEBUG("cVantrelClientObjectImp::NETSendMessage(data=%s)", LoggedData(data, length));
   const CVantrelAddress parsed(address ? address : "");
   if (parsed.ClientName().empty() || parsed.HostName().empty()) return false;
@@ -202,22 +208,22 @@ bool cVantrelClientObjectImp::NETSendMessage(const char* data, unsigned length, 
 
 bool cVantrelClientObjectImp::sendMessage(const char* data, unsigned length, const std::string& toClient,
                                           const std::string& toHost, QType qtype, long timeout) {
-  const short type = IsLocalHost(toHost) ? kTypeSend + kLocalOffset : kTypeSend;
+  const short type = IsLocalHost(toHost) ? wire::kLocalSend : wire::kSend;
   const std::string fromHost = GreetingHostName();
   const std::string fromClient = GreetingClientName();
-  const cVantrelMessage record(0, toHost.c_str(), toClient.c_str(), fromHost.c_str(), fromClient.c_str(), qtype,
-                               type, 0, data, length);
+  const cVantrelMessage record(0, toHost.c_str(), toClient.c_str(), fromHost.c_str(), fromClient.c_str(), qtype, type,
+                               0, data, length);
 
   // Whatever waits on queue 1 now answers an earlier send.
-  while (RWCollectable* stale = queues_[1]->get()) delete stale;
+  while (RWCollectable* stale = queues_[wire::kChannelAnswers]->get()) delete stale;
 
   if (!sendMessageToVantrel(record)) {
-    SetStatus(kVantrelStatusSendFailed);
-    VLOG_WARN("cVantrelClientObjectImp::sendMessage(%s) - send error %d", WhoAmIText(), kVantrelStatusSendFailed);
+    SetStatus(wire::kStatusSendFailed);
+    VLOG_WARN("cVantrelClientObjectImp::sendMessage(%s) - send error %d", WhoAmIText(), wire::kStatusSendFailed);
     return false;
   }
 
-  cTypedMessageObject* ack = queues_[1]->waitMessage(timeout);
+  cTypedMessageObject* ack = queues_[wire::kChannelAnswers]->waitMessage(timeout);
   if (ack == nullptr) {
     VLOG_WARN("cVantrelClientObjectImp::sendMessage()\t%s\t%s\t%s\t'%s'", WhoAmIText(), toClient, toHost,
               LoggedData(data, length));
@@ -225,9 +231,9 @@ bool cVantrelClientObjectImp::sendMessage(const char* data, unsigned length, con
   }
   std::unique_ptr<cVantrelMessage> answer(NVSTmo2Ttm(ack));
   delete ack;
-  if (answer && answer->isValid() && answer->getType() == kTypeDelivered) return true;
-  SetStatus(kVantrelStatusAckError);
-  VLOG_WARN("cVantrelClientObjectImp::sendMessage(%s) - ack on send error %d", WhoAmIText(), kVantrelStatusAckError);
+  if (answer && answer->isValid() && answer->getType() == wire::kDelivered) return true;
+  SetStatus(wire::kStatusAckError);
+  VLOG_WARN("cVantrelClientObjectImp::sendMessage(%s) - ack on send error %d", WhoAmIText(), wire::kStatusAckError);
   return false;
 }
 
@@ -237,16 +243,16 @@ bool cVantrelClientObjectImp::NETSendMessageNoresponseZ1(const char* data, unsig
     VLOG_DEBUG("cVantrelClientObjectImp::NETSendMessageNoresponseZ1 empty data");
   else
     VLOG_DEBUG("cVantrelClientObjectImp::NETSendMessageNoresponseZ1(data=%s)", LoggedData(data, length));
-  SetStatus(kVantrelStatusOk);
+  SetStatus(wire::kStatusOk);
   const CVantrelAddress parsed(address ? address : "");
   if (parsed.ClientName().empty() || parsed.HostName().empty()) return false;
-  const short type = IsLocalHost(parsed.HostName()) ? kTypeNoResponse + kLocalOffset : kTypeNoResponse;
+  const short type = IsLocalHost(parsed.HostName()) ? wire::kLocalSendNoResponse : wire::kSendNoResponse;
   const std::string fromHost = GreetingHostName();
   const std::string fromClient = GreetingClientName();
   const cVantrelMessage record(0, parsed.HostName().c_str(), parsed.ClientName().c_str(), fromHost.c_str(),
                                fromClient.c_str(), QTYPE_CLIENT, type, 0, data, length);
   if (sendMessageToVantrel(record)) return true;
-  SetStatus(kVantrelStatusSendFailed);
+  SetStatus(wire::kStatusSendFailed);
   return false;
 }
 
@@ -254,19 +260,19 @@ bool cVantrelClientObjectImp::NETSendMessageNowait(std::int32_t messageId, const
                                                    const char* address) {
   if (NotValid()) return false;
   VLOG_DEBUG("cVantrelClientObjectImp::NETSendMessageNowait(id=%d, data=%s)", messageId, LoggedData(data, length));
-  SetStatus(kVantrelStatusOk);
+  SetStatus(wire::kStatusOk);
   const CVantrelAddress parsed(address ? address : "");
   if (parsed.ClientName().empty() || parsed.HostName().empty()) return false;
-  const short type = IsLocalHost(parsed.HostName()) ? kTypeNoWait + kLocalOffset : kTypeNoWait;
+  const short type = IsLocalHost(parsed.HostName()) ? wire::kLocalSendNoWait : wire::kSendNoWait;
   const std::string fromHost = GreetingHostName();
   const std::string fromClient = GreetingClientName();
   const cVantrelMessage record(static_cast<std::uint32_t>(messageId), parsed.HostName().c_str(),
-                               parsed.ClientName().c_str(), fromHost.c_str(), fromClient.c_str(), QTYPE_CLIENT, type,
-                               0, data, length);
+                               parsed.ClientName().c_str(), fromHost.c_str(), fromClient.c_str(), QTYPE_CLIENT, type, 0,
+                               data, length);
   if (sendMessageToVantrel(record)) return true;
-  SetStatus(kVantrelStatusSendFailed);
+  SetStatus(wire::kStatusSendFailed);
   VLOG_WARN("cVantrelClientObjectImp::sendMessageNowait(%s) - send failed, error=%d", WhoAmIText(),
-            kVantrelStatusSendFailed);
+            wire::kStatusSendFailed);
   return false;
 }
 
@@ -278,30 +284,29 @@ bool cVantrelClientObjectImp::NETSendMultiMessageZ1(const char* data, unsigned l
   return true;
 }
 
-bool cVantrelClientObjectImp::NETCopyFile(std::int32_t messageId, const char* data, unsigned length,
-                                          const char* host) {
+bool cVantrelClientObjectImp::NETCopyFile(std::int32_t messageId, const char* data, unsigned length, const char* host) {
   if (NotValid()) return false;
-  SetStatus(kVantrelStatusOk);
+  SetStatus(wire::kStatusOk);
   VLOG_DEBUG("cVantrelClientObjectImp::NETCopyFile(data=%s)", LoggedData(data, length));
   const CVantrelAddress parsed("NoClient", host ? host : "");
   if (parsed.HostName().empty()) return false;
   const std::string fromHost = GreetingHostName();
   const std::string fromClient = GreetingClientName();
   const cVantrelMessage record(static_cast<std::uint32_t>(messageId), parsed.HostName().c_str(), "NoClient",
-                               fromHost.c_str(), fromClient.c_str(), QTYPE_CLIENT, kTypeCopyFile, 0, data, length);
+                               fromHost.c_str(), fromClient.c_str(), QTYPE_CLIENT, wire::kFileCopy, 0, data, length);
   if (sendMessageToVantrel(record)) return true;
-  SetStatus(kVantrelStatusSendFailed);
+  SetStatus(wire::kStatusSendFailed);
   return false;
 }
 
 const cVantrelMessage* cVantrelClientObjectImp::waitMessage(int queue) {
   DiscardCurrent();
-  SetStatus(kVantrelStatusOk);
+  SetStatus(wire::kStatusOk);
   cTypedMessageObject* frame = queues_[queue]->waitMessage(-1);
   if (frame == nullptr) {
     // Released or turned off: the session is over for this object.
     valid_.store(false, std::memory_order_release);
-    SetStatus(kVantrelStatusNotInitialised);
+    SetStatus(wire::kStatusNotInitialised);
     return nullptr;
   }
   currentMessage_ = NVSTmo2Ttm(frame);
@@ -311,7 +316,7 @@ const cVantrelMessage* cVantrelClientObjectImp::waitMessage(int queue) {
 
 const cVantrelMessage* cVantrelClientObjectImp::NETWaitMessage() {
   if (NotValid()) return nullptr;
-  return waitMessage(0);
+  return waitMessage(wire::kChannelMessages);
 }
 
 const char* cVantrelClientObjectImp::NETWaitMessageX2() {
@@ -322,8 +327,8 @@ const char* cVantrelClientObjectImp::NETWaitMessageX2() {
 const char* cVantrelClientObjectImp::NETFetchMessage() {
   if (NotValid()) return nullptr;
   DiscardCurrent();
-  SetStatus(kVantrelStatusOk);
-  cTypedMessageObject* frame = queues_[0]->fetchMessage();
+  SetStatus(wire::kStatusOk);
+  cTypedMessageObject* frame = queues_[wire::kChannelMessages]->fetchMessage();
   if (frame == nullptr) return nullptr;
   currentMessage_ = NVSTmo2Ttm(frame);
   delete frame;
@@ -332,22 +337,15 @@ const char* cVantrelClientObjectImp::NETFetchMessage() {
 
 const char* cVantrelClientObjectImp::NETWhoAmI() {
   if (NotValid()) return "";
-  SetStatus(kVantrelStatusOk);
+  SetStatus(wire::kStatusOk);
   return WhoAmIText().c_str();
 }
 
-const std::string& cVantrelClientObjectImp::WhoAmIText() {
-  // Built once: later changes of the greeting block do not change who we are.
-  if (whoAmI_.empty()) {
-    whoAmI_ = CVantrelAddress(GreetingClientName(), GreetingHostName()).Address() + gVantrelAddressPortDelimiter() +
-              std::to_string(GreetingNetPort());
-  }
-  return whoAmI_;
-}
+const std::string& cVantrelClientObjectImp::WhoAmIText() const { return whoAmI_; }
 
 const char* cVantrelClientObjectImp::NETLocalHostName() {
   if (NotValid()) return "";
-  SetStatus(kVantrelStatusOk);
+  SetStatus(wire::kStatusOk);
   return localHostName_.c_str();
 }
 
@@ -364,8 +362,8 @@ bool cVantrelClientObjectImp::NETTurnOn() {
 void cVantrelClientObjectImp::NETTerminate() {
   try {
     if (valid_.exchange(false, std::memory_order_acq_rel)) {
-      static const char kFarewell[] = "";
-      communicator_->sendMessage(kFarewell, 1, CVantrelClientCommunicatorZ1::kFarewellType, 0);
+      static const char kEmptyText[] = "";
+      communicator_->sendMessage(kEmptyText, 1, wire::kFarewell, 0);
       for (auto& queue : queues_) queue->releaseZ72();
     }
     // Also for an object that is no longer valid: a wait may have invalidated
@@ -379,14 +377,14 @@ void cVantrelClientObjectImp::NETTerminate() {
 }
 
 void cVantrelClientObjectImp::OnNewFrame(cTypedMessageObject* frame, short subtype) {
-  if (subtype < 0 || subtype > 2) {
-    VLOG_WARN("cVantrelClientObjectImp::OnNewFrame - frame of type %d with subtype %d dropped (%s)",
-              frame->getType(), subtype, clientName_);
+  if (subtype < 0 || subtype >= wire::kChannelCount) {
+    VLOG_WARN("cVantrelClientObjectImp::OnNewFrame - frame of type %d with subtype %d dropped (%s)", frame->getType(),
+              subtype, clientName_);
     delete frame;
     return;
   }
   bool accept = true;
-  if (subtype != 1 && owner_ != nullptr) {
+  if (subtype != wire::kChannelAnswers && owner_ != nullptr) {
     try {
       accept = owner_->NewMessageEvent(frame, subtype);
     } catch (const std::exception& e) {

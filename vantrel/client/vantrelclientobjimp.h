@@ -21,16 +21,9 @@
 #include "vantrel/client/vantrelclientcommunicator.h"
 #include "vantrel/message/packmsg.h"
 #include "vantrel/message/typedmsg.h"
+#include "vantrel/message/wire.h"
 
 class cVantrelClientObject;
-
-// Status codes kept by the implementation.
-enum : int {
-  kVantrelStatusOk = 0,
-  kVantrelStatusNotInitialised = 15005,  // also: a wait that returned no message
-  kVantrelStatusSendFailed = 15007,
-  kVantrelStatusAckError = 15008,
-};
 
 // One receive queue: a platform event queue of cTypedMessageObject.
 // Ownership: owned by one cVantrelClientObjectImp; owns what it holds until it
@@ -64,9 +57,11 @@ class CVantrelClientQueue : public RQPEventQueue {
 // Threads: application threads call the NET operations; the communicator's
 // reader calls OnNewFrame, NETTerminate and OnReaderEnded. Shared between them
 // are the queues (thread-safe), the valid flag and the status (atomic). The
-// current message and the who-am-I text are for one application thread at a
-// time: a record returned by a wait stays valid until that thread's next wait
-// or fetch.
+// greeting block, local host name and who-am-I text are written by NETInit
+// before the object becomes valid and only read afterwards, so the sends that
+// need no acknowledgement may run on several threads. The current message and
+// the acknowledgement queue are for one application thread at a time: a record
+// returned by a wait stays valid until that thread's next wait or fetch.
 class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommunicatorOwner {
  public:
   static constexpr unsigned short kDefaultClientPort = 9010;
@@ -74,14 +69,6 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
   // Queue 1 keeps no more than this many entries: acknowledgements of sends
   // nobody waits for would otherwise pile up there.
   static constexpr std::size_t kAckQueueCapacity = 1024;
-
-  // Type codes of the records the library sends; a local destination adds 1032.
-  static constexpr short kTypeSend = 2;
-  static constexpr short kTypeNoResponse = 3;
-  static constexpr short kTypeNoWait = 4;
-  static constexpr short kTypeCopyFile = 5;
-  static constexpr short kLocalOffset = 1032;
-  static constexpr short kTypeDelivered = 102;
 
   cVantrelClientObjectImp(const char* clientName, cVantrelClientObject* owner);
   // Ends the session, joins the reader, then releases queues, communicator and
@@ -135,7 +122,7 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
   bool IsLocalHost(const std::string& host) const;
   void SetStatus(int status) { lastStatus_.store(status, std::memory_order_relaxed); }
   bool NotValid();
-  const std::string& WhoAmIText();
+  const std::string& WhoAmIText() const;
   void DiscardCurrent();
 
   cVantrelClientObject* const owner_;
@@ -145,12 +132,13 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
   // never changed, so the reader may read it for its log lines.
   const std::string clientName_;
   std::string lastErrorMessage_;
-  char greeting_[CVantrelClientCommunicatorZ1::kGreetingSize] = {};
+  char greeting_[vantrel::wire::kGreetingSize] = {};
   // Written once by NETInit before the reader starts; read-only afterwards.
   std::string localHostName_;
   std::atomic<int> lastStatus_{0};
-  std::unique_ptr<CVantrelClientQueue> queues_[3];
+  std::unique_ptr<CVantrelClientQueue> queues_[vantrel::wire::kChannelCount];
   cVantrelMessage* currentMessage_ = nullptr;
+  // Written once by NETInit before the object becomes valid; read-only afterwards.
   std::string whoAmI_;
   unsigned short clientPort_ = 0;
   long ackWaitTimeout_ = kDefaultAckWaitMilliseconds;

@@ -8,7 +8,7 @@
 namespace {
 
 // Layout of the packed record (all integers big-endian):
-//   0  u32 layout marker "VRM1"
+//   0  u32 layout marker (vantrel::wire::kRecordMarker)
 //   4  u32 message id
 //   8  u32 reserved second word
 //  12  i32 QType
@@ -20,7 +20,6 @@ namespace {
 //  32  u32 length of from client
 //  36  u32 length of data
 //  40  to host, 0, to client, 0, from host, 0, from client, 0, data, 0
-constexpr std::uint32_t kMarker = 0x56524D31u;  // "VRM1"
 constexpr std::size_t kHeaderSize = 40;
 constexpr std::size_t kFieldCount = 5;  // four texts and the data
 constexpr std::size_t kLengthsOffset = 20;
@@ -67,7 +66,7 @@ bool CheckPacked(const char* buffer, std::uint32_t length, std::string* error) {
   if (length < kHeaderSize)
     return fail("buffer of " + std::to_string(length) + " bytes is shorter than the " +
                 std::to_string(kHeaderSize) + "-byte header");
-  if (GetU32(buffer) != kMarker) return fail("wrong layout marker");
+  if (GetU32(buffer) != vantrel::wire::kRecordMarker) return fail("wrong layout marker");
 
   std::uint64_t expected = kHeaderSize;
   std::uint32_t fieldLengths[kFieldCount];
@@ -126,7 +125,7 @@ cVantrelMessage::cVantrelMessage(std::uint32_t messageId, const char* toHost, co
 
   storage_ = std::make_shared_for_overwrite<char[]>(static_cast<std::size_t>(total));
   char* out = storage_.get();
-  PutU32(out, kMarker);
+  PutU32(out, vantrel::wire::kRecordMarker);
   PutU32(out + 4, messageId);
   PutU32(out + 8, 0);
   PutU32(out + 12, static_cast<std::uint32_t>(qtype));

@@ -29,23 +29,19 @@
 #include <string>
 
 #include "vantrel/base/export.h"
+#include "vantrel/message/wire.h"
 
-// The delivery discipline carried in every record.
-enum QType : std::int32_t {
-  // Set by the client library on every message it creates.
-  QTYPE_CLIENT = 0,
-  // Set by the service on messages it forwards between hosts and on answers to
-  // a sender that waits for them (acknowledged sends, file traffic).
-  QTYPE_SYNC = 1,
-  // Set by the service on answers the sender does not wait for (no-wait sends,
-  // file-copy results).
-  QTYPE_ASYNC = 2,
-};
-
+// One message on the bus: addresses, kind and payload, with their packed form.
+//
+// No operation blocks. The constructors allocate the packed buffer and throw
+// std::bad_alloc when memory runs out; nothing else throws. A received buffer
+// that is malformed never throws: the record is left invalid.
 class VANTREL_API cVantrelMessage {
  public:
-  // Builds a record from its parts and packs it. Null texts count as empty;
-  // null data with a positive length is logged and packed as no data.
+  // Builds a record from its parts and packs it; the record keeps copies of
+  // every text and of the data. Null texts count as empty; null data with a
+  // positive length is logged and packed as no data. Parts too large for the
+  // packed layout (above 4 GiB in all) leave the record invalid.
   cVantrelMessage(std::uint32_t messageId, const char* toHost, const char* toClient, const char* fromHost,
                   const char* fromClient, QType qtype, short type, short subtype, const char* data,
                   std::uint32_t datalen);
@@ -61,32 +57,39 @@ class VANTREL_API cVantrelMessage {
   // Rebuilds a record from a packed buffer received on a socket. The buffer is
   // copied, so the caller may free it at once. The type and subtype are those
   // the sender packed: on host links the frame's subtype is the link's version
-  // marker, not the record's own. The frame's type and subtype are only
-  // compared with the packed ones (a frame type that differs is logged).
-  // A malformed buffer is logged and leaves the record invalid.
+  // marker, not the record's own, and a frame type that differs from the
+  // packed one is logged. A malformed buffer is logged and leaves the record
+  // invalid.
   cVantrelMessage(const char* buffer, std::uint32_t length, short type, short subtype);
   // As above, but takes over `buffer` (allocated with new char[]) instead of
   // copying it, so that a received frame becomes a record without a copy. A
   // malformed buffer is freed at once.
   cVantrelMessage(std::unique_ptr<char[]> buffer, std::uint32_t length, short type, short subtype);
 
-  // Shallow: the copy shares the source's buffer (see "Storage" above).
+  // Shallow: the copy shares the source's buffer (see "Storage" above), costs
+  // no allocation and may outlive its source.
   cVantrelMessage(const cVantrelMessage& other) = default;
   cVantrelMessage& operator=(const cVantrelMessage& other) = default;
+  // Releases the packed buffer when no other copy refers to it.
   virtual ~cVantrelMessage();
 
+  // The class name for log lines, "VantrelMessage" (a static text).
   virtual const char* nameOf() const;
 
   // Checks `buffer` and, when it is a well-formed packed record, sets `out` to
-  // a new record rebuilt from it and returns true. Otherwise leaves `out` empty,
-  // writes the reason into `error` (when given) and returns false. Logs nothing.
+  // a new record rebuilt from it (owned by the caller through `out`) and
+  // returns true. Otherwise leaves `out` empty, writes the reason into `error`
+  // (when given) and returns false. Logs nothing; any thread.
   static bool Unpack(const char* buffer, std::uint32_t length, short type, short subtype,
                      std::unique_ptr<cVantrelMessage>& out, std::string* error);
 
   // False after the packed-buffer constructor met a malformed buffer, or when
-  // the parts would not fit the packed layout (a record above 4 GiB).
+  // the parts would not fit the packed layout.
   bool isValid() const { return valid_; }
 
+  // The fields. Every pointer returned points into the packed buffer: it is
+  // never null (getData aside) and stays valid as long as this record or a copy
+  // of it exists. Texts are zero-terminated; an invalid record gives "".
   unsigned int getMessageId() const { return messageId_; }
   const char* getToHost() const { return toHost_; }
   // The destination list of a message sent to several destinations shares the
@@ -96,17 +99,23 @@ class VANTREL_API cVantrelMessage {
   const char* getFromHost() const { return fromHost_; }
   const char* getFromClient() const { return fromClient_; }
   QType getQtype() { return qtype_; }
+  // A record type or answer of vantrel/message/wire.h.
   short getType() const { return type_; }
   short getSubtype() const { return subtype_; }
   // Changes the subtype only; the packed buffer keeps the subtype it was built
-  // with, so a changed record is sent with its old subtype inside.
+  // with, so a changed record is sent with its old subtype inside. Not to be
+  // called while another thread reads the record.
   void setSubtype(short subtype) { subtype_ = subtype; }
+  // The payload, followed by a zero byte that getDatalen() does not count.
   // Null only for an invalid record; for an empty payload it points at a zero
   // byte.
   const char* getData() const { return data_; }
-  // Only for filling a record built with tDataSpace.
+  // Only for filling a record built with tDataSpace, before it is copied,
+  // shared with another thread or sent: the bytes are shared with every copy.
   char* mutableData() { return const_cast<char*>(data_); }
   unsigned int getDatalen() const { return datalen_; }
+  // The whole record as it goes on the wire (getPackedBufLen() bytes); null
+  // with length 0 for an invalid record.
   const char* getPackedBuf() const { return packedBuf_; }
   unsigned int getPackedBufLen() const { return packedBufLen_; }
 

@@ -12,6 +12,8 @@
 #include "vantrel/base/platform/collectable.h"
 #include "vantrel/message/packmsg.h"
 
+// One received frame: its type, subtype and payload, before it becomes a record.
+// No operation blocks; the constructors throw std::bad_alloc only.
 class VANTREL_API cTypedMessageObject : public RWCollectable {
  public:
   // Class id reported by isA().
@@ -32,21 +34,28 @@ class VANTREL_API cTypedMessageObject : public RWCollectable {
   // with a positive length, or a negative length, is logged and stored as no
   // payload.
   cTypedMessageObject(AdoptBuffer, char* buffer, std::int32_t length, short type, short subtype);
+  // Releases the payload.
   ~cTypedMessageObject() override;
   cTypedMessageObject(const cTypedMessageObject&) = delete;
   cTypedMessageObject& operator=(const cTypedMessageObject&) = delete;
 
+  // The frame's type (a record type or frame type of vantrel/message/wire.h)
+  // and subtype (on a client connection, the channel it arrived on).
   short getType() const { return type_; }
   short getSubtype() const { return subtype_; }
-  // Null when there is no payload.
+  // The payload, owned by this object and valid until it is destroyed; null
+  // when there is none. Not zero-terminated: read getLength() bytes.
   const char* getData() const { return data_; }
   std::int32_t getLength() const { return length_; }
 
+  // kClassId.
   std::uint16_t isA() const override;
+  // A hash of type, subtype and payload bytes, consistent with isEqual.
   unsigned hash() const override;
   // Equal when the other object is a typed message with the same type, subtype
-  // and payload bytes.
+  // and payload bytes; false for null.
   bool isEqual(const RWCollectable* other) const override;
+  // The class name for log lines (a static text).
   const char* nameOf() const override;
 
  private:
@@ -57,9 +66,10 @@ class VANTREL_API cTypedMessageObject : public RWCollectable {
 };
 
 // A new record rebuilt from a received frame (the frame's payload is a packed
-// record). The caller owns the result and releases it with NVSDeleteMsg. Null
-// only for a null frame; a frame that holds no well-formed record gives an
-// invalid record (see cVantrelMessage::isValid), which has been logged.
+// record); `frame` is only read and stays the caller's. The caller owns the
+// result and releases it with NVSDeleteMsg. Null only for a null frame; a frame
+// that holds no well-formed record gives an invalid record (see
+// cVantrelMessage::isValid), which has been logged. Any thread; never blocks.
 VANTREL_API cVantrelMessage* NVSTmo2Ttm(const cTypedMessageObject* frame);
-// Destroys a record made by NVSTmo2Ttm; null is allowed.
+// Destroys a record made by NVSTmo2Ttm; null is allowed. Never throws.
 VANTREL_API void NVSDeleteMsg(cVantrelMessage* message);

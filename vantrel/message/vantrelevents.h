@@ -18,10 +18,9 @@
 #include <memory>
 
 #include "vantrel/base/events/events.h"
-#include "vantrel/base/export.h"
 #include "vantrel/message/packmsg.h"
 
-class VANTREL_API VantrelClientEvent : public cVantrelMessage, public BaseEvent {
+class VantrelClientEvent : public cVantrelMessage, public BaseEvent {
  public:
   static constexpr std::uint16_t kClassId = 0;
 
@@ -48,7 +47,7 @@ class VANTREL_API VantrelClientEvent : public cVantrelMessage, public BaseEvent 
   const char* nameOf() const override;
 };
 
-class VANTREL_API VantrelHostEvent : public cVantrelMessage, public BaseEvent {
+class VantrelHostEvent : public cVantrelMessage, public BaseEvent {
  public:
   static constexpr std::uint16_t kClassId = 1;
 
@@ -72,4 +71,4 @@ class VANTREL_API VantrelHostEvent : public cVantrelMessage, public BaseEvent {
 };
 
 // The exact-case hash of a key text used by both event classes (FNV-1a).
-VANTREL_API unsigned gVantrelKeyHash(const char* key);
+unsigned gVantrelKeyHash(const char* key);

@@ -54,7 +54,8 @@ class Reader {
   }
 
   bool expect(char c, std::string& why) {
-    if (p_ >= end_ || *p_ != c) return fail(why, std::string("'") + (c == '\n' ? "\\n" : std::string(1, c)) + "' expected");
+    if (p_ >= end_ || *p_ != c)
+      return fail(why, std::string("'") + (c == '\n' ? "\\n" : std::string(1, c)) + "' expected");
     ++p_;
     return true;
   }
@@ -87,8 +88,7 @@ class Reader {
   const char* end_;
 };
 
-bool ReadArray(const char* text, std::size_t length, CAssociativeArray& out, std::string& why,
-               std::size_t& offset) {
+bool ReadArray(const char* text, std::size_t length, CAssociativeArray& out, std::string& why, std::size_t& offset) {
   Reader reader(text, length);
   auto done = [&](bool ok) {
     offset = length - reader.remaining();
@@ -106,9 +106,8 @@ bool ReadArray(const char* text, std::size_t length, CAssociativeArray& out, std
   for (std::uint64_t i = 0; i < count; ++i) {
     std::uint64_t n = 0;
     std::string name, value;
-    if (!reader.number(n, why) || !reader.expect(':', why) || !reader.bytes(n, name, why) ||
-        !reader.expect('=', why) || !reader.number(n, why) || !reader.expect(':', why) ||
-        !reader.bytes(n, value, why) || !reader.separator(why))
+    if (!reader.number(n, why) || !reader.expect(':', why) || !reader.bytes(n, name, why) || !reader.expect('=', why) ||
+        !reader.number(n, why) || !reader.expect(':', why) || !reader.bytes(n, value, why) || !reader.separator(why))
       return done(false);
     if (!out.emplace(std::move(name), std::move(value)).second) {
       why = "name given twice";
@@ -160,6 +159,12 @@ std::string CAssociativeArray::GetValueOfParameter(const std::string& name) cons
   return it != end() ? it->second : std::string();
 }
 
+const std::string& CAssociativeArray::operator[](const std::string& name) const {
+  static const std::string kNone;
+  auto it = find(name);
+  return it != end() ? it->second : kNone;
+}
+
 const std::string& CAssociativeArray::GetRequiredValue(const std::string& name) const {
   auto it = find(name);
   if (it == end()) throw CAssoKeyDoesNotExistException(name, "CAssociativeArray");
@@ -197,7 +202,8 @@ void CAssociativeArray::ToString(std::string& text, long& length, bool countTerm
   std::vector<const value_type*> couples;
   couples.reserve(size());
   for (const value_type& couple : *this) couples.push_back(&couple);
-  std::sort(couples.begin(), couples.end(), [](const value_type* a, const value_type* b) { return a->first < b->first; });
+  std::sort(couples.begin(), couples.end(),
+            [](const value_type* a, const value_type* b) { return a->first < b->first; });
 
   std::string out = "A" + std::to_string(couples.size()) + ";";
   const char sep = lineBreaks ? '\n' : ';';

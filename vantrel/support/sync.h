@@ -1,19 +1,17 @@
 #pragma once
-// Small synchronisation classes used across the library and exported for the
-// product's other programs. All are built on the standard thread support; every
+// Small synchronisation classes used across the library (internal: not part of
+// the installed API). All are built on the standard thread support; every
 // operation may be called from any thread. None of them is copyable.
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 
-#include "vantrel/base/export.h"
-
 // A recursive mutex: the owning thread may lock it again, and each lock needs its
 // unlock. Owned by whoever declares it (usually as a member guarding that
 // object's state); any thread may lock it. The lower-case pair makes it usable
 // with std::lock_guard / std::unique_lock; both pairs behave identically.
-class VANTREL_API RQPMutex {
+class RQPMutex {
  public:
   RQPMutex();
   ~RQPMutex();
@@ -32,7 +30,7 @@ class VANTREL_API RQPMutex {
 
 // Scoped lock of an RQPMutex. Lives on the stack of the thread that took the
 // lock; holds a pointer to the mutex (not ownership) and unlocks it on scope exit.
-class VANTREL_API RQPMutexGuard {
+class RQPMutexGuard {
  public:
   explicit RQPMutexGuard(RQPMutex& mutex);
   ~RQPMutexGuard();
@@ -47,12 +45,12 @@ class VANTREL_API RQPMutexGuard {
 // reset. Owned by the object that declares it; any thread may set, reset, read or
 // wait. The internal mutex is never held while the caller's code runs, and the
 // state is also readable without it (Get).
-class VANTREL_API RQPAtomicManualEvent {
+class RQPAtomicManualEvent {
  public:
   // Resets the event for the life of the guard and sets it again when the scope
   // ends, also when an exception leaves it. Lives on the stack of one thread and
   // refers to (does not own) the event.
-  class VANTREL_API SetGuard {
+  class SetGuard {
    public:
     explicit SetGuard(RQPAtomicManualEvent& event);
     ~SetGuard();
@@ -88,7 +86,7 @@ class VANTREL_API RQPAtomicManualEvent {
 
 // A lock-free 32-bit counter. Its operations are relaxed: it counts, it orders
 // nothing else. Arithmetic wraps around at the 32-bit limits.
-class VANTREL_API RQPSafeCounter {
+class RQPSafeCounter {
  public:
   RQPSafeCounter(long initial = 0);
   RQPSafeCounter(const RQPSafeCounter&) = delete;
@@ -105,7 +103,7 @@ class VANTREL_API RQPSafeCounter {
 
 // A lock-free boolean. Set exchanges with acquire-release order and returns the
 // previous value, so exactly one of several racing callers sees the change.
-class VANTREL_API RQPSafeFlag {
+class RQPSafeFlag {
  public:
   RQPSafeFlag(bool initial = false);
   RQPSafeFlag(const RQPSafeFlag&) = delete;
