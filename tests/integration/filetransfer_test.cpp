@@ -104,24 +104,6 @@ class FileTransferTest : public ::testing::Test {
   TempDir files;
 };
 
-TEST_F(FileTransferTest, CopiesArriveByteIdentical) {
-  const std::size_t sizes[] = {0, 1, kChunk, kChunk + 1, 3 * 1024 * 1024 + 17};
-  long id = 100;
-  for (std::size_t size : sizes) {
-    SCOPED_TRACE(size);
-    const std::string content = Pattern(size, static_cast<unsigned>(size));
-    const std::string source = files.write("src" + std::to_string(size), content);
-    const std::string destination = files.file("dst" + std::to_string(size));
-    auto result = copy(++id, source, destination);
-    ASSERT_TRUE(result.has_value());
-    EXPECT_EQ(result->type, 102);
-    EXPECT_EQ(result->id, static_cast<unsigned>(id));
-    EXPECT_EQ(result->state, 0);
-    EXPECT_EQ(result->fileName, source);
-    EXPECT_TRUE(ReadFile(destination) == content);
-  }
-}
-
 TEST_F(FileTransferTest, FailuresAreReportedAndTheLinkStaysUp) {
   // A missing source is named in the answer.
   auto result = copy(1, files.file("missing"), files.file("never"));
@@ -155,7 +137,7 @@ TEST_F(FileTransferTest, FailuresAreReportedAndTheLinkStaysUp) {
   EXPECT_EQ(ReadFile(files.file("after")), "content");
 }
 
-TEST_F(FileTransferTest, QueuedRequestsAreServedInOrderWhileACopyRunsTheOtherWay) {
+TEST_F(FileTransferTest, QueuedCopiesArriveByteIdenticalAndInOrderWhileACopyRunsTheOtherWay) {
   // The copy the other way makes each side's file threads send chunks and
   // acknowledgements on the same link at once, so the frames interleave.
   TestClient back;
@@ -163,18 +145,23 @@ TEST_F(FileTransferTest, QueuedRequestsAreServedInOrderWhileACopyRunsTheOtherWay
   const std::string backContent = Pattern(30 * kChunk + 11, 8);
   request(500, files.write("back-src", backContent), files.file("back-dst"), back, sender);
 
-  std::vector<std::string> contents;
-  for (int i = 0; i < 4; ++i) {
-    contents.push_back(Pattern(kChunk * 3 + static_cast<std::size_t>(i), static_cast<unsigned>(i)));
-    const std::string source = files.write("src" + std::to_string(i), contents.back());
-    request(10 + i, source, files.file("dst" + std::to_string(i)));
+  // Empty, one byte, one whole chunk, one byte more, many chunks and a short last one.
+  const std::size_t sizes[] = {0, 1, kChunk, kChunk + 1, 3 * 1024 * 1024 + 17};
+  const auto source = [&](unsigned i) { return files.file("src" + std::to_string(i)); };
+  const auto destination = [&](unsigned i) { return files.file("dst" + std::to_string(i)); };
+  for (unsigned i = 0; i < std::size(sizes); ++i) {
+    files.write("src" + std::to_string(i), Pattern(sizes[i], i));
+    request(10 + i, source(i), destination(i));
   }
-  for (int i = 0; i < 4; ++i) {
+  for (unsigned i = 0; i < std::size(sizes); ++i) {
+    SCOPED_TRACE(sizes[i]);
     auto result = answer(client);
     ASSERT_TRUE(result.has_value());
-    EXPECT_EQ(result->id, static_cast<unsigned>(10 + i));
+    EXPECT_EQ(result->type, 102);
+    EXPECT_EQ(result->id, 10 + i);
     EXPECT_EQ(result->state, 0);
-    EXPECT_TRUE(ReadFile(files.file("dst" + std::to_string(i))) == contents[i]);
+    EXPECT_EQ(result->fileName, source(i));
+    EXPECT_TRUE(ReadFile(destination(i)) == Pattern(sizes[i], i));
   }
   auto result = answer(back);
   ASSERT_TRUE(result.has_value());
@@ -272,33 +259,24 @@ TEST_F(FileTransferTest, LocalCopyAnswersWithItsCompletionState) {
 
   const std::string content = Pattern(300000, 7);
   const std::string source = files.write("local-src", content);
-  struct Case {
-    std::string source, destination;
-    long state;
-    std::string fileName;
-  };
-  const Case cases[] = {
-      {source, files.file("local-dst"), 0, source},
-      {files.file("absent"), files.file("x"), 1, files.file("absent")},
-      {source, files.file("no-folder/x"), 1, files.file("no-folder/x")},
-  };
+  const std::string absent = files.file("absent");
   unsigned id = 40;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.destination);
-    const std::string text = Request(c.source, c.destination);
+  for (const auto& [from, state] : {std::pair{source, 0L}, std::pair{absent, 1L}}) {
+    SCOPED_TRACE(from);
+    const std::string text = Request(from, files.file(state == 0 ? "local-dst" : "never"));
     const cVantrelMessage record(++id, "", "NoClient", "", "localcopier", QTYPE_CLIENT, 1037, 0, text.data(),
                                  static_cast<std::uint32_t>(text.size()));
     ASSERT_TRUE(local.send(record, 0));
     auto frame = local.next();
     ASSERT_TRUE(frame.has_value());
     cVantrelMessage answer = frame->record();
+    EXPECT_EQ(answer.getQtype(), QTYPE_ASYNC);
     auto result = Parse(answer);
     ASSERT_TRUE(result.has_value());
     EXPECT_EQ(result->type, 102);
     EXPECT_EQ(result->id, id);
-    EXPECT_EQ(answer.getQtype(), QTYPE_ASYNC);
-    EXPECT_EQ(result->state, c.state);
-    EXPECT_EQ(result->fileName, c.fileName);
+    EXPECT_EQ(result->state, state);
+    EXPECT_EQ(result->fileName, from);
   }
   EXPECT_TRUE(ReadFile(files.file("local-dst")) == content);
 }

@@ -1,14 +1,17 @@
-// Two clients on one service: the local road of a message.
+// One service and its clients: the local road of a message, and what the
+// service does with clients and peers that do not follow the protocol.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "tests/support/servicehelper.h"
 
 namespace vantrel::test {
 namespace {
+
+constexpr short kVersionMarker = 0x7F04;
 
 class LocalServiceTest : public ::testing::Test {
  protected:
@@ -37,32 +40,29 @@ class LocalServiceTest : public ::testing::Test {
   TestClient bob;
 };
 
-TEST_F(LocalServiceTest, AcknowledgedSendIsDeliveredAndAcknowledged) {
+TEST_F(LocalServiceTest, SendsArriveWithTheirTypeAndIdAndOnlyTheAnswersGoBack) {
   ASSERT_TRUE(alice.NETSendMessageZ1("hello", 6, address("bob").c_str())) << alice.NETGetLastStatus();
   auto received = bob.next();
   ASSERT_TRUE(received.has_value());
   EXPECT_STREQ(received->getData(), "hello");
   EXPECT_STREQ(received->getFromClient(), "alice");
   EXPECT_EQ(received->getType(), 2);
-  // Nothing but the acknowledgement went back to the sender.
-  EXPECT_EQ(alice.pending(), 0u);
-  // Addressed by its own host text, the service never opened a link to itself.
-  EXPECT_EQ(service.logCount("Creating new CVantrelHostConnection"), 0u);
-}
 
-TEST_F(LocalServiceTest, NoWaitSendCarriesItsIdAndTheAnswerComesBack) {
   ASSERT_TRUE(alice.NETSendMessageNowaitZ1(4711, "question", 9, address("bob").c_str()));
   auto question = bob.next();
   ASSERT_TRUE(question.has_value());
   EXPECT_EQ(question->getMessageId(), 4711u);
   EXPECT_EQ(question->getType(), 4);
-
   const std::string replyTo = std::string(question->getFromClient()) + "@" + question->getFromHost();
   ASSERT_TRUE(bob.NETSendMessageNowaitZ1(4712, "answer", 7, replyTo.c_str()));
   auto answer = alice.next();
   ASSERT_TRUE(answer.has_value());
   EXPECT_STREQ(answer->getData(), "answer");
   EXPECT_EQ(answer->getMessageId(), 4712u);
+  // Nothing but the acknowledgements went back to the senders.
+  EXPECT_EQ(alice.pending() + bob.pending(), 0u);
+  // Addressed by its own host text, the service never opened a link to itself.
+  EXPECT_EQ(service.logCount("Creating new CVantrelHostConnection"), 0u);
 }
 
 TEST_F(LocalServiceTest, SendsToClientsThatLeftOrNeverCameAreNotDelivered) {
@@ -90,14 +90,42 @@ TEST_F(LocalServiceTest, HundredsOfMessagesArriveInOrder) {
   constexpr int kCount = 400;
   for (int i = 0; i < kCount; ++i) {
     const std::string text = "message " + std::to_string(i);
-    ASSERT_TRUE(alice.NETSendMessageNoresponseZ1(text.c_str(), static_cast<unsigned>(text.size() + 1),
-                                                 address("bob").c_str()));
+    ASSERT_TRUE(
+        alice.NETSendMessageNoresponseZ1(text.c_str(), static_cast<unsigned>(text.size() + 1), address("bob").c_str()));
   }
-  for (int i = 0; i < kCount; ++i) {
-    auto received = bob.next();
-    ASSERT_TRUE(received.has_value()) << "message " << i << " missing";
-    ASSERT_EQ(std::string(received->getData()), "message " + std::to_string(i));
+  for (int i = 0; i < kCount; ++i) ASSERT_EQ(bob.nextText(), "message " + std::to_string(i));
+}
+
+TEST_F(LocalServiceTest, GarbageAndObsoletePeersEndOnlyTheirOwnConnection) {
+  {
+    RawLink rogue;
+    ASSERT_TRUE(rogue.connectClient(service.clientsPort()));
+    ASSERT_TRUE(rogue.greet("rogue"));
+    auto echo = rogue.next();
+    ASSERT_TRUE(echo.has_value());
+    EXPECT_EQ(echo->subtype, 1);
+    // A record that is not one, then a frame with a bad marker.
+    ASSERT_TRUE(rogue.send(1034, 0, "\x07\x07\x07"));
+    ASSERT_GT(::send(rogue.handle(), "NOT A FRAME AT ALL.....", 23, MSG_NOSIGNAL), 0);
+    ASSERT_TRUE(service.waitLog("Removing client rogue")) << service.log();
   }
+  {
+    RawLink old;
+    ASSERT_TRUE(old.connectPeer(service.netPort(), "oldhost~1", 0));
+    ASSERT_TRUE(service.waitLog("Vantrel version there is Obsolete"));
+    EXPECT_FALSE(old.next().has_value());  // no answer: the service closes the link
+    EXPECT_TRUE(old.closed());
+  }
+  RawLink junk;  // a well-formed handshake followed by a record that is no record
+  ASSERT_TRUE(junk.connectPeer(service.netPort(), "junkhost~1", kVersionMarker));
+  ASSERT_TRUE(junk.send(2, kVersionMarker, "\x05garbage"));
+  ASSERT_TRUE(service.waitLog("malformed record of type 2 from host junkhost~1"));
+
+  // New clients are still accepted and everyone is still served.
+  TestClient carol;
+  ASSERT_TRUE(carol.NETInitZ641("carol", service.clientsPort()));
+  EXPECT_TRUE(alice.NETSendMessageZ1("fine", 5, address("carol").c_str()));
+  EXPECT_EQ(carol.nextText(), "fine");
 }
 
 }  // namespace

@@ -65,28 +65,5 @@ TEST(ServiceProgramTest, ClientWithoutGreetingMakesTheServiceRestartItself) {
   ASSERT_FALSE(service.successors().empty());
 }
 
-TEST(ServiceProgramTest, GarbageFromAClientEndsOnlyThatConnection) {
-  ServiceProcess service;
-  ASSERT_TRUE(service.launch()) << service.log();
-  TestClient bob;
-  ASSERT_TRUE(bob.NETInitZ641("bob", service.clientsPort()));
-  {
-    RawLink rogue;
-    ASSERT_TRUE(rogue.connectClient(service.clientsPort()));
-    ASSERT_TRUE(rogue.greet("rogue"));
-    auto echo = rogue.next();
-    ASSERT_TRUE(echo.has_value());
-    EXPECT_EQ(echo->subtype, 1);
-    // A record that is not one, then a frame with a bad marker.
-    ASSERT_TRUE(rogue.send(1034, 0, "\x07\x07\x07"));
-    ASSERT_GT(::send(rogue.handle(), "NOT A FRAME AT ALL.....", 23, MSG_NOSIGNAL), 0);
-    ASSERT_TRUE(service.waitLog("Removing client rogue")) << service.log();
-  }
-  TestClient alice;
-  ASSERT_TRUE(alice.NETInitZ641("alice", service.clientsPort()));
-  EXPECT_TRUE(alice.NETSendMessageZ1("fine", 5, ("bob@" + service.hostText()).c_str()));
-  EXPECT_EQ(service.stop(), 0) << service.log();
-}
-
 }  // namespace
 }  // namespace vantrel::test
