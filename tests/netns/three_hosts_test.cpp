@@ -5,9 +5,9 @@
 // hosts file and `unshare --uts` gives each program its namespace's host name.
 // Needs root, `ip` and `unshare`; otherwise skipped with the reason.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -15,16 +15,13 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/testutil.h"
-#include "vantrel/base/platform/process.h"
+#include "tests/support/servicehelper.h"
 
 namespace vantrel::test {
 namespace {
 
 constexpr int kHosts = 3;
 constexpr nTime::cDiff kCommandTimeout = nTime::cDiff::FromSeconds(20);
-constexpr nTime::cDiff kStopTimeout = nTime::cDiff::FromSeconds(20);
-constexpr auto kReadyTimeout = std::chrono::seconds(30);
 // Bounds every acknowledged send of a client, so that a lost answer fails the
 // test instead of stalling it for the library's default minute.
 constexpr const char* kAckTimeout = "VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT=10000";
@@ -41,7 +38,15 @@ std::string HostAddress(int index) { return "10.200.0." + std::to_string(index +
 class cThreeHostLab {
  public:
   cThreeHostLab() : prefix_("vtn" + std::to_string(::getpid()) + "-") {}
-  ~cThreeHostLab() { TearDown(); }
+  ~cThreeHostLab() {
+    for (ServiceProcess& service : services_) service.kill();
+    if (!built_) return;
+    // Removing a namespace removes its end of the veth pairs, and with it the
+    // other end; the bridge goes with its namespace.
+    std::string script = "ip netns del " + Switch();
+    for (int i = 0; i < kHosts; ++i) script += "; ip netns del " + Namespace(i) + "; rm -rf /etc/netns/" + Namespace(i);
+    Shell(script);
+  }
   cThreeHostLab(const cThreeHostLab&) = delete;
   cThreeHostLab& operator=(const cThreeHostLab&) = delete;
 
@@ -53,8 +58,7 @@ class cThreeHostLab {
     ip_ = RQPFindProgram("ip");
     unshare_ = RQPFindProgram("unshare");
     if (ip_.empty() || unshare_.empty()) return "the ip and unshare programs are needed";
-    if (!std::filesystem::exists(service_) || !std::filesystem::exists(cli_))
-      return "the vantrel and vantrel-cli programs are not built";
+    if (!std::filesystem::exists(kCli)) return "the vantrel and vantrel-cli programs are not built";
     if (!Shell("ip netns add " + Switch())) return "ip netns add was refused: " + lastOutput_;
     built_ = true;
     skip = false;
@@ -74,83 +78,40 @@ class cThreeHostLab {
     }
     if (!Shell(script)) return "the hosts and their network: " + lastOutput_;
 
-    settings_ = dir_.write("Vantrel.ini",
-                           "SocketCommunicationTimeout = 10000\n"
-                           "AddressPortDelimiter = ~\n"
-                           "UseOpenSsl = 0\n"
-                           "LatencyClockUpdate = 0\n");
     for (int i = 0; i < kHosts; ++i) {
-      const RQPSpawnResult spawned = RQPCreateProcessZ0(
-          ip_, InHost(i, {service_, "--config", settings_, "--log-file", LogFile(i), "--log-level", "info"},
-                      dir_.file(HostName(i) + ".out")));
-      if (!spawned.ok()) return "cannot start the service of " + HostName(i) + ": " + spawned.errorText;
-      services_.push_back(spawned.pid);
-    }
-    for (int i = 0; i < kHosts; ++i) {
-      if (!WaitLog(i, "vantrel ready", kReadyTimeout))
-        return "the service of " + HostName(i) + " did not become ready:\n" + ReadFile(LogFile(i)) +
-               ReadFile(dir_.file(HostName(i) + ".out"));
+      services_[i].setPorts(0, 0);
+      services_[i].setLauncher(InHost(i));
+      if (!services_[i].launch()) return "the service of " + HostName(i) + " did not start:\n" + services_[i].log();
     }
     return std::string();
   }
 
+  ServiceProcess& Service(int index) { return services_[index]; }
+
   // Runs vantrel-cli on host `index` as client `name`; its exit code and
   // standard output.
   RQPRunResult Cli(int index, const std::string& name, const std::vector<std::string>& command) const {
-    std::vector<std::string> program = {"/usr/bin/env", "VANTREL_INI=" + settings_, kAckTimeout, cli_, "--name", name};
-    program.insert(program.end(), command.begin(), command.end());
-    return RQPRunAndCapture(ip_, InHost(index, program, "/dev/null"), kCommandTimeout);
-  }
-
-  bool WaitLog(int index, const std::string& text, std::chrono::milliseconds timeout) const {
-    return WaitUntil([&] { return ReadFile(LogFile(index)).find(text) != std::string::npos; }, timeout);
-  }
-
-  std::string LogFile(int index) const { return dir_.file(HostName(index) + ".log"); }
-
-  // Stops every service (SIGTERM, then SIGKILL after a bounded wait); for each
-  // one that did not exit with 0, a line with its code and its output.
-  std::vector<std::string> StopServices() {
-    std::vector<std::string> failures;
-    for (const RQPProcessId pid : services_) ::kill(static_cast<pid_t>(pid), SIGTERM);
-    for (std::size_t i = 0; i < services_.size(); ++i) {
-      int code = -1;
-      if (RQPWaitProcessFor(services_[i], kStopTimeout, &code) != RQPWaitResult::exited) {
-        RQPKillProcess(services_[i]);
-        RQPWaitProcess(services_[i]);
-        failures.push_back(HostName(static_cast<int>(i)) + ": did not stop within the time limit");
-      } else if (code != 0) {
-        failures.push_back(HostName(static_cast<int>(i)) + ": exit " + std::to_string(code) + "\n" +
-                           ReadFile(dir_.file(HostName(static_cast<int>(i)) + ".out")));
-      }
-    }
-    services_.clear();
-    return failures;
+    std::vector<std::string> args = InHost(index);
+    args.insert(args.end(),
+                {"/usr/bin/env", "VANTREL_INI=" + services_[index].iniFile(), kAckTimeout, kCli, "--name", name});
+    args.insert(args.end(), command.begin(), command.end());
+    return RQPRunAndCapture(args.front(), {args.begin() + 1, args.end()}, kCommandTimeout);
   }
 
  private:
+  static constexpr const char* kCli = VANTREL_BINARY_DIR "/programs/vantrel-cli";
   std::string Switch() const { return prefix_ + "sw"; }
   std::string Namespace(int index) const { return prefix_ + HostName(index); }
 
-  // The arguments of `ip` that run `program` in host `index`'s namespace under
-  // its own host name, with its standard output and error in `output`.
-  std::vector<std::string> InHost(int index, const std::vector<std::string>& program, const std::string& output) const {
-    // Each program replaces the one before it (ip, unshare, sh), so the child's
-    // id ends up being the program's own.
-    std::vector<std::string> args = {
-        "netns",
-        "exec",
-        Namespace(index),
-        unshare_,
-        "--uts",
-        "--",
-        "/bin/sh",
-        "-c",
-        "hostname " + HostName(index) + " && exec \"$@\"" +
-            (output == "/dev/null" ? std::string(" 2>/dev/null") : " >" + output + " 2>&1"),
-        "sh"};
-    args.insert(args.end(), program.begin(), program.end());
-    return args;
+  // A command line that runs what follows it in host `index`'s namespace under
+  // its own host name; each program replaces the one before it.
+  std::vector<std::string> InHost(int index) const {
+    return {ip_,      "netns",
+            "exec",   Namespace(index),
+            unshare_, "--uts",
+            "--",     "/bin/sh",
+            "-c",     "hostname " + HostName(index) + " && exec \"$@\"",
+            "sh"};
   }
 
   // Runs `script` with the shell, stopping at the first failing command.
@@ -160,27 +121,12 @@ class cThreeHostLab {
     return result.started && !result.timedOut && result.exitCode == 0;
   }
 
-  void TearDown() {
-    StopServices();
-    if (!built_) return;
-    // Removing a namespace removes its end of the veth pairs, and with it the
-    // other end; the bridge goes with its namespace.
-    std::string script = "ip netns del " + Switch();
-    for (int i = 0; i < kHosts; ++i) script += "; ip netns del " + Namespace(i) + "; rm -rf /etc/netns/" + Namespace(i);
-    Shell(script);
-    built_ = false;
-  }
-
   const std::string prefix_;
-  const std::string service_ = VANTREL_BINARY_DIR "/programs/vantrel";
-  const std::string cli_ = VANTREL_BINARY_DIR "/programs/vantrel-cli";
-  TempDir dir_;
   std::string ip_;
   std::string unshare_;
-  std::string settings_;
   std::string lastOutput_;
   bool built_ = false;
-  std::vector<RQPProcessId> services_;
+  std::array<ServiceProcess, kHosts> services_;
 };
 
 class ThreeHostsTest : public ::testing::Test {
@@ -190,9 +136,10 @@ class ThreeHostsTest : public ::testing::Test {
     problem_ = lab_->Build(skip_);
   }
   static void TearDownTestSuite() {
-    // A crash or sanitizer report on the way out fails the suite too.
-    if (lab_ && problem_.empty())
-      for (const std::string& failure : lab_->StopServices()) ADD_FAILURE() << failure;
+    // A crash on the way out fails the suite too (a sanitizer report fails it
+    // anyway, when the service is destroyed).
+    for (int i = 0; lab_ && problem_.empty() && i < kHosts; ++i)
+      EXPECT_EQ(lab_->Service(i).stop(), 0) << HostName(i) << "\n" << lab_->Service(i).log();
     lab_.reset();
   }
 
@@ -222,17 +169,18 @@ TEST_F(ThreeHostsTest, MessagesAddressedByHostNameReachEveryOtherHost) {
     std::thread waiter([&] { received = lab_->Cli(to, receiver, {"wait", "--from", "--timeout", "15000"}); });
     // The service logs the new client before it answers the greeting; only
     // then can the message find it.
-    if (lab_->WaitLog(to, "VantrelClientInstance::VantrelClientInstance(" + receiver + ")", std::chrono::seconds(15)))
+    if (lab_->Service(to).waitLog("VantrelClientInstance::VantrelClientInstance(" + receiver + ")",
+                                  std::chrono::seconds(15)))
       EXPECT_EQ(lab_->Cli(from, sender, {"send", receiver + "@" + HostName(to), text}).exitCode, 0)
-          << ReadFile(lab_->LogFile(from));
+          << lab_->Service(from).log();
     else
       ADD_FAILURE() << "the receiver did not register";
     waiter.join();
     EXPECT_EQ(received.exitCode, 0);
     EXPECT_EQ(LastLine(received.output), sender + "@" + HostName(from) + "\t" + text + "\n");
     // The link was opened by name, on the default net port of the peer.
-    EXPECT_TRUE(lab_->WaitLog(from, "Connecting to " + HostName(to) + ":9011", std::chrono::seconds(5)))
-        << ReadFile(lab_->LogFile(from));
+    EXPECT_TRUE(lab_->Service(from).waitLog("Connecting to " + HostName(to) + ":9011", std::chrono::seconds(5)))
+        << lab_->Service(from).log();
   }
 }
 
@@ -247,7 +195,7 @@ TEST_F(ThreeHostsTest, FilesCopiedBetweenHostsArriveWhole) {
     const RQPRunResult copied =
         lab_->Cli(from, "copier" + std::to_string(from + 1), {"copy", source, HostName(to), destination});
     EXPECT_EQ(copied.exitCode, 0) << HostName(from) << " -> " << HostName(to) << ": " << copied.output << "\n"
-                                  << ReadFile(lab_->LogFile(from));
+                                  << lab_->Service(from).log();
     EXPECT_EQ(ReadFile(destination), content) << HostName(from) << " -> " << HostName(to);
   }
 }

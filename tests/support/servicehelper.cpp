@@ -59,20 +59,15 @@ bool ServiceProcess::start() {
   // sh puts both output streams into one file and env sets the environment (the
   // test's own variables last, so that they win; the log goes where the
   // arguments say); each replaces itself, so the child's id is the program's.
-  std::vector<std::string> args = {"-c",
-                                   "exec \"$@\" >> output.txt 2>&1",
-                                   "sh",
-                                   "/usr/bin/env",
-                                   "-u",
-                                   "VANTREL_LOG_FILE",
-                                   "-u",
-                                   "VANTREL_LOG_LEVEL",
-                                   "VANTREL_INI=" + dir_.file("Vantrel.ini"),
-                                   "RQ_BIN=" VANTREL_BINARY_DIR "/programs"};
+  std::vector<std::string> args = launcher_;
+  args.insert(args.end(),
+              {"/bin/sh", "-c", "exec \"$@\" >> output.txt 2>&1", "sh", "/usr/bin/env", "-u", "VANTREL_LOG_FILE", "-u",
+               "VANTREL_LOG_LEVEL", "VANTREL_INI=" + iniFile(), "RQ_BIN=" VANTREL_BINARY_DIR "/programs"});
   for (const auto& [name, value] : env_) args.push_back(name + "=" + value);
-  args.insert(args.end(), {VANTREL_BINARY_DIR "/programs/vantrel", "--clients-port", std::to_string(clientsPort_),
-                           "--net-port", std::to_string(netPort_), "--log-file", logFile(), "--log-level", "debug"});
-  pid_ = RQPCreateProcessZ0("/bin/sh", args, {dir_.path(), false}).pid;
+  args.insert(args.end(), {VANTREL_BINARY_DIR "/programs/vantrel", "--log-file", logFile(), "--log-level", "debug"});
+  for (const auto& [option, port] : {std::pair{"--clients-port", clientsPort_}, std::pair{"--net-port", netPort_}})
+    if (port != 0) args.insert(args.end(), {option, std::to_string(port)});
+  pid_ = RQPCreateProcessZ0(args.front(), {args.begin() + 1, args.end()}, {dir_.path(), false}).pid;
   exitCode_.reset();
   return pid_ > 0;
 }
@@ -173,6 +168,12 @@ std::string TestClient::nextText(std::chrono::milliseconds timeout) {
   const auto record = next(timeout);
   if (!record) return "<none>";
   return record->getData() ? record->getData() : "";
+}
+
+std::string TestClient::nextTyped(std::chrono::milliseconds timeout) {
+  const auto record = next(timeout);
+  if (!record) return "<none>";
+  return std::to_string(record->getType()) + " " + (record->getData() ? record->getData() : "");
 }
 
 std::size_t TestClient::pending() {

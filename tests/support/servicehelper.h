@@ -33,7 +33,11 @@ class ServiceProcess {
 
   // Extra environment of the process (set before Start).
   void setEnv(const std::string& name, const std::string& value) { env_[name] = value; }
+  // 0 leaves a port to the program's default.
   void setPorts(unsigned short clientsPort, unsigned short netPort);
+  // Starts the program through `launcher`: a program and its arguments that
+  // ends by replacing itself with the command line that follows them.
+  void setLauncher(std::vector<std::string> launcher) { launcher_ = std::move(launcher); }
 
   // Spawns the program; false when it cannot be started.
   bool start();
@@ -58,6 +62,7 @@ class ServiceProcess {
   // This service's host text as clients and peers use it ("name~port").
   std::string hostText() const;
   std::string logFile() const { return dir_.file("vantrel.log"); }
+  std::string iniFile() const { return dir_.file("Vantrel.ini"); }
   // Other processes whose command line names this service's log file (a
   // relaunched successor).
   std::vector<RQPProcessId> successors() const;
@@ -67,6 +72,7 @@ class ServiceProcess {
   unsigned short clientsPort_;
   unsigned short netPort_;
   std::map<std::string, std::string> env_;
+  std::vector<std::string> launcher_;
   RQPProcessId pid_ = -1;
   std::optional<int> exitCode_;
 };
@@ -83,8 +89,10 @@ class TestClient : public cVantrelClientObject {
   bool NewMessageEvent(cTypedMessageObject* message, short channel) override;
   // The next record that arrived on channel 0, waiting at most `timeout`.
   std::optional<cVantrelMessage> next(std::chrono::milliseconds timeout = std::chrono::seconds(10));
-  // The data of that record as text; "<none>" when none arrived in time.
+  // The data of that record as text, or its type and data ("103 text");
+  // "<none>" when none arrived in time.
   std::string nextText(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  std::string nextTyped(std::chrono::milliseconds timeout = std::chrono::seconds(10));
   std::size_t pending();
 
  private:
