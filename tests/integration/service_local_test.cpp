@@ -74,7 +74,7 @@ TEST_F(LocalServiceTest, SendsToClientsThatLeftOrNeverCameAreNotDelivered) {
   // the message queue - the only thing there, so the send above had no answer.
   EXPECT_FALSE(alice.NETSendMessageZ1("gone?", 6, address("bob").c_str()));
   EXPECT_EQ(alice.NETGetLastStatus(), 0);
-  EXPECT_EQ(alice.nextTyped(), "103 Error dispatching client event");
+  EXPECT_EQ(alice.nextText(), "103 Error dispatching client event");
   EXPECT_EQ(alice.pending(), 0u);
 
   // The farewell freed the name.
@@ -90,7 +90,7 @@ TEST_F(LocalServiceTest, HundredsOfMessagesArriveInOrder) {
     ASSERT_TRUE(
         alice.NETSendMessageNoresponseZ1(text.c_str(), static_cast<unsigned>(text.size() + 1), address("bob").c_str()));
   }
-  for (int i = 0; i < kCount; ++i) ASSERT_EQ(bob.nextText(), "message " + std::to_string(i));
+  for (int i = 0; i < kCount; ++i) ASSERT_EQ(bob.nextText(), "3 message " + std::to_string(i));
 }
 
 TEST_F(LocalServiceTest, GarbageAndObsoletePeersEndOnlyTheirOwnConnection) {
@@ -122,7 +122,7 @@ TEST_F(LocalServiceTest, GarbageAndObsoletePeersEndOnlyTheirOwnConnection) {
   TestClient carol;
   ASSERT_TRUE(carol.NETInitZ641("carol", service.clientsPort()));
   EXPECT_TRUE(alice.NETSendMessageZ1("fine", 5, address("carol").c_str()));
-  EXPECT_EQ(carol.nextText(), "fine");
+  EXPECT_EQ(carol.nextText(), "2 fine");
 }
 
 }  // namespace

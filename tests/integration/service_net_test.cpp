@@ -39,7 +39,7 @@ class NetServiceTest : public ::testing::Test {
     EXPECT_EQ(answered, ids);
     // A round trip on A itself shows that nothing more is on its way.
     ASSERT_TRUE(alice.NETSendMessageNoresponseZ1("self", 5, At("alice", a).c_str()));
-    EXPECT_EQ(alice.nextText(), "self") << a.log();
+    EXPECT_EQ(alice.nextText(), "3 self") << a.log();
     EXPECT_EQ(alice.pending(), 0u);
   }
 };
@@ -53,28 +53,28 @@ TEST_F(NetServiceTest, ThreeServicesRouteToEachOtherOverOneLinkPerPair) {
   Join(c, carol, "carol");
 
   ASSERT_TRUE(alice.NETSendMessageZ1("over", 5, At("bob", b).c_str())) << alice.NETGetLastStatus();
-  EXPECT_EQ(bob.nextTyped(), "2 over") << b.log();
+  EXPECT_EQ(bob.nextText(), "2 over") << b.log();
   ASSERT_TRUE(alice.NETSendMessageNowaitZ1(31, "nowait", 7, At("bob", b).c_str()));
   auto received = bob.next();
   ASSERT_TRUE(received.has_value());
   EXPECT_EQ(received->getMessageId(), 31u);
   ASSERT_TRUE(alice.NETSendMessageNoresponseZ1("fire", 5, At("bob", b).c_str()));
-  EXPECT_EQ(bob.nextText(), "fire");
+  EXPECT_EQ(bob.nextText(), "3 fire");
 
   // Answers go back to the sender by the address it gave itself.
   ASSERT_TRUE(bob.NETSendMessageZ1("back", 5, alice.NETWhoAmI())) << bob.NETGetLastStatus();
-  EXPECT_EQ(alice.nextText(), "back");
+  EXPECT_EQ(alice.nextText(), "2 back");
   ASSERT_TRUE(alice.NETSendMessageZ1("to c", 5, At("carol", c).c_str()));
   ASSERT_TRUE(bob.NETSendMessageZ1("b to c", 7, At("carol", c).c_str()));
   ASSERT_TRUE(carol.NETSendMessageZ1("c to a", 7, alice.NETWhoAmI()));
-  EXPECT_EQ(carol.nextText(), "to c");
-  EXPECT_EQ(carol.nextText(), "b to c");
-  EXPECT_EQ(alice.nextText(), "c to a");
+  EXPECT_EQ(carol.nextText(), "2 to c");
+  EXPECT_EQ(carol.nextText(), "2 b to c");
+  EXPECT_EQ(alice.nextText(), "2 c to a");
 
   // An idle link carries pings and survives them.
   EXPECT_TRUE(a.waitLog("Sending Ping to host " + b.hostText())) << a.log();
   EXPECT_TRUE(alice.NETSendMessageZ1("still", 6, At("bob", b).c_str()));
-  EXPECT_EQ(bob.nextText(), "still");
+  EXPECT_EQ(bob.nextText(), "2 still");
 
   // Each pair's link was opened once, by the first to send, and serves both ways.
   const std::string opened = std::to_string(LinksOpened(a, b)) + std::to_string(LinksOpened(a, c)) +
@@ -84,7 +84,7 @@ TEST_F(NetServiceTest, ThreeServicesRouteToEachOtherOverOneLinkPerPair) {
 
   // A client that does not exist on the peer: not delivered, on the message queue.
   EXPECT_FALSE(alice.NETSendMessageZ1("none", 5, At("nobody", b).c_str()));
-  EXPECT_EQ(alice.nextTyped().substr(0, 4), "103 ");
+  EXPECT_EQ(alice.nextText().substr(0, 4), "103 ");
 
   for (TestClient* client : {&alice, &bob, &carol}) client->NETTerminate();
   for (ServiceProcess* service : {&a, &b, &c}) EXPECT_EQ(service->stop(), 0) << service->log();
@@ -140,10 +140,10 @@ TEST_F(NetServiceTest, TlsLinksWorkAndRefuseAnUntrustedPeerWhenVerifying) {
     Join(b, bob, "bob");
     EXPECT_EQ(alice.NETSendMessageZ1("secret", 7, At("bob", b).c_str()), row.delivered) << a.log() << b.log();
     if (row.delivered) {
-      EXPECT_EQ(bob.nextText(), "secret");
+      EXPECT_EQ(bob.nextText(), "2 secret");
       EXPECT_TRUE(bob.NETSendMessageZ1("reply", 6, alice.NETWhoAmI()));
     } else {
-      EXPECT_EQ(alice.nextTyped(), "103 Connection to host broke.") << a.log();
+      EXPECT_EQ(alice.nextText(), "103 Connection to host broke.") << a.log();
       EXPECT_EQ(bob.pending(), 0u);
     }
   }

@@ -167,12 +167,6 @@ std::optional<cVantrelMessage> TestClient::next(std::chrono::milliseconds timeou
 std::string TestClient::nextText(std::chrono::milliseconds timeout) {
   const auto record = next(timeout);
   if (!record) return "<none>";
-  return record->getData() ? record->getData() : "";
-}
-
-std::string TestClient::nextTyped(std::chrono::milliseconds timeout) {
-  const auto record = next(timeout);
-  if (!record) return "<none>";
   return std::to_string(record->getType()) + " " + (record->getData() ? record->getData() : "");
 }
 

@@ -89,10 +89,8 @@ class TestClient : public cVantrelClientObject {
   bool NewMessageEvent(cTypedMessageObject* message, short channel) override;
   // The next record that arrived on channel 0, waiting at most `timeout`.
   std::optional<cVantrelMessage> next(std::chrono::milliseconds timeout = std::chrono::seconds(10));
-  // The data of that record as text, or its type and data ("103 text");
-  // "<none>" when none arrived in time.
+  // That record's type and data as one text ("2 hello"); "<none>" when none came.
   std::string nextText(std::chrono::milliseconds timeout = std::chrono::seconds(10));
-  std::string nextTyped(std::chrono::milliseconds timeout = std::chrono::seconds(10));
   std::size_t pending();
 
  private:
