@@ -34,7 +34,8 @@ std::string WriteScript(const TempDir& dir, const std::string& name, const std::
 }
 
 // A sleeping process whose name begins with "vantrel", started from a link to
-// sleep; optionally through setpriv, as another user (its options given).
+// sleep; optionally through setpriv, as another user (its options given). The
+// test owns it and its child, which it kills and reaps; test thread only.
 class FakeService {
  public:
   FakeService(const TempDir& dir, const std::string& name, std::vector<std::string> asUser = {}) {
