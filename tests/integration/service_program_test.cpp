@@ -128,36 +128,25 @@ TEST_F(LocalServiceTest, GarbageAndObsoletePeersEndOnlyTheirOwnConnection) {
   EXPECT_EQ(carol.nextText(), "2 fine");
 }
 
-TEST(ServiceProgramTest, SecondInstanceOnTheSamePortsGivesUp) {
-  ServiceProcess first;
-  ASSERT_TRUE(first.launch()) << first.log();
-
+TEST_F(LocalServiceTest, SecondInstanceOnTheSamePortsGivesUp) {
   ServiceProcess second;
-  second.setPorts(first.clientsPort(), first.netPort());
+  second.setPorts(service.clientsPort(), service.netPort());
   ASSERT_TRUE(second.start());
-  const auto code = second.waitExit(std::chrono::seconds(20));
-  ASSERT_TRUE(code.has_value());
-  EXPECT_EQ(*code, 2);
-  EXPECT_TRUE(second.waitLog("net port " + std::to_string(first.netPort()) + " is in use")) << second.log();
-  EXPECT_EQ(first.stop(), 0) << first.log();
+  EXPECT_EQ(second.waitExit(std::chrono::seconds(20)), 2);
+  EXPECT_TRUE(second.waitLog("net port " + std::to_string(service.netPort()) + " is in use")) << second.log();
 }
 
 TEST(ServiceProgramTest, ForeignProgramOnTheNetPortIsReported) {
   ServiceProcess service;
   // Bound but not listening: it holds the port and answers no ping.
   const int holder = ::socket(AF_INET, SOCK_STREAM, 0);
-  ASSERT_GE(holder, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(service.netPort());
-  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  sockaddr_in address{AF_INET, htons(service.netPort()), {htonl(INADDR_ANY)}, {}};
   ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
 
   ASSERT_TRUE(service.start());
   const auto code = service.waitExit(std::chrono::seconds(20));
   ::close(holder);
-  ASSERT_TRUE(code.has_value());
-  EXPECT_NE(*code, 0);
+  EXPECT_NE(code.value_or(0), 0);
   EXPECT_TRUE(service.waitLog("port " + std::to_string(service.netPort()))) << service.log();
 }
 
@@ -168,9 +157,7 @@ TEST(ServiceProgramTest, ClientWithoutGreetingMakesTheServiceRestartItself) {
     RawLink silent;
     ASSERT_TRUE(silent.connectClient(service.clientsPort()));
   }
-  const auto code = service.waitExit(std::chrono::seconds(20));
-  ASSERT_TRUE(code.has_value()) << service.log();
-  EXPECT_EQ(*code, 42);
+  ASSERT_EQ(service.waitExit(std::chrono::seconds(20)), 42) << service.log();
   EXPECT_TRUE(service.waitLog("Message was not read  Should restart automatically"));
 
   // The successor waits for the ports, then serves new clients.
