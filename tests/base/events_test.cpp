@@ -35,14 +35,13 @@ TEST(EventRegistry, DispatchGoesToNewestRegistrationOfEqualKey) {
   EXPECT_EQ(server.registrationCount(), 2u);
 
   EXPECT_TRUE(server.dispatchEvent(Message("recorder", "first")));
-  EXPECT_TRUE(older.got.empty());
-  ASSERT_EQ(newer.got.size(), 1u);
 
   // Removing the stale registration by identity leaves the newer one working.
   EXPECT_TRUE(server.unRegisterEvent(olderKey));
   EXPECT_FALSE(server.unRegisterEvent(olderKey));
   EXPECT_TRUE(server.dispatchEvent(Message("recorder", "second")));
   EXPECT_EQ(newer.got, (std::vector<std::string>{"first", "second"}));
+  EXPECT_TRUE(older.got.empty());
 
   // An equal but different object removes nothing.
   VantrelClientEvent lookalike("recorder", &newer, newer.id);

@@ -1,5 +1,6 @@
 // Threads and the event queue: the hand-over points between every thread of
 // the system.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -53,12 +54,10 @@ int WaitersEndingWith(RQPEventQueue& q, htWaitReturnType expected, long limitMs,
 
 TEST(EventQueue, FifoGetAndTimeout) {
   RQPEventQueue q;
-  EXPECT_TRUE(q.isEmpty());
   EXPECT_EQ(q.get(), nullptr);
   RWCollectable* ev = nullptr;
   EXPECT_EQ(q.waitEvent(ev, 0), htTimeout);
   EXPECT_EQ(q.waitEvent(ev, 20), htTimeout);
-  EXPECT_EQ(ev, nullptr);
 
   EXPECT_FALSE(q.putEvent(nullptr));
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(q.putEvent(new Item(i)));
@@ -67,6 +66,7 @@ TEST(EventQueue, FifoGetAndTimeout) {
   ASSERT_EQ(q.waitEvent(ev, 0), htEvent);
   EXPECT_EQ(ValueOf(ev), 1);
   EXPECT_EQ(ValueOf(q.waitEvent()), 2);
+  EXPECT_TRUE(q.isEmpty());
 }
 
 TEST(EventQueue, ReleaseWakesEveryWaiterAndStaysUntilInit) {
@@ -135,12 +135,8 @@ TEST(Thread, RunsOnceJoinsAndNamesItself) {
   EXPECT_TRUE(t.Join());
   EXPECT_EQ(seenName, "VTTest");
   EXPECT_TRUE(t.Finished());
-  try {
-    t.Start([] {}, "again", "again");
-    ADD_FAILURE() << "a finished thread object started again";
-  } catch (const std::logic_error& e) {
-    EXPECT_STREQ(e.what(), "this object doesn't support thread re-start.");
-  }
+  EXPECT_THAT([&] { t.Start([] {}, "again", "again"); },
+              testing::ThrowsMessage<std::logic_error>("this object doesn't support thread re-start."));
   t.Reset();
   t.Start(body, "VTTest2", "ThreadTest:Again");
   EXPECT_TRUE(t.Join());
@@ -151,10 +147,12 @@ TEST(Thread, JoinOnItselfReturnsAndExceptionsAreCaught) {
   vantrel::test::LogCapture log;
   cThread t;
   std::atomic<int> selfJoin{-1};
-  t.Start([&] {
-    selfJoin = t.Join() ? 1 : 0;
-    throw std::runtime_error("boom in body");
-  }, "VTThrow", "ThreadTest:Throw");
+  t.Start(
+      [&] {
+        selfJoin = t.Join() ? 1 : 0;
+        throw std::runtime_error("boom in body");
+      },
+      "VTThrow", "ThreadTest:Throw");
   t.Join();
   EXPECT_EQ(selfJoin.load(), 0);
   EXPECT_TRUE(log.contains("Exception: boom in body"));
@@ -164,8 +162,7 @@ TEST(Thread, TinyStackIsRaisedAndEveryJoinerReturns) {
   vantrel::test::LogCapture log;
   RQPManualEvent release;
   cThread t;
-  t.Start([&] { release.Wait(); }, "VTStack", "ThreadTest:Stack",
-          nParallel::nImplementation_sho::cThreadAttributes(1));
+  t.Start([&] { release.Wait(); }, "VTStack", "ThreadTest:Stack", nParallel::nImplementation_sho::cThreadAttributes(1));
   EXPECT_TRUE(log.contains("raised"));
   EXPECT_FALSE(t.JoinFor(nTime::cDiff::FromMilliseconds(20)));
   std::atomic<int> joined{0};

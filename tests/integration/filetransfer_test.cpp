@@ -41,26 +41,21 @@ std::string Request(const std::string& local, const std::string& remote) {
   return text;
 }
 
-struct CopyResult {
-  short type = 0;
-  unsigned id = 0;
-  long state = -1;
-  std::string fileName;
-  std::string text;
-};
+// An answer to a copy request as one text: "102 #id state S file F" for a
+// completion report, "type #id text" for anything else, "<none>" for none.
+std::string Describe(const std::optional<cVantrelMessage>& record) {
+  if (!record) return "<none>";
+  const char* data = record->getData() ? record->getData() : "";
+  const std::string head = std::to_string(record->getType()) + " #" + std::to_string(record->getMessageId()) + " ";
+  CAssociativeArray values;
+  if (record->getType() != 102) return head + std::string(data, strnlen(data, record->getDatalen()));
+  if (!values.FromString(data, static_cast<long>(record->getDatalen()))) return head + "<no parameters>";
+  return head + "state " + std::to_string(std::stol(values.GetValueOfParameter("$FILECOPYCOMPLETIONSTATE"))) +
+         " file " + values.GetValueOfParameter("$FILENAME");
+}
 
-std::optional<CopyResult> Parse(const cVantrelMessage& record) {
-  CopyResult result;
-  result.type = record.getType();
-  result.id = record.getMessageId();
-  result.text = std::string(record.getData(), strnlen(record.getData(), record.getDatalen()));
-  if (result.type == 102) {
-    CAssociativeArray values;
-    if (!values.FromString(record.getData(), static_cast<long>(record.getDatalen()))) return std::nullopt;
-    result.state = std::stol(values.GetValueOfParameter("$FILECOPYCOMPLETIONSTATE"));
-    result.fileName = values.GetValueOfParameter("$FILENAME");
-  }
-  return result;
+std::string Completed(unsigned id, int state, const std::string& file) {
+  return "102 #" + std::to_string(id) + " state " + std::to_string(state) + " file " + file;
 }
 
 class FileTransferTest : public ::testing::Test {
@@ -80,13 +75,11 @@ class FileTransferTest : public ::testing::Test {
   void request(long id, const std::string& local, const std::string& remote) {
     request(id, local, remote, client, receiver);
   }
-  // The next answer `requester` got, parsed.
-  static std::optional<CopyResult> answer(TestClient& requester, std::chrono::milliseconds timeout = 60s) {
-    auto record = requester.next(timeout);
-    if (!record) return std::nullopt;
-    return Parse(*record);
+  // The next answer `requester` got, described.
+  static std::string answer(TestClient& requester, std::chrono::milliseconds timeout = 60s) {
+    return Describe(requester.next(timeout));
   }
-  std::optional<CopyResult> copy(long id, const std::string& local, const std::string& remote) {
+  std::string copy(long id, const std::string& local, const std::string& remote) {
     request(id, local, remote);
     return answer(client);
   }
@@ -104,81 +97,51 @@ class FileTransferTest : public ::testing::Test {
   TempDir files;
 };
 
-TEST_F(FileTransferTest, CopiesArriveByteIdentical) {
-  const std::size_t sizes[] = {0, 1, kChunk, kChunk + 1, 3 * 1024 * 1024 + 17};
-  long id = 100;
-  for (std::size_t size : sizes) {
-    SCOPED_TRACE(size);
-    const std::string content = Pattern(size, static_cast<unsigned>(size));
-    const std::string source = files.write("src" + std::to_string(size), content);
-    const std::string destination = files.file("dst" + std::to_string(size));
-    auto result = copy(++id, source, destination);
-    ASSERT_TRUE(result.has_value());
-    EXPECT_EQ(result->type, 102);
-    EXPECT_EQ(result->id, static_cast<unsigned>(id));
-    EXPECT_EQ(result->state, 0);
-    EXPECT_EQ(result->fileName, source);
-    EXPECT_TRUE(ReadFile(destination) == content);
-  }
-}
-
 TEST_F(FileTransferTest, FailuresAreReportedAndTheLinkStaysUp) {
   // A missing source is named in the answer.
-  auto result = copy(1, files.file("missing"), files.file("never"));
-  ASSERT_TRUE(result.has_value());
-  EXPECT_EQ(result->state, 1);
-  EXPECT_EQ(result->fileName, files.file("missing"));
+  EXPECT_EQ(copy(1, files.file("missing"), files.file("never")), Completed(1, 1, files.file("missing")));
   EXPECT_FALSE(Exists(files.file("never")));
 
   // An unwritable destination: the receiver reports 1, which the sender reads
   // as 0; nothing appears at the destination.
   const std::string source = files.write("src", "content");
   const std::string unwritable = files.file("no-such-folder/dst");
-  result = copy(2, source, unwritable);
-  ASSERT_TRUE(result.has_value());
-  EXPECT_EQ(result->state, 0);
+  EXPECT_EQ(copy(2, source, unwritable), Completed(2, 0, source));
   EXPECT_FALSE(Exists(unwritable));
   EXPECT_TRUE(receiver.waitLog("cannot open " + unwritable));
 
   // A request without its parameters is answered, not dropped.
   const char junk[] = "not a parameter text";
   ASSERT_TRUE(client.NETCopyFileZ1(3, junk, sizeof junk, receiver.hostText().c_str()));
-  result = answer(client, 30s);
-  ASSERT_TRUE(result.has_value());
-  EXPECT_EQ(result->id, 3u);
-  EXPECT_EQ(result->state, 1);
+  EXPECT_EQ(answer(client, 30s).substr(0, 15), "102 #3 state 1 ");
 
   // The same link still copies.
-  result = copy(4, source, files.file("after"));
-  ASSERT_TRUE(result.has_value());
-  EXPECT_EQ(result->state, 0);
+  EXPECT_EQ(copy(4, source, files.file("after")), Completed(4, 0, source));
   EXPECT_EQ(ReadFile(files.file("after")), "content");
 }
 
-TEST_F(FileTransferTest, QueuedRequestsAreServedInOrderWhileACopyRunsTheOtherWay) {
+TEST_F(FileTransferTest, QueuedCopiesArriveByteIdenticalAndInOrderWhileACopyRunsTheOtherWay) {
   // The copy the other way makes each side's file threads send chunks and
   // acknowledgements on the same link at once, so the frames interleave.
   TestClient back;
   ASSERT_TRUE(back.NETInitZ641("backwards", receiver.clientsPort()));
   const std::string backContent = Pattern(30 * kChunk + 11, 8);
-  request(500, files.write("back-src", backContent), files.file("back-dst"), back, sender);
+  const std::string backSource = files.write("back-src", backContent);
+  request(500, backSource, files.file("back-dst"), back, sender);
 
-  std::vector<std::string> contents;
-  for (int i = 0; i < 4; ++i) {
-    contents.push_back(Pattern(kChunk * 3 + static_cast<std::size_t>(i), static_cast<unsigned>(i)));
-    const std::string source = files.write("src" + std::to_string(i), contents.back());
-    request(10 + i, source, files.file("dst" + std::to_string(i)));
+  // Empty, one byte, one whole chunk, one byte more, many chunks and a short last one.
+  const std::size_t sizes[] = {0, 1, kChunk, kChunk + 1, 3 * 1024 * 1024 + 17};
+  const auto source = [&](unsigned i) { return files.file("src" + std::to_string(i)); };
+  const auto destination = [&](unsigned i) { return files.file("dst" + std::to_string(i)); };
+  for (unsigned i = 0; i < std::size(sizes); ++i) {
+    files.write("src" + std::to_string(i), Pattern(sizes[i], i));
+    request(10 + i, source(i), destination(i));
   }
-  for (int i = 0; i < 4; ++i) {
-    auto result = answer(client);
-    ASSERT_TRUE(result.has_value());
-    EXPECT_EQ(result->id, static_cast<unsigned>(10 + i));
-    EXPECT_EQ(result->state, 0);
-    EXPECT_TRUE(ReadFile(files.file("dst" + std::to_string(i))) == contents[i]);
+  for (unsigned i = 0; i < std::size(sizes); ++i) {
+    EXPECT_EQ(answer(client), Completed(10 + i, 0, source(i)));
+    EXPECT_TRUE(ReadFile(destination(i)) == Pattern(sizes[i], i)) << sizes[i];
   }
-  auto result = answer(back);
-  ASSERT_TRUE(result.has_value());
-  EXPECT_EQ(result->state, 0);
+  EXPECT_EQ(answer(back), Completed(500, 0, backSource));
   EXPECT_TRUE(ReadFile(files.file("back-dst")) == backContent);
 }
 
@@ -186,15 +149,8 @@ TEST_F(FileTransferTest, ReceiverKilledMidTransferFailsTheCopy) {
   request(20, bigFile(), files.file("big-copy"));
   ASSERT_TRUE(receiver.waitLog("ReceiveFile(dstFilePath=")) << receiver.log();
   receiver.kill();
-  auto result = answer(client);
-  ASSERT_TRUE(result.has_value());
-  EXPECT_EQ(result->id, 20u);
-  if (result->type == 102) {
-    EXPECT_EQ(result->state, 5);
-  } else {
-    EXPECT_EQ(result->type, 103);
-    EXPECT_EQ(result->text, "Connection to host broke.");
-  }
+  const std::string result = answer(client);
+  EXPECT_TRUE(result.starts_with("102 #20 state 5 ") || result == "103 #20 Connection to host broke.") << result;
 }
 
 TEST_F(FileTransferTest, SurvivingReceiverLeavesNoPartialFile) {
@@ -272,33 +228,18 @@ TEST_F(FileTransferTest, LocalCopyAnswersWithItsCompletionState) {
 
   const std::string content = Pattern(300000, 7);
   const std::string source = files.write("local-src", content);
-  struct Case {
-    std::string source, destination;
-    long state;
-    std::string fileName;
-  };
-  const Case cases[] = {
-      {source, files.file("local-dst"), 0, source},
-      {files.file("absent"), files.file("x"), 1, files.file("absent")},
-      {source, files.file("no-folder/x"), 1, files.file("no-folder/x")},
-  };
+  const std::string absent = files.file("absent");
   unsigned id = 40;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.destination);
-    const std::string text = Request(c.source, c.destination);
+  for (const auto& [from, state] : {std::pair{source, 0}, std::pair{absent, 1}}) {
+    const std::string text = Request(from, files.file(state == 0 ? "local-dst" : "never"));
     const cVantrelMessage record(++id, "", "NoClient", "", "localcopier", QTYPE_CLIENT, 1037, 0, text.data(),
                                  static_cast<std::uint32_t>(text.size()));
     ASSERT_TRUE(local.send(record, 0));
     auto frame = local.next();
     ASSERT_TRUE(frame.has_value());
     cVantrelMessage answer = frame->record();
-    auto result = Parse(answer);
-    ASSERT_TRUE(result.has_value());
-    EXPECT_EQ(result->type, 102);
-    EXPECT_EQ(result->id, id);
     EXPECT_EQ(answer.getQtype(), QTYPE_ASYNC);
-    EXPECT_EQ(result->state, c.state);
-    EXPECT_EQ(result->fileName, c.fileName);
+    EXPECT_EQ(Describe(answer), Completed(id, state, from));
   }
   EXPECT_TRUE(ReadFile(files.file("local-dst")) == content);
 }

@@ -5,43 +5,29 @@
 // hosts file and `unshare --uts` gives each program its namespace's host name.
 // Needs root, `ip` and `unshare`; otherwise skipped with the reason.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "tests/support/testutil.h"
-#include "vantrel/base/platform/process.h"
+#include "tests/support/servicehelper.h"
 
 namespace vantrel::test {
 namespace {
 
 constexpr int kHosts = 3;
-constexpr auto kCommandTimeout = std::chrono::seconds(20);
-constexpr auto kReadyTimeout = std::chrono::seconds(30);
-constexpr auto kStopTimeout = std::chrono::seconds(20);
+constexpr nTime::cDiff kCommandTimeout = nTime::cDiff::FromSeconds(20);
 // Bounds every acknowledged send of a client, so that a lost answer fails the
 // test instead of stalling it for the library's default minute.
-constexpr int kAckTimeoutMs = 10000;
-
-nTime::cDiff Diff(std::chrono::milliseconds span) {
-  return nTime::cDiff::FromMilliseconds(static_cast<double>(span.count()));
-}
+constexpr const char* kAckTimeout = "VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT=10000";
 
 // The last line of a program's output (the settings banner comes first).
-std::string LastLine(const std::string& output) {
-  if (output.empty()) return output;
-  const auto end = output.back() == '\n' ? output.size() - 1 : output.size();
-  const auto start = output.rfind('\n', end == 0 ? 0 : end - 1);
-  return output.substr(start == std::string::npos ? 0 : start + 1);
-}
+std::string LastLine(const std::string& output) { return output.substr(output.rfind('\n', output.size() - 2) + 1); }
 
 std::string HostName(int index) { return "h" + std::to_string(index + 1); }
 std::string HostAddress(int index) { return "10.200.0." + std::to_string(index + 1); }
@@ -52,7 +38,15 @@ std::string HostAddress(int index) { return "10.200.0." + std::to_string(index +
 class cThreeHostLab {
  public:
   cThreeHostLab() : prefix_("vtn" + std::to_string(::getpid()) + "-") {}
-  ~cThreeHostLab() { TearDown(); }
+  ~cThreeHostLab() {
+    for (ServiceProcess& service : services_) service.kill();
+    if (!built_) return;
+    // Removing a namespace removes its end of the veth pairs, and with it the
+    // other end; the bridge goes with its namespace.
+    std::string script = "ip netns del " + Switch();
+    for (int i = 0; i < kHosts; ++i) script += "; ip netns del " + Namespace(i) + "; rm -rf /etc/netns/" + Namespace(i);
+    Shell(script);
+  }
   cThreeHostLab(const cThreeHostLab&) = delete;
   cThreeHostLab& operator=(const cThreeHostLab&) = delete;
 
@@ -63,147 +57,76 @@ class cThreeHostLab {
     if (::geteuid() != 0) return "network namespaces need root";
     ip_ = RQPFindProgram("ip");
     unshare_ = RQPFindProgram("unshare");
-    if (ip_.empty()) return "the ip program is not installed";
-    if (unshare_.empty()) return "the unshare program is not installed";
-    service_ = VANTREL_BINARY_DIR "/programs/vantrel";
-    cli_ = VANTREL_BINARY_DIR "/programs/vantrel-cli";
-    if (!std::filesystem::exists(service_) || !std::filesystem::exists(cli_))
-      return "the vantrel and vantrel-cli programs are not built";
-
-    if (!Ip({"netns", "add", Switch()})) return "ip netns add was refused: " + lastOutput_;
-    namespaces_.push_back(Switch());
+    if (ip_.empty() || unshare_.empty()) return "the ip and unshare programs are needed";
+    if (!std::filesystem::exists(kCli)) return "the vantrel and vantrel-cli programs are not built";
+    if (!Shell("ip netns add " + Switch())) return "ip netns add was refused: " + lastOutput_;
+    built_ = true;
     skip = false;
 
-    if (!Ip({"-n", Switch(), "link", "add", "br0", "type", "bridge"}) ||
-        !Ip({"-n", Switch(), "link", "set", "br0", "up"}))
-      return "bridge: " + lastOutput_;
+    // A bridge in the switch's namespace; per host a namespace on a veth port of
+    // it, an address, and a hosts file naming every host.
     std::string hosts = "127.0.0.1 localhost\n";
     for (int i = 0; i < kHosts; ++i) hosts += HostAddress(i) + " " + HostName(i) + "\n";
+    std::string script = "ip -n " + Switch() + " link add br0 type bridge\nip -n " + Switch() + " link set br0 up\n";
     for (int i = 0; i < kHosts; ++i) {
-      if (!Ip({"netns", "add", Namespace(i)})) return "ip netns add " + Namespace(i) + ": " + lastOutput_;
-      namespaces_.push_back(Namespace(i));
-      const std::string port = "p" + std::to_string(i + 1);
-      if (!Ip({"-n", Switch(), "link", "add", port, "type", "veth", "peer", "name", "eth0", "netns", Namespace(i)}) ||
-          !Ip({"-n", Switch(), "link", "set", port, "master", "br0"}) ||
-          !Ip({"-n", Switch(), "link", "set", port, "up"}) ||
-          !Ip({"-n", Namespace(i), "addr", "add", HostAddress(i) + "/24", "dev", "eth0"}) ||
-          !Ip({"-n", Namespace(i), "link", "set", "eth0", "up"}) ||
-          !Ip({"-n", Namespace(i), "link", "set", "lo", "up"}))
-        return "links of " + HostName(i) + ": " + lastOutput_;
-      const std::string etc = "/etc/netns/" + Namespace(i);
-      std::error_code error;
-      std::filesystem::create_directories(etc, error);
-      if (error) return "cannot create " + etc + ": " + error.message();
-      etcFolders_.push_back(etc);
-      if (!(std::ofstream(etc + "/hosts") << hosts)) return "cannot write " + etc + "/hosts";
+      const std::string host = Namespace(i), port = "p" + std::to_string(i + 1);
+      script += "ip netns add " + host + "\nip -n " + Switch() + " link add " + port +
+                " type veth peer name eth0 netns " + host + "\nip -n " + Switch() + " link set " + port +
+                " master br0 up\nip -n " + host + " addr add " + HostAddress(i) + "/24 dev eth0\nip -n " + host +
+                " link set eth0 up\nip -n " + host + " link set lo up\nmkdir -p /etc/netns/" + host + "\nprintf '" +
+                hosts + "' > /etc/netns/" + host + "/hosts\n";
     }
+    if (!Shell(script)) return "the hosts and their network: " + lastOutput_;
 
-    settings_ = dir_.write("Vantrel.ini",
-                           "SocketCommunicationTimeout = 10000\n"
-                           "AddressPortDelimiter = ~\n"
-                           "UseOpenSsl = 0\n"
-                           "LatencyClockUpdate = 0\n");
     for (int i = 0; i < kHosts; ++i) {
-      const RQPSpawnResult spawned =
-          RQPCreateProcessZ0(ip_, InHost(i, {service_, "--config", settings_, "--log-file", LogFile(i),
-                                             "--log-level", "info"}, dir_.file(HostName(i) + ".out")));
-      if (!spawned.ok()) return "cannot start the service of " + HostName(i) + ": " + spawned.errorText;
-      services_.push_back(spawned.pid);
-    }
-    for (int i = 0; i < kHosts; ++i) {
-      if (!WaitLog(i, "vantrel ready", kReadyTimeout))
-        return "the service of " + HostName(i) + " did not become ready:\n" + ReadFile(LogFile(i)) +
-               ReadFile(dir_.file(HostName(i) + ".out"));
+      services_[i].setPorts(0, 0);
+      services_[i].setLauncher(InHost(i));
+      if (!services_[i].launch()) return "the service of " + HostName(i) + " did not start:\n" + services_[i].log();
     }
     return std::string();
   }
 
+  ServiceProcess& Service(int index) { return services_[index]; }
+
   // Runs vantrel-cli on host `index` as client `name`; its exit code and
   // standard output.
-  RQPRunResult Cli(int index, const std::string& name, const std::vector<std::string>& command,
-                   int ackTimeoutMs = kAckTimeoutMs) const {
-    std::vector<std::string> program = {"/usr/bin/env", "VANTREL_INI=" + settings_,
-                                        "VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT=" + std::to_string(ackTimeoutMs),
-                                        cli_, "--name", name};
-    program.insert(program.end(), command.begin(), command.end());
-    return RQPRunAndCapture(ip_, InHost(index, program, "/dev/null"), Diff(kCommandTimeout));
-  }
-
-  bool WaitLog(int index, const std::string& text, std::chrono::milliseconds timeout) const {
-    return WaitUntil([&] { return ReadFile(LogFile(index)).find(text) != std::string::npos; }, timeout);
-  }
-
-  std::string LogFile(int index) const { return dir_.file(HostName(index) + ".log"); }
-
-  // Stops every service (SIGTERM, then SIGKILL after a bounded wait); for each
-  // one that did not exit with 0, a line with its code and its output.
-  std::vector<std::string> StopServices() {
-    std::vector<std::string> failures;
-    for (const RQPProcessId pid : services_) ::kill(static_cast<pid_t>(pid), SIGTERM);
-    for (std::size_t i = 0; i < services_.size(); ++i) {
-      int code = -1;
-      if (RQPWaitProcessFor(services_[i], Diff(kStopTimeout), &code) != RQPWaitResult::exited) {
-        RQPKillProcess(services_[i]);
-        RQPWaitProcess(services_[i]);
-        failures.push_back(HostName(static_cast<int>(i)) + ": did not stop within the time limit");
-      } else if (code != 0) {
-        failures.push_back(HostName(static_cast<int>(i)) + ": exit " + std::to_string(code) + "\n" +
-                           ReadFile(dir_.file(HostName(static_cast<int>(i)) + ".out")));
-      }
-    }
-    services_.clear();
-    return failures;
+  RQPRunResult Cli(int index, const std::string& name, const std::vector<std::string>& command) const {
+    std::vector<std::string> args = InHost(index);
+    args.insert(args.end(),
+                {"/usr/bin/env", "VANTREL_INI=" + services_[index].iniFile(), kAckTimeout, kCli, "--name", name});
+    args.insert(args.end(), command.begin(), command.end());
+    return RQPRunAndCapture(args.front(), {args.begin() + 1, args.end()}, kCommandTimeout);
   }
 
  private:
+  static constexpr const char* kCli = VANTREL_BINARY_DIR "/programs/vantrel-cli";
   std::string Switch() const { return prefix_ + "sw"; }
   std::string Namespace(int index) const { return prefix_ + HostName(index); }
 
-  // The arguments of `ip` that run `program` in host `index`'s namespace under
-  // its own host name, with its standard output and error in `output`.
-  std::vector<std::string> InHost(int index, const std::vector<std::string>& program,
-                                  const std::string& output) const {
-    // Each program replaces the one before it (ip, unshare, sh), so the child's
-    // id ends up being the program's own.
-    std::vector<std::string> args = {"netns", "exec", Namespace(index), unshare_, "--uts", "--", "/bin/sh", "-c",
-                                     "hostname " + HostName(index) + " && exec \"$@\"" +
-                                         (output == "/dev/null" ? std::string(" 2>/dev/null")
-                                                                : " >" + output + " 2>&1"),
-                                     "sh"};
-    args.insert(args.end(), program.begin(), program.end());
-    return args;
+  // A command line that runs what follows it in host `index`'s namespace under
+  // its own host name; each program replaces the one before it.
+  std::vector<std::string> InHost(int index) const {
+    return {ip_,      "netns",
+            "exec",   Namespace(index),
+            unshare_, "--uts",
+            "--",     "/bin/sh",
+            "-c",     "hostname " + HostName(index) + " && exec \"$@\"",
+            "sh"};
   }
 
-  bool Ip(const std::vector<std::string>& args) {
-    const RQPRunResult result = RQPRunAndCapture(ip_, args, Diff(kCommandTimeout));
+  // Runs `script` with the shell, stopping at the first failing command.
+  bool Shell(const std::string& script) {
+    const RQPRunResult result = RQPRunAndCapture("/bin/sh", {"-ec", "exec 2>&1\n" + script}, kCommandTimeout);
     lastOutput_ = result.started ? "exit " + std::to_string(result.exitCode) + " " + result.output : result.errorText;
     return result.started && !result.timedOut && result.exitCode == 0;
   }
 
-  void TearDown() {
-    StopServices();
-    // Removing a namespace removes its end of the veth pairs, and with it the
-    // other end; the bridge goes with its namespace.
-    for (auto name = namespaces_.rbegin(); name != namespaces_.rend(); ++name) Ip({"netns", "del", *name});
-    namespaces_.clear();
-    for (const std::string& folder : etcFolders_) {
-      std::error_code ignored;
-      std::filesystem::remove_all(folder, ignored);
-    }
-    etcFolders_.clear();
-  }
-
   const std::string prefix_;
-  TempDir dir_;
   std::string ip_;
   std::string unshare_;
-  std::string service_;
-  std::string cli_;
-  std::string settings_;
   std::string lastOutput_;
-  std::vector<std::string> namespaces_;
-  std::vector<std::string> etcFolders_;
-  std::vector<RQPProcessId> services_;
+  bool built_ = false;
+  std::array<ServiceProcess, kHosts> services_;
 };
 
 class ThreeHostsTest : public ::testing::Test {
@@ -213,33 +136,16 @@ class ThreeHostsTest : public ::testing::Test {
     problem_ = lab_->Build(skip_);
   }
   static void TearDownTestSuite() {
-    // A crash or sanitizer report on the way out fails the suite too.
-    if (lab_ && problem_.empty())
-      for (const std::string& failure : lab_->StopServices()) ADD_FAILURE() << failure;
+    // A crash on the way out fails the suite too (a sanitizer report fails it
+    // anyway, when the service is destroyed).
+    for (int i = 0; lab_ && problem_.empty() && i < kHosts; ++i)
+      EXPECT_EQ(lab_->Service(i).stop(), 0) << HostName(i) << "\n" << lab_->Service(i).log();
     lab_.reset();
   }
 
   void SetUp() override {
     if (!problem_.empty() && skip_) GTEST_SKIP() << problem_;
     ASSERT_TRUE(problem_.empty()) << problem_;
-  }
-
-  // Starts a waiting receiver on host `to`, sends `text` from host `from` with
-  // acknowledgement, and returns what the receiver printed.
-  static std::string SendAcrossHosts(int from, int to, const std::string& sender, const std::string& receiver,
-                                     const std::string& text, int& sendExit) {
-    std::optional<RQPRunResult> received;
-    std::thread waiter([&] { received = lab_->Cli(to, receiver, {"wait", "--from", "--timeout", "15000"}); });
-    // The service logs the new client before it answers the greeting; only
-    // then can the message find it.
-    const bool registered =
-        lab_->WaitLog(to, "VantrelClientInstance::VantrelClientInstance(" + receiver + ")", std::chrono::seconds(15));
-    sendExit = -1;
-    if (registered) sendExit = lab_->Cli(from, sender, {"send", receiver + "@" + HostName(to), text}).exitCode;
-    waiter.join();
-    if (!received.has_value() || received->exitCode != 0) return "<no message: exit " +
-        std::to_string(received ? received->exitCode : -1) + ">";
-    return LastLine(received->output);
   }
 
   static std::unique_ptr<cThreeHostLab> lab_;
@@ -256,19 +162,25 @@ TEST_F(ThreeHostsTest, MessagesAddressedByHostNameReachEveryOtherHost) {
   // another.
   for (int from = 0; from < kHosts; ++from) {
     const int to = (from + 1) % kHosts;
-    const std::string sender = "sender" + std::to_string(from + 1);
-    const std::string receiver = "receiver" + std::to_string(to + 1);
+    const std::string sender = "sender" + std::to_string(from + 1), receiver = "receiver" + std::to_string(to + 1);
     const std::string text = "hello from " + HostName(from) + " to " + HostName(to);
-    int sendExit = -1;
-    const std::string output = SendAcrossHosts(from, to, sender, receiver, text, sendExit);
-    EXPECT_EQ(sendExit, 0) << HostName(from) << " -> " << HostName(to) << "\n" << ReadFile(lab_->LogFile(from));
-    EXPECT_EQ(output, sender + "@" + HostName(from) + "\t" + text + "\n");
-  }
-  // Each link was opened by name, on the default net port of the peer.
-  for (int from = 0; from < kHosts; ++from) {
-    const int to = (from + 1) % kHosts;
-    EXPECT_TRUE(lab_->WaitLog(from, "Connecting to " + HostName(to) + ":9011", std::chrono::seconds(5)))
-        << ReadFile(lab_->LogFile(from));
+    SCOPED_TRACE(text);
+    RQPRunResult received;
+    std::thread waiter([&] { received = lab_->Cli(to, receiver, {"wait", "--from", "--timeout", "15000"}); });
+    // The service logs the new client before it answers the greeting; only
+    // then can the message find it.
+    if (lab_->Service(to).waitLog("VantrelClientInstance::VantrelClientInstance(" + receiver + ")",
+                                  std::chrono::seconds(15)))
+      EXPECT_EQ(lab_->Cli(from, sender, {"send", receiver + "@" + HostName(to), text}).exitCode, 0)
+          << lab_->Service(from).log();
+    else
+      ADD_FAILURE() << "the receiver did not register";
+    waiter.join();
+    EXPECT_EQ(received.exitCode, 0);
+    EXPECT_EQ(LastLine(received.output), sender + "@" + HostName(from) + "\t" + text + "\n");
+    // The link was opened by name, on the default net port of the peer.
+    EXPECT_TRUE(lab_->Service(from).waitLog("Connecting to " + HostName(to) + ":9011", std::chrono::seconds(5)))
+        << lab_->Service(from).log();
   }
 }
 
@@ -283,7 +195,7 @@ TEST_F(ThreeHostsTest, FilesCopiedBetweenHostsArriveWhole) {
     const RQPRunResult copied =
         lab_->Cli(from, "copier" + std::to_string(from + 1), {"copy", source, HostName(to), destination});
     EXPECT_EQ(copied.exitCode, 0) << HostName(from) << " -> " << HostName(to) << ": " << copied.output << "\n"
-                                  << ReadFile(lab_->LogFile(from));
+                                  << lab_->Service(from).log();
     EXPECT_EQ(ReadFile(destination), content) << HostName(from) << " -> " << HostName(to);
   }
 }

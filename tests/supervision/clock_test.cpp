@@ -125,11 +125,11 @@ TEST_F(ResynchTest, OnlyTheNetworkConfigurationTriggers) {
   EXPECT_EQ(resynch->Runs(), 1u);
 }
 
-TEST(ClockSettings, ReadFromTheTable) {
+TEST(ClockSettings, ReadFromTheTableAndTheCommandOnlyWhenResynchronising) {
   const int table = nEnvSettings::gLoadTableFromText(
       "LatencyClockUpdate = 2\nLatencyClockUpdateCooldown = 1500\n"
       "LatencyClockUpdateCommandX0 = /usr/bin/my clock\nLatencyClockUpdateCommandX1 = my clock --now\n"
-      "LatencyClockUpdateCommandX2 = /var/tmp\nLatencyClockNetThreshold = 7000\n",
+      "LatencyClockUpdateCommandX2 = /var/tmp\nLatencyClockNetThreshold = 7000\nLatencyClockLocalThresholdLog = 20\n",
       "clock-test");
   const nClock::cClockSettings s = nClock::gReadClockSettings(table, true);
   EXPECT_EQ(s.update, 2);
@@ -138,11 +138,7 @@ TEST(ClockSettings, ReadFromTheTable) {
   EXPECT_EQ(s.command.commandLine, "my clock --now");
   EXPECT_EQ(s.command.workingFolder, "/var/tmp");
   EXPECT_EQ(s.netThreshold, nTime::cDiff::FromMilliseconds(7000));
-  EXPECT_EQ(s.netLogThreshold, nTime::cDiff::FromMilliseconds(2000));
-  EXPECT_EQ(s.netNormalLogThreshold, nTime::cDiff::FromMilliseconds(3250));
-  EXPECT_EQ(s.localThreshold, nTime::cDiff::FromMilliseconds(1000));
-  EXPECT_EQ(s.localLogThreshold, nTime::cDiff::FromMilliseconds(500));
-
+  EXPECT_EQ(s.localLogThreshold, nTime::cDiff::FromMilliseconds(20));
   // A process that does not resynchronise reads no resynchronisation keys.
   EXPECT_EQ(nClock::gReadClockSettings(table, false).update, 0);
 }
@@ -151,23 +147,16 @@ TEST(ClockProcess, BuildsAResynchroniserOnlyWhenAskedTo) {
   LogCapture log;
   nClock::cClockSettings settings;
   settings.update = 0;
-  nClock::cProcess off(settings);
-  EXPECT_EQ(off.Resynch(), nullptr);
-  EXPECT_EQ(off.Net()->Threshold(), nTime::cDiff::FromMilliseconds(4000));
-  EXPECT_EQ(off.Local()->Threshold(), nTime::cDiff::FromMilliseconds(1000));
-
+  EXPECT_EQ(nClock::cProcess(settings).Resynch(), nullptr);
   settings.update = 7;
-  nClock::cProcess unknown(settings);
-  EXPECT_EQ(unknown.Resynch(), nullptr);
+  EXPECT_EQ(nClock::cProcess(settings).Resynch(), nullptr);
   EXPECT_TRUE(log.contains("LatencyClockUpdate 7"));
 
   settings.update = 2;
-  settings.cooldown = kTenMinutes;
   settings.command = {"/bin/true", "true", "/"};
   nClock::cProcess custom(settings);
   ASSERT_NE(custom.Resynch(), nullptr);
-  EXPECT_EQ(custom.Resynch()->Command().program, "/bin/true");
-  EXPECT_EQ(custom.Resynch()->Cooldown(), kTenMinutes);
+  EXPECT_EQ(custom.Resynch()->Command().program, "/bin/true");  // the configured command, not the built-in one
 
   settings.update = 1;
   nClock::cProcess builtIn(settings);

@@ -1,10 +1,8 @@
 #include "vantrel/supervision/runvantrel.h"
 
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -27,8 +25,6 @@ using vantrel::test::ScopedEnv;
 using vantrel::test::TempDir;
 using vantrel::test::WaitUntil;
 
-constexpr std::uint32_t kNobody = 65534;
-
 std::string WriteScript(const TempDir& dir, const std::string& name, const std::string& body) {
   const std::string path = dir.write(name, "#!/bin/sh\n" + body);
   chmod(path.c_str(), 0755);
@@ -36,37 +32,27 @@ std::string WriteScript(const TempDir& dir, const std::string& name, const std::
 }
 
 // A sleeping process whose name begins with "vantrel", started from a link to
-// sleep; optionally as another user (real and effective ids given).
+// sleep; optionally through setpriv, as another user (its options given). The
+// test owns it and its child, which it kills and reaps; test thread only.
 class FakeService {
  public:
-  FakeService(const TempDir& dir, const std::string& name, std::optional<std::pair<uid_t, uid_t>> ids = {}) {
+  FakeService(const TempDir& dir, const std::string& name, std::vector<std::string> asUser = {}) {
     const std::string link = dir.file(name);
     symlink("/bin/sleep", link.c_str());
-    pid_ = fork();
-    if (pid_ == 0) {
-      if (ids) {
-        // Group first: without root the group can no longer be changed.
-        if (setgroups(0, nullptr) != 0 || setresgid(kNobody, kNobody, kNobody) != 0 ||
-            setresuid(ids->first, ids->second, ids->second) != 0)
-          _exit(120);
-      }
-      execl(link.c_str(), name.c_str(), "30", static_cast<char*>(nullptr));
-      _exit(121);
-    }
-    const std::string shown = name.substr(0, 15);
-    started_ = WaitUntil([&] { return RQPReadProcessEntry(pid_, entry_) && entry_.imageName == shown; });
+    asUser.insert(asUser.end(), {"--", link, "30"});
+    child_ =
+        asUser.size() > 3 ? RQPCreateProcessZ0(RQPFindProgram("setpriv"), asUser) : RQPCreateProcessZ0(link, {"30"});
+    started_ =
+        WaitUntil([&] { return RQPReadProcessEntry(child_.pid, entry_) && entry_.imageName == name.substr(0, 15); });
   }
   ~FakeService() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
+    if (child_.ok() && RQPKillProcess(child_.pid)) RQPWaitProcess(child_.pid);
   }
   bool started() const { return started_; }
   const RQPProcessEntry& entry() const { return entry_; }
 
  private:
-  pid_t pid_ = -1;
+  RQPSpawnResult child_;
   bool started_ = false;
   RQPProcessEntry entry_;
 };
@@ -118,14 +104,11 @@ TEST(VantrelProcessCheck, AnotherUserElevationOrSessionIsReported) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to start processes as user nobody";
   TempDir dir;
   chmod(dir.path().c_str(), 0755);
-  FakeService foreign(dir, "vantrel-nobody", std::make_pair(kNobody, kNobody));
+  FakeService foreign(dir, "vantrel-nobody", {"--reuid=65534", "--regid=65534", "--clear-groups"});
   // Real user root, effective user nobody: the same user, not elevated.
-  FakeService lowered(dir, "vantrel-lowered", std::make_pair(0u, kNobody));
+  FakeService lowered(dir, "vantrel-lowered", {"--ruid=0", "--euid=65534", "--regid=65534", "--clear-groups"});
   FakeService same(dir, "vantrel-same");
   ASSERT_TRUE(foreign.started() && lowered.started() && same.started());
-  ASSERT_EQ(foreign.entry().realUid, kNobody);
-  ASSERT_EQ(lowered.entry().realUid, 0u);
-  ASSERT_EQ(lowered.entry().effectiveUid, kNobody);
   RQPProcessEntry elsewhere = same.entry();
   elsewhere.sessionId = Self().sessionId + 1;
 

@@ -1,6 +1,8 @@
 #pragma once
 // One typed frame as a test reads it off a socket, shared by every test helper
 // that drives a socket by hand.
+#include <gtest/gtest.h>
+
 #include <string>
 
 #include "vantrel/base/socket/streamsocket.h"
@@ -21,6 +23,17 @@ struct cFrame {
 
 // Blocks until a whole frame has arrived on `socket` or the read fails. Also
 // checks that the payload handed over is terminated by a zero, as promised.
-cFrame ReadFrame(StreamSocket& socket, StreamSocket::iLatencyConfiguration* latency = nullptr);
+inline cFrame ReadFrame(StreamSocket& socket, StreamSocket::iLatencyConfiguration* latency = nullptr) {
+  cFrame frame;
+  char* data = nullptr;
+  unsigned length = 0;
+  frame.ok = socket.WaitTypedMessageZ1(frame.type, frame.subtype, data, length, latency);
+  if (frame.ok) {
+    EXPECT_EQ(data[length], '\0');
+    frame.data.assign(data, length);
+  }
+  StreamSocket::FreeMessage(data);
+  return frame;
+}
 
 }  // namespace vantrel::test

@@ -88,18 +88,14 @@ void ScriptedService::Answer(cConnection* connection, const cFrame& frame) {
     return;
   }
   if (frame.type != 2 && frame.type != 1034) return;
-  tAck ack;
-  std::string clientName;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ack = ack_;
-    clientName = connection->clientName;
-  }
-  if (ack == tAck::eNone) return;
+  std::unique_lock<std::mutex> lock(mutex_);
+  const tAck ack = ack_;
   const short type = ack == tAck::eDelivered ? 102 : ack == tAck::eRefused ? 101 : 103;
   const short subtype = ack == tAck::eNotDelivered ? 0 : 1;
-  const cVantrelMessage answer(0, options_.hostName.c_str(), clientName.c_str(), options_.hostName.c_str(), "",
-                               QTYPE_SYNC, type, subtype, "", 1);
+  const cVantrelMessage answer(0, options_.hostName.c_str(), connection->clientName.c_str(), options_.hostName.c_str(),
+                               "", QTYPE_SYNC, type, subtype, "", 1);
+  lock.unlock();
+  if (ack == tAck::eNone) return;
   connection->socket.SendTypedMessageZ2(type, subtype, answer.getPackedBuf(), answer.getPackedBufLen());
 }
 
@@ -127,14 +123,11 @@ bool ScriptedService::SendRecord(std::size_t index, short type, short subtype, c
                                  std::uint32_t messageId) {
   cConnection* connection = Get(index);
   if (connection == nullptr) return false;
-  std::string clientName;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    clientName = connection->clientName;
-  }
-  const cVantrelMessage record(messageId, options_.hostName.c_str(), clientName.c_str(), "elsewhere", "sender",
-                               QTYPE_SYNC, type, subtype, payload.c_str(),
+  std::unique_lock<std::mutex> lock(mutex_);
+  const cVantrelMessage record(messageId, options_.hostName.c_str(), connection->clientName.c_str(), "elsewhere",
+                               "sender", QTYPE_SYNC, type, subtype, payload.c_str(),
                                static_cast<std::uint32_t>(payload.size() + 1));
+  lock.unlock();
   return connection->socket.SendTypedMessageZ2(type, subtype, record.getPackedBuf(), record.getPackedBufLen());
 }
 

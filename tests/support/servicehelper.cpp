@@ -1,37 +1,23 @@
 #include "tests/support/servicehelper.h"
 
-#include "vantrel/base/env/settings.h"
-
 #include <gtest/gtest.h>
-
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <fcntl.h>
 
 #include <filesystem>
 #include <future>
 #include <memory>
 
+#include "vantrel/base/env/settings.h"
 #include "vantrel/base/platform/hostinfo.h"
-#include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/socket/socketoptions.h"
-
-extern char** environ;
 
 namespace vantrel::test {
 
 namespace {
-constexpr const char* kReadyLine = "vantrel ready";
-
-// The state letter of a process or thread from its /proc stat file ('\0' when
-// it is gone). It follows the parenthesised command name, which may hold blanks.
-char ProcessState(const std::filesystem::path& stat) {
-  const std::string line = ReadFile(stat);
-  const auto close = line.rfind(')');
-  return close != std::string::npos && close + 2 < line.size() ? line[close + 2] : '\0';
+// The state letter of a process or thread ('\0' when it is gone).
+char StateOf(RQPProcessId id) {
+  RQPProcessEntry entry;
+  return RQPReadProcessEntry(id, entry) ? entry.state : '\0';
 }
 }  // namespace
 
@@ -47,14 +33,14 @@ ServiceProcess::ServiceProcess(const std::string& iniExtra) : clientsPort_(FreeP
 }
 
 ServiceProcess::~ServiceProcess() {
-  for (pid_t successor : successors()) ::kill(successor, SIGKILL);
+  for (RQPProcessId successor : successors()) RQPKillProcess(successor);
   kill();
   // A sanitizer report of the service goes to its standard error, which only
   // this object sees: without this check a race or a leak in the service would
   // pass unnoticed whenever the test itself got its answers.
   const std::string output = ReadFile(dir_.file("output.txt"));
-  for (const char* marker : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer",
-                             "runtime error:"}) {
+  for (const char* marker :
+       {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer", "runtime error:"}) {
     if (output.find(marker) != std::string::npos) {
       ADD_FAILURE() << "the service reported a fault:\n" << output;
       break;
@@ -70,43 +56,20 @@ void ServiceProcess::setPorts(unsigned short clientsPort, unsigned short netPort
 std::string ServiceProcess::hostText() const { return LocalHostName() + "~" + std::to_string(netPort_); }
 
 bool ServiceProcess::start() {
-  const std::string program = VANTREL_BINARY_DIR "/programs/vantrel";
-  std::vector<std::string> args = {program,
-                                   "--clients-port", std::to_string(clientsPort_),
-                                   "--net-port",     std::to_string(netPort_),
-                                   "--log-file",     logFile(),
-                                   "--log-level",    "debug"};
-
-  // The test's own variables win over these, and both over the inherited ones;
-  // the log goes where the arguments say, whatever the caller's environment says.
-  std::map<std::string, std::string> env = env_;
-  env.emplace("VANTREL_INI", dir_.file("Vantrel.ini"));
-  env.emplace("RQ_BIN", VANTREL_BINARY_DIR "/programs");
-  std::vector<std::string> envText;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string text = *entry;
-    const std::string name = text.substr(0, text.find('='));
-    if (env.count(name) == 0 && name != "VANTREL_LOG_FILE" && name != "VANTREL_LOG_LEVEL") envText.push_back(text);
-  }
-  for (const auto& [name, value] : env) envText.push_back(name + "=" + value);
-  std::vector<char*> argv;
-  for (auto& arg : args) argv.push_back(arg.data());
-  argv.push_back(nullptr);
-  std::vector<char*> envp;
-  for (auto& entry : envText) envp.push_back(entry.data());
-  envp.push_back(nullptr);
-
-  const std::string output = dir_.file("output.txt");
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-  posix_spawn_file_actions_addchdir_np(&actions, dir_.path().c_str());
-  const int result = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  if (result != 0) pid_ = -1;
+  // sh puts both output streams into one file and env sets the environment (the
+  // test's own variables last, so that they win; the log goes where the
+  // arguments say); each replaces itself, so the child's id is the program's.
+  std::vector<std::string> args = launcher_;
+  args.insert(args.end(),
+              {"/bin/sh", "-c", "exec \"$@\" >> output.txt 2>&1", "sh", "/usr/bin/env", "-u", "VANTREL_LOG_FILE", "-u",
+               "VANTREL_LOG_LEVEL", "VANTREL_INI=" + iniFile(), "RQ_BIN=" VANTREL_BINARY_DIR "/programs"});
+  for (const auto& [name, value] : env_) args.push_back(name + "=" + value);
+  args.insert(args.end(), {VANTREL_BINARY_DIR "/programs/vantrel", "--log-file", logFile(), "--log-level", "debug"});
+  for (const auto& [option, port] : {std::pair{"--clients-port", clientsPort_}, std::pair{"--net-port", netPort_}})
+    if (port != 0) args.insert(args.end(), {option, std::to_string(port)});
+  pid_ = RQPCreateProcessZ0(args.front(), {args.begin() + 1, args.end()}, {dir_.path(), false}).pid;
   exitCode_.reset();
-  return result == 0;
+  return pid_ > 0;
 }
 
 std::string ServiceProcess::log() const { return ReadFile(logFile()) + ReadFile(dir_.file("output.txt")); }
@@ -122,48 +85,39 @@ bool ServiceProcess::waitLog(const std::string& text, std::chrono::milliseconds 
   return WaitUntil([&] { return log().find(text) != std::string::npos; }, timeout);
 }
 
-bool ServiceProcess::launch() { return start() && waitLog(kReadyLine); }
+bool ServiceProcess::launch() { return start() && waitLog("vantrel ready"); }
 
 std::optional<int> ServiceProcess::waitExit(std::chrono::milliseconds timeout) {
-  if (exitCode_.has_value()) return exitCode_;
-  if (pid_ <= 0) return std::nullopt;
-  std::optional<int> code;
-  WaitUntil(
-      [&] {
-        int status = 0;
-        const pid_t done = ::waitpid(pid_, &status, WNOHANG);
-        if (done != pid_) return false;
-        code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        return true;
-      },
-      timeout);
-  if (code.has_value()) {
+  int code = 0;
+  if (!exitCode_ && pid_ > 0 &&
+      RQPWaitProcessFor(pid_, nTime::cDiff::FromMilliseconds(static_cast<double>(timeout.count())), &code) ==
+          RQPWaitResult::exited) {
     exitCode_ = code;
     pid_ = -1;
   }
-  return code;
+  return exitCode_;
 }
 
 std::optional<int> ServiceProcess::stop(std::chrono::milliseconds timeout) {
-  if (pid_ > 0) ::kill(pid_, SIGTERM);
+  if (pid_ > 0) ::kill(static_cast<pid_t>(pid_), SIGTERM);
   return waitExit(timeout);
 }
 
 void ServiceProcess::kill() {
   if (pid_ <= 0) return;
-  ::kill(pid_, SIGKILL);
+  RQPKillProcess(pid_);
   waitExit(std::chrono::seconds(10));
 }
 
 bool ServiceProcess::freeze(std::chrono::milliseconds timeout) {
-  if (pid_ <= 0 || ::kill(pid_, SIGSTOP) != 0) return false;
+  if (pid_ <= 0 || ::kill(static_cast<pid_t>(pid_), SIGSTOP) != 0) return false;
   const std::filesystem::path tasks = "/proc/" + std::to_string(pid_) + "/task";
   return WaitUntil(
       [&] {
         std::error_code error;
         bool any = false;
         for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
-          const char state = ProcessState(task.path() / "stat");
+          const char state = StateOf(std::stol(task.path().filename()));
           if (state == '\0') continue;  // the thread has just ended
           if (state != 'T' && state != 't') return false;
           any = true;
@@ -175,17 +129,14 @@ bool ServiceProcess::freeze(std::chrono::milliseconds timeout) {
 
 bool ServiceProcess::running() { return pid_ > 0 && !waitExit(std::chrono::milliseconds(0)).has_value(); }
 
-std::vector<pid_t> ServiceProcess::successors() const {
-  std::vector<pid_t> found;
-  const std::string marker = logFile();
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    const std::string name = entry.path().filename();
-    if (name.empty() || name.find_first_not_of("0123456789") != std::string::npos) continue;
-    const pid_t pid = static_cast<pid_t>(std::stol(name));
-    if (pid == pid_) continue;
-    if (ReadFile(entry.path() / "cmdline").find(marker) == std::string::npos) continue;
-    if (ProcessState(entry.path() / "stat") != 'Z') found.push_back(pid);
-  }
+std::vector<RQPProcessId> ServiceProcess::successors() const {
+  std::vector<RQPProcessEntry> entries;
+  std::vector<RQPProcessId> found;
+  RQPEnumerateProcesses(entries);
+  for (const RQPProcessEntry& entry : entries)
+    if (entry.pid != pid_ && entry.state != 'Z' &&
+        ReadFile("/proc/" + std::to_string(entry.pid) + "/cmdline").find(logFile()) != std::string::npos)
+      found.push_back(entry.pid);
   return found;
 }
 
@@ -211,6 +162,12 @@ std::optional<cVantrelMessage> TestClient::next(std::chrono::milliseconds timeou
       },
       timeout);
   return record;
+}
+
+std::string TestClient::nextText(std::chrono::milliseconds timeout) {
+  const auto record = next(timeout);
+  if (!record) return "<none>";
+  return std::to_string(record->getType()) + " " + (record->getData() ? record->getData() : "");
 }
 
 std::size_t TestClient::pending() {

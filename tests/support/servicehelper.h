@@ -3,23 +3,24 @@
 // own temporary folder, settings file and log file. Readiness is seen in the log
 // ("vantrel ready"), never by connecting and closing, which the service answers
 // by restarting itself.
-#include <sys/types.h>
-
 #include <chrono>
 #include <deque>
-#include <mutex>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "tests/support/frame.h"
 #include "tests/support/testutil.h"
+#include "vantrel/base/platform/process.h"
 #include "vantrel/base/socket/streamsocket.h"
 #include "vantrel/client/vantrelclientobj.h"
 
 namespace vantrel::test {
 
+// Owner: the test. Owns the process (and a successor it relaunched), its folder
+// and files. Used by the test thread only.
 class ServiceProcess {
  public:
   // Picks two free ports and writes a default settings file with `iniExtra`
@@ -32,7 +33,11 @@ class ServiceProcess {
 
   // Extra environment of the process (set before Start).
   void setEnv(const std::string& name, const std::string& value) { env_[name] = value; }
+  // 0 leaves a port to the program's default.
   void setPorts(unsigned short clientsPort, unsigned short netPort);
+  // Starts the program through `launcher`: a program and its arguments that
+  // ends by replacing itself with the command line that follows them.
+  void setLauncher(std::vector<std::string> launcher) { launcher_ = std::move(launcher); }
 
   // Spawns the program; false when it cannot be started.
   bool start();
@@ -57,23 +62,26 @@ class ServiceProcess {
   // This service's host text as clients and peers use it ("name~port").
   std::string hostText() const;
   std::string logFile() const { return dir_.file("vantrel.log"); }
+  std::string iniFile() const { return dir_.file("Vantrel.ini"); }
   // Other processes whose command line names this service's log file (a
   // relaunched successor).
-  std::vector<pid_t> successors() const;
+  std::vector<RQPProcessId> successors() const;
 
  private:
   TempDir dir_;
   unsigned short clientsPort_;
   unsigned short netPort_;
   std::map<std::string, std::string> env_;
-  pid_t pid_ = -1;
+  std::vector<std::string> launcher_;
+  RQPProcessId pid_ = -1;
   std::optional<int> exitCode_;
 };
 
 std::string LocalHostName();
 
 // A client object that keeps what arrives on channel 0 (messages and failure
-// answers) for the test, so that waits can have deadlines.
+// answers) for the test, so that waits can have deadlines. The library's reader
+// thread fills the queue, the test thread empties it; a lock guards it.
 class TestClient : public cVantrelClientObject {
  public:
   TestClient() = default;
@@ -81,6 +89,8 @@ class TestClient : public cVantrelClientObject {
   bool NewMessageEvent(cTypedMessageObject* message, short channel) override;
   // The next record that arrived on channel 0, waiting at most `timeout`.
   std::optional<cVantrelMessage> next(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  // That record's type and data as one text ("2 hello"); "<none>" when none came.
+  std::string nextText(std::chrono::milliseconds timeout = std::chrono::seconds(10));
   std::size_t pending();
 
  private:
@@ -91,6 +101,8 @@ class TestClient : public cVantrelClientObject {
 // A connection the test drives frame by frame, for traffic that neither the
 // client library nor a real peer service produces: a client that greets by
 // hand or not at all, a peer with its own handshake, malformed frames.
+// Owner: the test; used by its thread (a read runs on a helper thread, which
+// `next` always waits for).
 class RawLink {
  public:
   RawLink() : socket_(false, "raw test link") {}

@@ -7,8 +7,8 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <random>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -24,45 +24,27 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
   return true;
 }
 
-namespace {
-
 // The kernel hands out local ports for outgoing connections from its ephemeral
 // range, so a port picked from that range may be taken by any connection a
-// moment later. Test services therefore listen below it, on a port chosen at
-// random (parallel test processes rarely collide) and checked by binding.
-std::pair<int, int> EphemeralRange() {
-  int low = 32768, high = 60999;
-  std::ifstream in("/proc/sys/net/ipv4/ip_local_port_range");
-  in >> low >> high;
-  return {low, high};
-}
-
-bool CanBind(unsigned short port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_ANY);
-  addr.sin_port = htons(port);
-  const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-  ::close(fd);
-  return ok;
-}
-
-}  // namespace
-
+// moment later. Test services therefore listen below it (or above it, when
+// there is no room below), on a port chosen at random (parallel test processes
+// rarely collide) and checked by binding.
 unsigned short FreePort() {
   static std::mutex mutex;
   static std::mt19937 random(std::random_device{}() ^ static_cast<unsigned>(::getpid()));
   std::lock_guard<std::mutex> lock(mutex);
-  const auto [low, high] = EphemeralRange();
-  // Below the ephemeral range when there is room, otherwise above it.
-  const int first = low > 11000 ? 10000 : high + 1;
-  const int last = low > 11000 ? low - 1 : 65535;
-  std::uniform_int_distribution<int> pick(first, last);
+  int low = 32768, high = 60999;
+  std::ifstream("/proc/sys/net/ipv4/ip_local_port_range") >> low >> high;
+  std::uniform_int_distribution<int> pick(low > 11000 ? 10000 : high + 1, low > 11000 ? low - 1 : 65535);
   for (int attempt = 0; attempt < 1000; ++attempt) {
-    const auto port = static_cast<unsigned short>(pick(random));
-    if (CanBind(port)) return port;
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_ANY);
+    addr.sin_port = htons(static_cast<unsigned short>(pick(random)));
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool bound = fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    if (fd >= 0) ::close(fd);
+    if (bound) return ntohs(addr.sin_port);
   }
   throw std::runtime_error("FreePort: no free port found");
 }

@@ -6,8 +6,8 @@
 #include <openssl/x509v3.h>
 
 #include <atomic>
+#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
 
 namespace vantrel::test {
@@ -52,35 +52,16 @@ Cert NewCertificate(const std::string& commonName, EVP_PKEY* key) {
   X509_gmtime_adj(X509_getm_notAfter(cert.get()), 7L * 24 * 3600);
   X509_set_pubkey(cert.get(), key);
   X509_NAME* name = X509_get_subject_name(cert.get());
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName.c_str()),
-                             -1, -1, 0);
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName.c_str()), -1,
+                             -1, 0);
   return cert;
 }
 
-// The PEM text that `write` puts into a memory buffer.
+// Writes into `path` what `write` writes into an open file.
 template <typename Write>
-std::string PemText(Write write) {
-  BIO* bio = BIO_new(BIO_s_mem());
-  Check(bio != nullptr && write(bio) == 1, "writing PEM text");
-  char* data = nullptr;
-  const long size = BIO_get_mem_data(bio, &data);
-  std::string text(data, static_cast<std::size_t>(size));
-  BIO_free(bio);
-  return text;
-}
-
-std::string Pem(X509* cert) {
-  return PemText([cert](BIO* bio) { return PEM_write_bio_X509(bio, cert); });
-}
-
-std::string Pem(EVP_PKEY* key) {
-  return PemText([key](BIO* bio) { return PEM_write_bio_PrivateKey(bio, key, nullptr, nullptr, 0, nullptr, nullptr); });
-}
-
-void WriteText(const std::string& path, const std::string& text) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << text;
-  Check(static_cast<bool>(out), "writing a certificate file");
+void WritePem(const std::string& path, Write write) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "w"), std::fclose);
+  Check(file != nullptr && write(file.get()) == 1, "writing a certificate file");
 }
 
 }  // namespace
@@ -120,9 +101,11 @@ void TestAuthority::WriteHostFolder(const std::string& folder, const std::vector
   Check(X509_sign(cert.get(), impl_->key.get(), EVP_sha256()) > 0, "X509_sign (host)");
 
   std::filesystem::create_directories(folder);
-  WriteText(folder + "/vantrel.crt", Pem(cert.get()));
-  WriteText(folder + "/vantrel.key", Pem(key.get()));
-  WriteText(folder + "/ca.crt", Pem((trusted ? trusted : this)->impl_->cert.get()));
+  WritePem(folder + "/vantrel.crt", [&](std::FILE* f) { return PEM_write_X509(f, cert.get()); });
+  WritePem(folder + "/vantrel.key",
+           [&](std::FILE* f) { return PEM_write_PrivateKey(f, key.get(), nullptr, nullptr, 0, nullptr, nullptr); });
+  WritePem(folder + "/ca.crt",
+           [&](std::FILE* f) { return PEM_write_X509(f, (trusted ? trusted : this)->impl_->cert.get()); });
 }
 
 }  // namespace vantrel::test

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -12,15 +13,13 @@
 
 namespace {
 
-using nTime::cDiff;
 using nCommunication::nSocket::nImplementation_sho::gBuildSocketOptions;
+using nTime::cDiff;
 using vantrel::test::LogCapture;
 
 const std::string kRequiredOnly =
     "SocketCommunicationTimeout = 10000\nSocketClosedReactivationTimeout_debug = 0\n"
     "NetIsActiveImplemented_debug = 1\nCertificatesPath = /etc/vantrel/certs\n";
-
-cDiff Ms(int ms) { return cDiff::FromMilliseconds(ms); }
 
 std::vector<std::int64_t> AsMs(const std::vector<cDiff>& list) {
   std::vector<std::int64_t> out;
@@ -42,26 +41,33 @@ Built Build(const std::string& text) {
   return b;
 }
 
-TEST(VantrelIni, RequiredKeysOnlyGiveEveryDefaultAndPrintTheTlsBlock) {
+// Every setting in one text (times in ms; a stack size of 0 is none), so that
+// whole configurations compare at once.
+std::string Describe(const cVantrelIni& ini) {
+  const auto& threads = ini.CommunicationThreadAttributes();
+  std::ostringstream s;
+  s << "timeout=" << ini.SocketCommunicationTimeout().Milliseconds()
+    << " reactivation=" << ini.SocketClosedReactivationTimeout().Milliseconds()
+    << " netActive=" << ini.NetIsActiveImplemented()
+    << " deprecate=" << ini.SocketSendBufferDeprecateTime().Milliseconds()
+    << " kill=" << ini.TimeoutKillWorkerProcess().Milliseconds()
+    << " cycle=" << ini.CycleLatencyThresholdLimit().Milliseconds()
+    << " stack=" << (threads.HasStackSize() ? threads.StackSize() : 0)
+    << " block=" << ini.ThreadBlockLimit().Milliseconds() << " delimiter=" << ini.AddressPortDelimiter()
+    << " latencyNet=" << ini.SimulatedLatencyNet() << " latencyLocal=" << ini.SimulatedLatencyLocal()
+    << " tls=" << ini.UseOpenSsl() << ini.VerifyServerCertificate() << ini.VerifyClientCertificate()
+    << " certs=" << ini.CertificatesPath() << " max=" << ini.MaxMessageSize();
+  return s.str();
+}
+
+TEST(VantrelIni, AbsentOptionalKeysTakeTheShippedValuesSilentlyAndTheTlsBlockIsPrinted) {
   LogCapture log;
   const Built b = Build(kRequiredOnly);
-  const cVantrelIni& ini = *b.ini;
-  EXPECT_EQ(ini.SocketCommunicationTimeout(), Ms(10000));
-  EXPECT_TRUE(ini.NetIsActiveImplemented());
-  EXPECT_EQ(ini.SocketSendBufferDeprecateTime(), Ms(0));
-  EXPECT_EQ(ini.TimeoutKillWorkerProcess(), Ms(300000));
-  EXPECT_EQ(ini.CycleLatencyThresholdLimit(), Ms(720000));
-  EXPECT_EQ(ini.CommunicationThreadAttributes().StackSize(), 500000u);
-  EXPECT_EQ(ini.ThreadBlockLimit(), Ms(200000));
-  EXPECT_EQ(ini.AddressPortDelimiter(), "~");
-  EXPECT_TRUE(cSimulatedLatencyNetContainer_debug(ini).List().empty());
-  EXPECT_TRUE(cSimulatedLatencyLocalContainer_debug(ini).List().empty());
-  EXPECT_FALSE(ini.UseOpenSsl() || ini.VerifyServerCertificate() || ini.VerifyClientCertificate());
-  EXPECT_EQ(ini.MaxMessageSize(), 4194304u);
+  EXPECT_EQ(Describe(*b.ini), Describe(*Build(std::string(nEnvSettings::gBuiltInDefaults())).ini));
   EXPECT_EQ(b.out,
             "\x1b[1m\x1b[4mopenssl settings\x1b[0m\n* UseOpenSsl: false\n* CertificatesPath: /etc/vantrel/certs\n"
             "* VerifyServerCertificate: false\n* VerifyClientCertificate: false\n");
-  EXPECT_EQ(log.lines().size(), 0u);  // absent optional keys are silent
+  EXPECT_EQ(log.lines().size(), 0u);
 }
 
 TEST(VantrelIni, EveryKeyIsReadWhateverItsCaseAndPostProcessed) {
@@ -74,22 +80,10 @@ TEST(VantrelIni, EveryKeyIsReadWhateverItsCaseAndPostProcessed) {
       "ThreadBlockLimit_debug = +13\nAddressPortDelimiter = ::\nuseopenssl = 2\n"
       "CertificatesPath =   C:\\My Certs\\x\nVerifyServerCertificate = 1\nVerifyClientCertificate = -1\n"
       "MaxMessageSize = 8388608\n");
-  const cVantrelIni& ini = *b.ini;
-  EXPECT_EQ(ini.SocketCommunicationTimeout(), Ms(2500));
-  EXPECT_EQ(ini.SocketClosedReactivationTimeout(), Ms(3000));
-  EXPECT_FALSE(ini.NetIsActiveImplemented());
-  EXPECT_EQ(ini.SocketSendBufferDeprecateTime(), Ms(40));
-  EXPECT_EQ(ini.TimeoutKillWorkerProcess(), Ms(250));  // read as a stream reads an integer
-  EXPECT_EQ(ini.CycleLatencyThresholdLimit(), Ms(12));
-  EXPECT_EQ(ini.CommunicationThreadAttributes().StackSize(), 1u);
-  EXPECT_EQ(ini.ThreadBlockLimit(), Ms(13));
-  EXPECT_EQ(ini.AddressPortDelimiter(), "::");
-  EXPECT_TRUE(ini.UseOpenSsl());
-  EXPECT_EQ(ini.CertificatesPath(), "C:\\My");  // cut at the blank
-  EXPECT_TRUE(ini.VerifyServerCertificate() && ini.VerifyClientCertificate());
-  EXPECT_EQ(ini.MaxMessageSize(), 8388608u);
-  EXPECT_EQ(AsMs(cSimulatedLatencyNetContainer_debug(ini).List()), (std::vector<std::int64_t>{5, 0, 20}));
-  EXPECT_EQ(AsMs(cSimulatedLatencyLocalContainer_debug(ini).List()), (std::vector<std::int64_t>{7}));
+  // An integer is read as a stream reads one ("250ms" is 250); the path is cut at the blank.
+  EXPECT_EQ(Describe(*b.ini),
+            "timeout=2500 reactivation=3000 netActive=0 deprecate=40 kill=250 cycle=12 stack=1 block=13 "
+            "delimiter=:: latencyNet=5 0 20 -1 latencyLocal=7 -1 tls=111 certs=C:\\My max=8388608");
   EXPECT_NE(b.out.find("* UseOpenSsl: true\n* CertificatesPath: C:\\My\n* VerifyServerCertificate: true\n"
                        "* VerifyClientCertificate: true\n"),
             std::string::npos)
@@ -106,7 +100,7 @@ TEST(VantrelIni, MissingAndUnparsableValuesAreReportedOnceAndNeutral) {
   {
     LogCapture log;
     const Built b = Build("UseOpenSsl = 1\n");
-    EXPECT_EQ(b.ini->SocketCommunicationTimeout(), Ms(0));  // 0: no time-out
+    EXPECT_EQ(b.ini->SocketCommunicationTimeout(), cDiff());  // 0: no time-out
     EXPECT_FALSE(b.ini->NetIsActiveImplemented());
     EXPECT_EQ(b.ini->CertificatesPath(), "");
     for (const char* key : {"SocketCommunicationTimeout", "SocketClosedReactivationTimeout_debug",
@@ -119,10 +113,10 @@ TEST(VantrelIni, MissingAndUnparsableValuesAreReportedOnceAndNeutral) {
       "SocketCommunicationTimeout = soon\nSocketClosedReactivationTimeout_debug = 0\n"
       "NetIsActiveImplemented_debug = on\nCertificatesPath =   \nTimeoutKillWorkerProcess = abc\n"
       "UseOpenSsl = yes\nCommunicationThreadStackSize = 99999999999\nMaxMessageSize = big\n");
-  EXPECT_EQ(b.ini->SocketCommunicationTimeout(), Ms(0));
+  EXPECT_EQ(b.ini->SocketCommunicationTimeout(), cDiff());
   EXPECT_FALSE(b.ini->NetIsActiveImplemented());
   EXPECT_EQ(b.ini->CertificatesPath(), "");
-  EXPECT_EQ(b.ini->TimeoutKillWorkerProcess(), Ms(0));
+  EXPECT_EQ(b.ini->TimeoutKillWorkerProcess(), cDiff());
   EXPECT_FALSE(b.ini->UseOpenSsl());
   EXPECT_FALSE(b.ini->CommunicationThreadAttributes().HasStackSize());
   EXPECT_EQ(b.ini->MaxMessageSize(), nVantrelIni::kMinMaxMessageSize);
@@ -151,25 +145,27 @@ TEST(SimulatedLatency, ListsStopAtMinusOneOrAtTheFirstBadValue) {
   for (const char* what : {"badlist", "openlist", "emptylist"}) EXPECT_EQ(log.count(what), 1u) << what;
 }
 
-TEST(SocketOptionsBuilder, SixArgumentsInOrderAndNoneForAnEmptyList) {
+TEST(SocketOptionsBuilder, EachLinkKindGetsItsOwnLatencyListAndTheSharedLimits) {
   const Built b = Build(
       "SocketCommunicationTimeout = 1500\nSocketClosedReactivationTimeout_debug = 250\n"
       "NetIsActiveImplemented_debug = 1\nCertificatesPath = /c\nSocketSendBufferDeprecateTime = 3000\n"
-      "CycleLatencyThresholdLimit_debug = 60000\nSimulatedLatencyNet_debug = 9 8 -1\nMaxMessageSize = 131072\n");
-  const cSimulatedLatencyLocalContainer_debug local(*b.ini);
-  EXPECT_EQ(nVantrelIni::gLatencyListArgument(local.List()), nullptr);  // "none"
-  const auto options = gBuildSocketOptions(*b.ini, local.List());
-  EXPECT_EQ(options.connectTimeout, Ms(1500));
-  EXPECT_EQ(options.communicationTimeout, Ms(1500));
-  EXPECT_EQ(options.closedReactivationTimeout, Ms(250));
-  EXPECT_EQ(options.sendBufferDeprecateTime, Ms(3000));
-  EXPECT_TRUE(options.simulatedLatency.empty());
-  EXPECT_EQ(options.cycleLatencyThresholdLimit, Ms(60000));
-  EXPECT_EQ(options.maxMessageSize, 131072u);
-
+      "CycleLatencyThresholdLimit_debug = 60000\nSimulatedLatencyNet_debug = 9 8 -1\n"
+      "SimulatedLatencyLocal_debug = 7 -1\nMaxMessageSize = 131072\n");
   const cSimulatedLatencyNetContainer_debug net(*b.ini);
+  const auto options = gBuildSocketOptions(*b.ini, net.List());
+  EXPECT_EQ(options.connectTimeout.Milliseconds(), 1500);
+  EXPECT_EQ(options.communicationTimeout.Milliseconds(), 1500);
+  EXPECT_EQ(options.closedReactivationTimeout.Milliseconds(), 250);
+  EXPECT_EQ(options.sendBufferDeprecateTime.Milliseconds(), 3000);
+  EXPECT_EQ(options.cycleLatencyThresholdLimit.Milliseconds(), 60000);
+  EXPECT_EQ(options.maxMessageSize, 131072u);
+  EXPECT_EQ(AsMs(options.simulatedLatency), (std::vector<std::int64_t>{9, 8}));
+  const cSimulatedLatencyLocalContainer_debug local(*b.ini);
+  EXPECT_EQ(AsMs(gBuildSocketOptions(*b.ini, local.List()).simulatedLatency), (std::vector<std::int64_t>{7}));
+
+  // The list argument of the options is "none" (null) only for an empty list.
   EXPECT_EQ(nVantrelIni::gLatencyListArgument(net.List()), &net.List());
-  EXPECT_EQ(AsMs(gBuildSocketOptions(*b.ini, net.List()).simulatedLatency), (std::vector<std::int64_t>{9, 8}));
+  EXPECT_EQ(nVantrelIni::gLatencyListArgument(std::vector<cDiff>()), nullptr);
 }
 
 }  // namespace
