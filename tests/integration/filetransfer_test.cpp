@@ -128,6 +128,9 @@ TEST_F(FileTransferTest, QueuedCopiesArriveByteIdenticalAndInOrderWhileACopyRuns
   const std::string backContent = Pattern(30 * kChunk + 11, 8);
   const std::string backSource = files.write("back-src", backContent);
   request(500, backSource, files.file("back-dst"), back, sender);
+  // Once the back copy arrives, the sender knows the receiver's link; queued
+  // before that, the requests could leave over two links and finish out of order.
+  ASSERT_TRUE(sender.waitLog("ReceiveFile(dstFilePath=" + files.file("back-dst"))) << sender.log();
 
   // Empty, one byte, one whole chunk, one byte more, many chunks and a short last one.
   const std::size_t sizes[] = {0, 1, kChunk, kChunk + 1, 3 * 1024 * 1024 + 17};
