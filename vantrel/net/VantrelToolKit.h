@@ -9,11 +9,10 @@
 #include <memory>
 #include <string>
 
-#include "vantrel/base/export.h"
 #include "vantrel/message/packmsg.h"
 #include "vantrel/message/vantrelevents.h"
 
-class VANTREL_API VantrelToolKit {
+class VantrelToolKit {
  public:
   // Outcome of a file copy; the same numbers are used for copies between hosts.
   enum CopyFileCompletionState : int {

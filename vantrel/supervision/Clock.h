@@ -13,7 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "vantrel/base/export.h"
 #include "vantrel/base/platform/process.h"
 #include "vantrel/base/platform/thread.h"
 #include "vantrel/base/platform/time.h"
@@ -162,7 +161,7 @@ class cProcess {
 
 // Marks this process as one that resynchronises the clock (the service calls it
 // at start-up, before any link exists). Does nothing else.
-VANTREL_API void gActivateProcess();
+void gActivateProcess();
 bool gIsProcessActivated();
 
 // The process object's configurations, for the socket layer's message waits.

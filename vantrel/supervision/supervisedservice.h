@@ -8,10 +8,9 @@
 //
 // Ownership and threads as CVantrelClass; the hooks are called on connection
 // threads and the busy-check thread and keep no state of their own.
-#include "vantrel/base/export.h"
 #include "vantrel/service/vantrelclass.h"
 
-class VANTREL_API cSupervisedVantrelClass : public CVantrelClass {
+class cSupervisedVantrelClass : public CVantrelClass {
  public:
   using CVantrelClass::CVantrelClass;
 

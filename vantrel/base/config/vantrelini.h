@@ -16,7 +16,6 @@
 #include <string>
 #include <vector>
 
-#include "vantrel/base/export.h"
 #include "vantrel/base/platform/thread.h"
 #include "vantrel/base/platform/time.h"
 
@@ -134,15 +133,15 @@ class cSimulatedLatencyLocalContainer_debug {
 };
 
 // ---- exported accessors (each builds the process-wide settings on first use) ----
-VANTREL_API const char* gVantrelAddressPortDelimiter();
-VANTREL_API std::string gVantrelCertificatesPath();
-VANTREL_API bool gVantrelNetIsActiveImplemented_debug();
-VANTREL_API bool gVantrelUseOpenSsl();
-VANTREL_API bool gVantrelVerifyClientCertificate();
-VANTREL_API bool gVantrelVerifyServerCertificate();
-VANTREL_API nTime::cDiff gThreadBlockLimit_debug();
-VANTREL_API nTime::cDiff gTimeoutKillWorkerProcess();
-VANTREL_API nParallel::nImplementation_sho::cThreadAttributes gCommunicationThreadAttributes();
+const char* gVantrelAddressPortDelimiter();
+std::string gVantrelCertificatesPath();
+bool gVantrelNetIsActiveImplemented_debug();
+bool gVantrelUseOpenSsl();
+bool gVantrelVerifyClientCertificate();
+bool gVantrelVerifyServerCertificate();
+nTime::cDiff gThreadBlockLimit_debug();
+nTime::cDiff gTimeoutKillWorkerProcess();
+nParallel::nImplementation_sho::cThreadAttributes gCommunicationThreadAttributes();
 
 // ---- internal accessors ----
 // Handle of the settings table, for further look-ups (clock resynchronisation).

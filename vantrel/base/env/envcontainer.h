@@ -15,9 +15,8 @@
 #include <set>
 #include <string>
 
-#include "vantrel/base/export.h"
 
-class VANTREL_API RQEnvContainerClass {
+class RQEnvContainerClass {
  public:
   RQEnvContainerClass();
   ~RQEnvContainerClass();

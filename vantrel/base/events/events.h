@@ -37,14 +37,13 @@
 #include <functional>
 #include <vector>
 
-#include "vantrel/base/export.h"
 #include "vantrel/base/platform/collectable.h"
 #include "vantrel/base/platform/eventqueue.h"
 
 class ClientObj;
 class ServerObj;
 
-class VANTREL_API BaseEvent : public RWCollectable {
+class BaseEvent : public RWCollectable {
  public:
   BaseEvent() = default;
   BaseEvent(ClientObj* client, int value) : client_(client), value_(value) {}
@@ -69,7 +68,7 @@ class VANTREL_API BaseEvent : public RWCollectable {
   int value_ = 0;
 };
 
-class VANTREL_API ClientObj : public RWCollectable {
+class ClientObj : public RWCollectable {
  public:
   // A handler receives an event it now owns and returns a status (by
   // convention 1 for "accepted").
@@ -108,7 +107,7 @@ class VANTREL_API ClientObj : public RWCollectable {
   RQPEventQueue queue_;
 };
 
-class VANTREL_API ServerObj : public ClientObj {
+class ServerObj : public ClientObj {
  public:
   // `registrySize` is the number of hash buckets (at least 1 is used).
   explicit ServerObj(std::size_t registrySize);

@@ -26,34 +26,34 @@ enum tQXLogMessageSeverity : int {
 namespace vantrel::log {
 
 // True when a line of this severity would be written (cheap; no lock).
-VANTREL_API bool Enabled(tQXLogMessageSeverity severity);
+bool Enabled(tQXLogMessageSeverity severity);
 // Writes one finished line.
-VANTREL_API void Write(tQXLogMessageSeverity severity, const char* file, int line, std::string_view text);
+void Write(tQXLogMessageSeverity severity, const char* file, int line, std::string_view text);
 
 // Level and destination. Before Configure is called the log follows
 // VANTREL_LOG_LEVEL and VANTREL_LOG_FILE, defaulting to warnings on standard error
 // (quiet, as suits client processes). An empty file means standard error.
 // Levels: trace, debug, info, warning (warn), error, critical, off.
-VANTREL_API void Configure(const std::string& level, const std::string& file);
-VANTREL_API void SetLevel(tQXLogMessageSeverity severity);
-VANTREL_API tQXLogMessageSeverity CurrentLevel();
+void Configure(const std::string& level, const std::string& file);
+void SetLevel(tQXLogMessageSeverity severity);
+tQXLogMessageSeverity CurrentLevel();
 // Parses a level name; false for an unknown name.
-VANTREL_API bool ParseLevel(std::string_view name, tQXLogMessageSeverity& out);
-VANTREL_API void Flush();
+bool ParseLevel(std::string_view name, tQXLogMessageSeverity& out);
+void Flush();
 // By default only warnings and worse are written through at once; a long-running
 // program whose log file is watched (the service) writes every line through.
-VANTREL_API void SetFlushEveryLine(bool enabled);
+void SetFlushEveryLine(bool enabled);
 
 // The calling thread's name as log lines show it ("main" until one is set). The
 // thread layer sets it when it starts a named thread, so the log knows names
 // without knowing threads.
-VANTREL_API void SetThreadName(const std::string& name);
-VANTREL_API std::string ThreadName();
+void SetThreadName(const std::string& name);
+std::string ThreadName();
 
 // Tests capture what is logged: every line written while a sink is installed is
 // also handed to it (text only, without decoration). Not for production use.
 using CaptureSink = void (*)(void* context, tQXLogMessageSeverity severity, std::string_view text);
-VANTREL_API void SetCaptureSink(CaptureSink sink, void* context);
+void SetCaptureSink(CaptureSink sink, void* context);
 
 }  // namespace vantrel::log
 

@@ -20,7 +20,6 @@
 #include <deque>
 #include <mutex>
 
-#include "vantrel/base/export.h"
 #include "vantrel/base/platform/collectable.h"
 
 enum htWaitReturnType : int {
@@ -30,7 +29,7 @@ enum htWaitReturnType : int {
   htTerminated = 3,
 };
 
-class VANTREL_API RQPEventQueue {
+class RQPEventQueue {
  public:
   RQPEventQueue();
   virtual ~RQPEventQueue();

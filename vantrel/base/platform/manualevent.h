@@ -5,9 +5,8 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "vantrel/base/export.h"
 
-class VANTREL_API RQPManualEvent {
+class RQPManualEvent {
  public:
   RQPManualEvent();
   ~RQPManualEvent();

@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "vantrel/base/export.h"
 #include "vantrel/base/platform/time.h"
 
 using RQPProcessId = long;
@@ -35,7 +34,7 @@ struct RQPSpawnResult {
 // `arguments` as argv[1..]; argv[0] is `program`. Returns the child's id or the
 // reason it could not be started (missing program, not executable, missing
 // working folder, ...). Never throws.
-VANTREL_API RQPSpawnResult RQPCreateProcessZ0(const std::string& program, const std::vector<std::string>& arguments,
+RQPSpawnResult RQPCreateProcessZ0(const std::string& program, const std::vector<std::string>& arguments,
                                               const RQPProcessOptions& options = {});
 
 enum class RQPWaitResult { exited, timedOut, failed };
@@ -43,16 +42,16 @@ enum class RQPWaitResult { exited, timedOut, failed };
 // Waits for a child of this process to end and reaps it. `exitCode` receives the
 // exit status, or 128 + the signal number when a signal ended it. false when
 // `pid` is not a child of this process (or was reaped already).
-VANTREL_API bool RQPWaitProcess(RQPProcessId pid, int* exitCode = nullptr);
+bool RQPWaitProcess(RQPProcessId pid, int* exitCode = nullptr);
 // As RQPWaitProcess with a time limit (zero or negative: test once). A child that
 // is still running after the limit is left running and unreaped.
-VANTREL_API RQPWaitResult RQPWaitProcessFor(RQPProcessId pid, nTime::cDiff timeout, int* exitCode = nullptr);
+RQPWaitResult RQPWaitProcessFor(RQPProcessId pid, nTime::cDiff timeout, int* exitCode = nullptr);
 // Waits for a child to end without reaping it: its id stays reserved (it cannot
 // be reused by another process) until RQPWaitProcess reaps it. false when `pid`
 // is not a child of this process.
-VANTREL_API bool RQPWaitProcessExit(RQPProcessId pid);
+bool RQPWaitProcessExit(RQPProcessId pid);
 // Sends SIGKILL. false when there is no such process or no permission.
-VANTREL_API bool RQPKillProcess(RQPProcessId pid);
+bool RQPKillProcess(RQPProcessId pid);
 
 struct RQPRunResult {
   bool started = false;
@@ -65,12 +64,12 @@ struct RQPRunResult {
 // Runs a program to completion and captures its standard output (standard input
 // and error on the null device). A child still running at `timeout` is killed,
 // so the call never hangs.
-VANTREL_API RQPRunResult RQPRunAndCapture(const std::string& program, const std::vector<std::string>& arguments,
+RQPRunResult RQPRunAndCapture(const std::string& program, const std::vector<std::string>& arguments,
                                           nTime::cDiff timeout);
 
 // Full path of an executable file named `name` in the folders of PATH; `name`
 // itself when it contains a '/' and is executable; empty when not found.
-VANTREL_API std::string RQPFindProgram(const std::string& name);
+std::string RQPFindProgram(const std::string& name);
 
 // One process of the machine as /proc shows it.
 struct RQPProcessEntry {
@@ -87,25 +86,25 @@ struct RQPProcessEntry {
 
 // Lists every process of the machine in /proc order. Processes that end while
 // being read are left out. false (with the reason) when /proc cannot be read.
-VANTREL_API bool RQPEnumerateProcesses(std::vector<RQPProcessEntry>& entries, std::string* error = nullptr);
+bool RQPEnumerateProcesses(std::vector<RQPProcessEntry>& entries, std::string* error = nullptr);
 // Reads one process; false when it does not exist (any more).
-VANTREL_API bool RQPReadProcessEntry(RQPProcessId pid, RQPProcessEntry& entry);
+bool RQPReadProcessEntry(RQPProcessId pid, RQPProcessEntry& entry);
 
-VANTREL_API RQPProcessId RQPCurrentProcessId();
+RQPProcessId RQPCurrentProcessId();
 // The calling process as the process checks see it, read from the system's own
 // calls rather than the process table (for when the table cannot be read).
-VANTREL_API RQPProcessEntry RQPCurrentProcessIdentity();
+RQPProcessEntry RQPCurrentProcessIdentity();
 // The running program's file; a name of it that the system can still start
 // when its path cannot be read.
-VANTREL_API std::string RQPExecutablePath();
+std::string RQPExecutablePath();
 // Sets an environment variable of this process (children inherit it). Call it
 // before other threads run: the environment is not guarded against concurrent
 // readers. false when the system refuses it.
-VANTREL_API bool RQPSetEnvironment(const std::string& name, const std::string& value);
+bool RQPSetEnvironment(const std::string& name, const std::string& value);
 // Ends the process at once with `code`: no static destructors and no exit
 // handlers run, so threads still working are not pulled from under. Flush what
 // must survive first.
-[[noreturn]] VANTREL_API void RQPExitNow(int code);
+[[noreturn]] void RQPExitNow(int code);
 // The user name of `uid` from the password database. false when the uid has no
 // entry (errorCode 0) or the look-up failed (errorCode the system's code).
-VANTREL_API bool RQPUserName(std::uint32_t uid, std::string& name, int* errorCode = nullptr);
+bool RQPUserName(std::uint32_t uid, std::string& name, int* errorCode = nullptr);

@@ -6,17 +6,16 @@
 // it starts any thread, and later waits for one with WaitForStopRequest on the
 // thread that is to stop it. Requests are taken by that waiting thread, never by
 // an asynchronous handler, so stopping may take locks and join threads.
-#include "vantrel/base/export.h"
 
 namespace vantrel::platform {
 
 // Keeps stop requests from ending the process or interrupting any thread started
 // after the call, and turns a write to a closed connection into an error result
 // instead of a signal. Call once, on the main thread, before other threads run.
-VANTREL_API void BlockStopRequests();
+void BlockStopRequests();
 
 // Blocks until a stop is requested and returns the request's number (the signal
 // number here). Requests that arrive before the call are not lost.
-VANTREL_API int WaitForStopRequest();
+int WaitForStopRequest();
 
 }  // namespace vantrel::platform

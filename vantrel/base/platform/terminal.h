@@ -1,18 +1,17 @@
 #pragma once
 // The process's standard streams: whether a person is watching them, and
 // pointing standard output elsewhere for a while.
-#include "vantrel/base/export.h"
 
 namespace vantrel::platform {
 
 // True when standard error is a terminal (so progress may be drawn on it).
-VANTREL_API bool StandardErrorIsTerminal();
+bool StandardErrorIsTerminal();
 
 // While it lives, what is written to standard output goes to standard error;
 // the destructor puts standard output back. Both flush the C stream first, so
 // nothing buffered crosses over. When the redirection cannot be made, output
 // simply stays where it was. Owner: the creating scope; one thread only.
-class VANTREL_API cStandardOutputToError {
+class cStandardOutputToError {
  public:
   cStandardOutputToError();
   ~cStandardOutputToError();

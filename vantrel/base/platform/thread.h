@@ -13,14 +13,13 @@
 #include <optional>
 #include <string>
 
-#include "vantrel/base/export.h"
 #include "vantrel/base/platform/time.h"
 
 namespace nParallel::nImplementation_sho {
 
 // Attributes a thread is started with: an optional stack size in bytes. No stack
 // size means the system's default.
-class VANTREL_API cThreadAttributes {
+class cThreadAttributes {
  public:
   cThreadAttributes() = default;
   explicit cThreadAttributes(std::size_t stackSize) : stackSize_(stackSize) {}
@@ -37,7 +36,7 @@ class VANTREL_API cThreadAttributes {
 
 namespace vantrel::platform {
 
-class VANTREL_API cThread {
+class cThread {
  public:
   cThread();
   // Joins a thread that is still running (detaches when called on the thread

@@ -4,11 +4,10 @@
 #include <chrono>
 #include <cstdint>
 
-#include "vantrel/base/export.h"
 
 namespace nTime {
 
-class VANTREL_API cDiff {
+class cDiff {
  public:
   constexpr cDiff() = default;
   // From milliseconds.
@@ -34,7 +33,7 @@ class VANTREL_API cDiff {
 };
 
 // A wall-clock instant (microseconds since the Unix epoch).
-class VANTREL_API cPoint {
+class cPoint {
  public:
   constexpr cPoint() = default;
   static cPoint Now();
@@ -53,4 +52,4 @@ class VANTREL_API cPoint {
 }  // namespace nTime
 
 // Seconds since the Unix epoch, with sub-second precision (wall clock).
-VANTREL_API double RQPSysTime();
+double RQPSysTime();

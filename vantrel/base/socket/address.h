@@ -11,9 +11,8 @@
 #include <string>
 #include <string_view>
 
-#include "vantrel/base/export.h"
 
-class VANTREL_API CVantrelAddress {
+class CVantrelAddress {
  public:
   CVantrelAddress() = default;
   explicit CVantrelAddress(std::string_view address);
@@ -40,6 +39,6 @@ struct cHostPort {
 
 // Splits "name<delimiter>port". The delimiter comes from the settings; an empty
 // delimiter never splits.
-VANTREL_API cHostPort gSplitHostPort(std::string_view text, std::string_view delimiter);
+cHostPort gSplitHostPort(std::string_view text, std::string_view delimiter);
 
 }  // namespace nCommunication::nSocket::nImplementation_sho

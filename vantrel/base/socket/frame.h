@@ -18,12 +18,11 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "vantrel/base/export.h"
 
 // The first two words of every frame header: the format marker and the payload
 // length, in host byte order once decoded. A plain value: copying copies both
 // words and nothing else.
-struct VANTREL_API c_MessageHeader {
+struct c_MessageHeader {
   std::uint32_t marker = 0;
   std::uint32_t length = 0;
 };
@@ -44,13 +43,13 @@ struct cFrameHeader {
 };
 
 // Writes `header` into `out` (kFrameHeaderSize bytes) in network byte order.
-VANTREL_API void gEncodeFrameHeader(const cFrameHeader& header, unsigned char* out);
+void gEncodeFrameHeader(const cFrameHeader& header, unsigned char* out);
 // Reads a header from `in` (kFrameHeaderSize bytes). Never fails: checking the
 // marker and length is the caller's business (see gCheckFrameHeader).
-VANTREL_API cFrameHeader gDecodeFrameHeader(const unsigned char* in);
+cFrameHeader gDecodeFrameHeader(const unsigned char* in);
 
 enum class tFrameCheck { eOk, eBadMarker, eTooLong };
-VANTREL_API tFrameCheck gCheckFrameHeader(const cFrameHeader& header, std::uint32_t maxMessageSize);
+tFrameCheck gCheckFrameHeader(const cFrameHeader& header, std::uint32_t maxMessageSize);
 
 // One frame of a batch to send; the data stays the caller's.
 struct cOutgoingFrame {

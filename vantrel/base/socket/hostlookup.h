@@ -6,7 +6,6 @@
 #include <optional>
 #include <string>
 
-#include "vantrel/base/export.h"
 #include "vantrel/base/platform/time.h"
 
 namespace nCommunication::nSocket::nImplementation_sho {
@@ -14,13 +13,13 @@ namespace nCommunication::nSocket::nImplementation_sho {
 // Whether something answers a TCP connect on host:port within `timeout` (raised
 // to at least one second); the connection is closed at once. Returns the time
 // the connect took, or nothing.
-VANTREL_API std::optional<nTime::cDiff> gPing(const std::string& host, unsigned short port, nTime::cDiff timeout);
+std::optional<nTime::cDiff> gPing(const std::string& host, unsigned short port, nTime::cDiff timeout);
 
 // The first IPv4 address of `name` (a host name or a dotted address) as dotted
 // text, or nothing when it cannot be resolved.
-VANTREL_API std::optional<std::string> gGetHostByName(const std::string& name);
+std::optional<std::string> gGetHostByName(const std::string& name);
 
 // This machine's host name; `fallback` when the system gives none.
-VANTREL_API std::string gGetLocalHostName(const std::string& fallback);
+std::string gGetLocalHostName(const std::string& fallback);
 
 }  // namespace nCommunication::nSocket::nImplementation_sho

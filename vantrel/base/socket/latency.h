@@ -15,14 +15,13 @@
 // belongs to one socket and is used only by that socket's reader.
 #include <cstdint>
 
-#include "vantrel/base/export.h"
 #include "vantrel/base/platform/time.h"
 
 namespace nCommunication::nSocket::nImplementation_sho {
 
 // Per-socket state that keeps latency warnings to one line per cycle.
 // Owned by one socket; touched only by the thread that reads from it.
-class VANTREL_API cLatencyLogLimiter {
+class cLatencyLogLimiter {
  public:
   explicit cLatencyLogLimiter(nTime::cDiff cycle = nTime::cDiff::FromMilliseconds(720000)) : cycle_(cycle) {}
   void SetCycle(nTime::cDiff cycle) { cycle_ = cycle; }
@@ -37,7 +36,7 @@ class VANTREL_API cLatencyLogLimiter {
   std::uint64_t suppressed_ = 0;
 };
 
-class VANTREL_API iLatencyConfiguration {
+class iLatencyConfiguration {
  public:
   iLatencyConfiguration(nTime::cDiff threshold, nTime::cDiff logThreshold, nTime::cDiff normalLogThreshold)
       : threshold_(threshold), logThreshold_(logThreshold), normalLogThreshold_(normalLogThreshold) {}
@@ -70,7 +69,7 @@ enum class tLatencyPath { local, net };
 // measure nothing. The source must return configurations that live as long as
 // the process. Thread-safe; a later install replaces the source.
 using tLatencyConfigurationSource = iLatencyConfiguration* (*)(tLatencyPath path);
-VANTREL_API void gSetLatencyConfigurationSource(tLatencyConfigurationSource source);
+void gSetLatencyConfigurationSource(tLatencyConfigurationSource source);
 iLatencyConfiguration* gLatencyConfiguration(tLatencyPath path);
 
 }  // namespace nCommunication::nSocket::nImplementation_sho

@@ -13,7 +13,6 @@
 #include <optional>
 #include <string>
 
-#include "vantrel/base/export.h"
 #include "vantrel/base/platform/socket.h"
 #include "vantrel/base/socket/closesignal.h"
 #include "vantrel/base/socket/socketerror.h"
@@ -24,7 +23,7 @@ namespace nCommunication::nSocket::nImplementation_sho {
 // The descriptor of an accepted connection together with the options it was
 // accepted with. Owns the descriptor (closes it when destroyed) until a
 // StreamSocket adopts it. Move-only; used by one thread at a time.
-class VANTREL_API cSocketHandle {
+class cSocketHandle {
  public:
   cSocketHandle() = default;
   cSocketHandle(vantrel::platform::tSocket descriptor, const cSocketOptions& options)
@@ -49,7 +48,7 @@ class VANTREL_API cSocketHandle {
 };
 
 enum class tSocketStatus { eGood, eClosed, eFailed, eInvalidHandle };
-VANTREL_API const char* gSocketStatusText(tSocketStatus status);
+const char* gSocketStatusText(tSocketStatus status);
 
 struct cValidatedHandle {
   cSocketHandle handle;
@@ -58,7 +57,7 @@ struct cValidatedHandle {
 
 // Turns Accept's optional handle into a handle that names an open descriptor,
 // or an invalid handle with status eInvalidHandle.
-VANTREL_API cValidatedHandle gValidate(std::optional<cSocketHandle>&& handle);
+cValidatedHandle gValidate(std::optional<cSocketHandle>&& handle);
 
 }  // namespace nCommunication::nSocket::nImplementation_sho
 
@@ -67,7 +66,7 @@ VANTREL_API cValidatedHandle gValidate(std::optional<cSocketHandle>&& handle);
 // communicator); owns the connection's descriptor and its close signal.
 // Threads: any thread may call CloseSocket and the name queries at any time;
 // the rest is called by the owner's threads as StreamSocket describes.
-class VANTREL_API c_Socket {
+class c_Socket {
  public:
   enum tBindScope { eLoopbackOnly, eAllAddresses };
 

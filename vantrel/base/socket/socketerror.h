@@ -5,19 +5,18 @@
 #include <stdexcept>
 #include <string>
 
-#include "vantrel/base/export.h"
 
 namespace nCommunication::nSocket::nImplementation_sho {
 
 // A local fault of the socket layer. Thrown on the thread that called the
 // failing operation; carries the system's error text.
-class VANTREL_API cSocketError : public std::runtime_error {
+class cSocketError : public std::runtime_error {
  public:
   explicit cSocketError(const std::string& what) : std::runtime_error(what) {}
 };
 
 // The port asked for by a listener is held by another socket.
-class VANTREL_API cAlreadyInUse : public cSocketError {
+class cAlreadyInUse : public cSocketError {
  public:
   explicit cAlreadyInUse(unsigned short port)
       : cSocketError("port " + std::to_string(port) + " is already in use"), port_(port) {}

@@ -22,7 +22,6 @@
 #include <cstdint>
 #include <vector>
 
-#include "vantrel/base/export.h"
 #include "vantrel/base/platform/socket.h"
 #include "vantrel/base/platform/time.h"
 
@@ -30,7 +29,7 @@ class cVantrelIni;
 
 namespace nCommunication::nSocket::nImplementation_sho {
 
-struct VANTREL_API cSocketOptions {
+struct cSocketOptions {
   cSocketOptions() = default;
   // `simulatedLatency` null means "none".
   cSocketOptions(nTime::cDiff connect, nTime::cDiff communication, nTime::cDiff closedReactivation,

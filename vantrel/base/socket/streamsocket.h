@@ -13,7 +13,6 @@
 #include <optional>
 #include <string>
 
-#include "vantrel/base/export.h"
 #include "vantrel/base/socket/frame.h"
 #include "vantrel/base/socket/latency.h"
 #include "vantrel/base/socket/socketbase.h"
@@ -67,7 +66,7 @@ class cTlsSession;
 // WaitTypedMessageZ1 while any number of threads call SendTypedMessageZ2 (each
 // frame goes out whole under the socket's send lock); any thread may close.
 // A listening socket has one accept thread.
-class VANTREL_API StreamSocket : public c_Socket {
+class StreamSocket : public c_Socket {
  public:
   using cSocketOptions = nCommunication::nSocket::nImplementation_sho::cSocketOptions;
   using cTlsSettings = nCommunication::nSocket::nImplementation_sho::cTlsSettings;
