@@ -19,12 +19,13 @@
 #include "bench/benchcore.h"
 #include "bench/servicerunner.h"
 #include "vantrel/client/vantrelclientobj.h"
+#include "vantrel/message/wire.h"
 #include "vantrel/support/associativearray.h"
 
 namespace vantrel::bench {
 namespace {
 
-constexpr std::size_t kChunk = 51200;
+constexpr std::size_t kChunk = wire::kFileChunkSize;
 
 double Seconds(tClock::time_point since) { return std::chrono::duration<double>(tClock::now() - since).count(); }
 
@@ -120,8 +121,8 @@ bool RunFileCopy(const cBenchOptions& options, cBenchTable& table) {
   const std::string host = "127.0.0.1~" + std::to_string(receiver.NetPort());
 
   CAssociativeArray request;
-  request.AddCouple("$LOCALFILE", source);
-  request.AddCouple("$REMOTEFILE", (folder / "remote-copy").string());
+  request.AddCouple(wire::kCopyLocalFile, source);
+  request.AddCouple(wire::kCopyRemoteFile, (folder / "remote-copy").string());
   std::string text;
   long length = 0;
   request.ToString(text, length, false, false);
@@ -141,12 +142,12 @@ bool RunFileCopy(const cBenchOptions& options, cBenchTable& table) {
       return Fail("the copy request was not sent");
     const cVantrelMessage* answer = client.NETWaitMessageX1();
     copySeconds.push_back(Seconds(start));
-    if (answer == nullptr || answer->getType() != 102) return Fail("no copy result");
+    if (answer == nullptr || answer->getType() != wire::kDelivered) return Fail("no copy result");
     CAssociativeArray result;
     result.FromString(answer->getData(), static_cast<long>(answer->getDatalen()));
-    const std::string state = result.GetValueOfParameter("$FILECOPYCOMPLETIONSTATE");
+    const std::string state = result.GetValueOfParameter(wire::kCopyState);
     std::error_code ec;
-    if (state != "0" || std::filesystem::file_size(folder / "remote-copy", ec) != bytes)
+    if (state != std::to_string(wire::kCopyDone) || std::filesystem::file_size(folder / "remote-copy", ec) != bytes)
       return Fail(("the copy did not complete, state " + state).c_str());
     std::filesystem::remove(folder / "remote-copy");
     std::fprintf(stderr, "filecopy round %d: plain %.0f MB/s, copy %.0f MB/s\n", round + 1,
@@ -159,8 +160,7 @@ bool RunFileCopy(const cBenchOptions& options, cBenchTable& table) {
   const double copy = Percentile(copySeconds, 50);
   table.Add({"filecopy", "remote copy", SizeText(bytes), "MB/s", megabytes / copy,
              plainSeconds.empty() ? std::nullopt : std::optional<double>(megabytes / Percentile(plainSeconds, 50)),
-             true,
-             "median of " + std::to_string(rounds) + " rounds; floor: plain loopback stream, 51200-byte writes"});
+             true, "median of " + std::to_string(rounds) + " rounds; floor: plain loopback stream, 51200-byte writes"});
   return true;
 }
 

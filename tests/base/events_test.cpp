@@ -22,7 +22,7 @@ struct Receiver : ClientObj {
 };
 
 VantrelClientEvent* Message(const char* to, const char* text) {
-  return new VantrelClientEvent(0, "", to, "", "", QTYPE_CLIENT, 1034, 0, text,
+  return new VantrelClientEvent(0, "", to, "", "", QTYPE_CLIENT, vantrel::wire::kLocalSend, 0, text,
                                 static_cast<long>(std::char_traits<char>::length(text) + 1));
 }
 

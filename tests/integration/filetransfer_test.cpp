@@ -16,8 +16,7 @@ namespace vantrel::test {
 namespace {
 
 using namespace std::chrono_literals;
-constexpr short kVersionMarker = 0x7F04;
-constexpr std::size_t kChunk = 51200;
+using namespace vantrel::wire;
 
 std::string Pattern(std::size_t size, unsigned seed) {
   std::string bytes(size, '\0');
@@ -33,29 +32,29 @@ bool Exists(const std::string& path) { return std::filesystem::exists(path); }
 
 std::string Request(const std::string& local, const std::string& remote) {
   CAssociativeArray request;
-  request.AddCouple("$LOCALFILE", local);
-  request.AddCouple("$REMOTEFILE", remote);
+  request.AddCouple(kCopyLocalFile, local);
+  request.AddCouple(kCopyRemoteFile, remote);
   std::string text;
   long length = 0;
   request.ToString(text, length, false, false);
   return text;
 }
 
-// An answer to a copy request as one text: "102 #id state S file F" for a
+// An answer to a copy request as one text: "<kDelivered> #id state S file F" for a
 // completion report, "type #id text" for anything else, "<none>" for none.
 std::string Describe(const std::optional<cVantrelMessage>& record) {
   if (!record) return "<none>";
   const char* data = record->getData() ? record->getData() : "";
   const std::string head = std::to_string(record->getType()) + " #" + std::to_string(record->getMessageId()) + " ";
   CAssociativeArray values;
-  if (record->getType() != 102) return head + std::string(data, strnlen(data, record->getDatalen()));
+  if (record->getType() != kDelivered) return head + std::string(data, strnlen(data, record->getDatalen()));
   if (!values.FromString(data, static_cast<long>(record->getDatalen()))) return head + "<no parameters>";
-  return head + "state " + std::to_string(std::stol(values.GetValueOfParameter("$FILECOPYCOMPLETIONSTATE"))) +
-         " file " + values.GetValueOfParameter("$FILENAME");
+  return head + "state " + std::to_string(std::stol(values.GetValueOfParameter(kCopyState))) + " file " +
+         values.GetValueOfParameter(kCopyFileName);
 }
 
 std::string Completed(unsigned id, int state, const std::string& file) {
-  return "102 #" + std::to_string(id) + " state " + std::to_string(state) + " file " + file;
+  return std::to_string(kDelivered) + " #" + std::to_string(id) + " state " + std::to_string(state) + " file " + file;
 }
 
 class FileTransferTest : public ::testing::Test {
@@ -99,24 +98,24 @@ class FileTransferTest : public ::testing::Test {
 
 TEST_F(FileTransferTest, FailuresAreReportedAndTheLinkStaysUp) {
   // A missing source is named in the answer.
-  EXPECT_EQ(copy(1, files.file("missing"), files.file("never")), Completed(1, 1, files.file("missing")));
+  EXPECT_EQ(copy(1, files.file("missing"), files.file("never")), Completed(1, kCopyOpenFailed, files.file("missing")));
   EXPECT_FALSE(Exists(files.file("never")));
 
   // An unwritable destination: the receiver reports 1, which the sender reads
   // as 0; nothing appears at the destination.
   const std::string source = files.write("src", "content");
   const std::string unwritable = files.file("no-such-folder/dst");
-  EXPECT_EQ(copy(2, source, unwritable), Completed(2, 0, source));
+  EXPECT_EQ(copy(2, source, unwritable), Completed(2, kCopyDone, source));
   EXPECT_FALSE(Exists(unwritable));
   EXPECT_TRUE(receiver.waitLog("cannot open " + unwritable));
 
   // A request without its parameters is answered, not dropped.
   const char junk[] = "not a parameter text";
   ASSERT_TRUE(client.NETCopyFileZ1(3, junk, sizeof junk, receiver.hostText().c_str()));
-  EXPECT_EQ(answer(client, 30s).substr(0, 15), "102 #3 state 1 ");
+  EXPECT_TRUE(answer(client, 30s).starts_with(Completed(3, kCopyOpenFailed, "")));
 
   // The same link still copies.
-  EXPECT_EQ(copy(4, source, files.file("after")), Completed(4, 0, source));
+  EXPECT_EQ(copy(4, source, files.file("after")), Completed(4, kCopyDone, source));
   EXPECT_EQ(ReadFile(files.file("after")), "content");
 }
 
@@ -125,7 +124,7 @@ TEST_F(FileTransferTest, QueuedCopiesArriveByteIdenticalAndInOrderWhileACopyRuns
   // acknowledgements on the same link at once, so the frames interleave.
   TestClient back;
   ASSERT_TRUE(back.NETInitZ641("backwards", receiver.clientsPort()));
-  const std::string backContent = Pattern(30 * kChunk + 11, 8);
+  const std::string backContent = Pattern(30 * kFileChunkSize + 11, 8);
   const std::string backSource = files.write("back-src", backContent);
   request(500, backSource, files.file("back-dst"), back, sender);
   // Once the back copy arrives, the sender knows the receiver's link; queued
@@ -133,7 +132,7 @@ TEST_F(FileTransferTest, QueuedCopiesArriveByteIdenticalAndInOrderWhileACopyRuns
   ASSERT_TRUE(sender.waitLog("ReceiveFile(dstFilePath=" + files.file("back-dst"))) << sender.log();
 
   // Empty, one byte, one whole chunk, one byte more, many chunks and a short last one.
-  const std::size_t sizes[] = {0, 1, kChunk, kChunk + 1, 3 * 1024 * 1024 + 17};
+  const std::size_t sizes[] = {0, 1, kFileChunkSize, kFileChunkSize + 1, 3 * 1024 * 1024 + 17};
   const auto source = [&](unsigned i) { return files.file("src" + std::to_string(i)); };
   const auto destination = [&](unsigned i) { return files.file("dst" + std::to_string(i)); };
   for (unsigned i = 0; i < std::size(sizes); ++i) {
@@ -141,10 +140,10 @@ TEST_F(FileTransferTest, QueuedCopiesArriveByteIdenticalAndInOrderWhileACopyRuns
     request(10 + i, source(i), destination(i));
   }
   for (unsigned i = 0; i < std::size(sizes); ++i) {
-    EXPECT_EQ(answer(client), Completed(10 + i, 0, source(i)));
+    EXPECT_EQ(answer(client), Completed(10 + i, kCopyDone, source(i)));
     EXPECT_TRUE(ReadFile(destination(i)) == Pattern(sizes[i], i)) << sizes[i];
   }
-  EXPECT_EQ(answer(back), Completed(500, 0, backSource));
+  EXPECT_EQ(answer(back), Completed(500, kCopyDone, backSource));
   EXPECT_TRUE(ReadFile(files.file("back-dst")) == backContent);
 }
 
@@ -153,7 +152,9 @@ TEST_F(FileTransferTest, ReceiverKilledMidTransferFailsTheCopy) {
   ASSERT_TRUE(receiver.waitLog("ReceiveFile(dstFilePath=")) << receiver.log();
   receiver.kill();
   const std::string result = answer(client);
-  EXPECT_TRUE(result.starts_with("102 #20 state 5 ") || result == "103 #20 Connection to host broke.") << result;
+  EXPECT_TRUE(result.starts_with(Completed(20, kCopyStopped, "")) ||
+              result == std::to_string(kNotDelivered) + " #20 Connection to host broke.")
+      << result;
 }
 
 TEST_F(FileTransferTest, SurvivingReceiverLeavesNoPartialFile) {
@@ -174,13 +175,14 @@ bool SendFileRecord(RawLink& peer, short type, const std::string& data) {
   return peer.send(record, kVersionMarker);
 }
 
-// "type:data" of the next file message the service sent to `peer`.
+// The data of the next file message the service sent to `peer`.
 std::string NextFileMessage(RawLink& peer) {
   auto frame = peer.next();
   if (!frame) return "<none>";
   const cVantrelMessage record = frame->record();
   if (!record.isValid()) return "<malformed>";
-  return std::to_string(frame->type) + ":" + std::string(record.getData(), record.getDatalen());
+  if (frame->type != kFileTraffic) return "<type " + std::to_string(frame->type) + ">";
+  return std::string(record.getData(), record.getDatalen());
 }
 
 TEST_F(FileTransferTest, ScriptedPeerRestartsTheFileReaderAndSurvivesBadTraffic) {
@@ -189,31 +191,31 @@ TEST_F(FileTransferTest, ScriptedPeerRestartsTheFileReaderAndSurvivesBadTraffic)
   ASSERT_TRUE(receiver.waitLog("Received a connection from host: scripted~1"));
 
   // Chunk traffic before any transfer, and rubbish, change nothing.
-  ASSERT_TRUE(SendFileRecord(peer, 7, "strayB"));
-  ASSERT_TRUE(peer.send(6, kVersionMarker, "not a record"));
+  ASSERT_TRUE(SendFileRecord(peer, kFileTraffic, "strayB"));
+  ASSERT_TRUE(peer.send(kFileRequest, kVersionMarker, "not a record"));
   ASSERT_TRUE(SendFileRecord(peer, 99, "unknown type"));
 
   const std::string first = files.file("first");
   const std::string second = files.file("second");
-  ASSERT_TRUE(SendFileRecord(peer, 6, first + '\0'));
-  EXPECT_EQ(NextFileMessage(peer), "7:A");
-  ASSERT_TRUE(SendFileRecord(peer, 7, "abcB"));
-  EXPECT_EQ(NextFileMessage(peer), "7:D");
+  ASSERT_TRUE(SendFileRecord(peer, kFileRequest, first + '\0'));
+  EXPECT_EQ(NextFileMessage(peer), "A");
+  ASSERT_TRUE(SendFileRecord(peer, kFileTraffic, "abcB"));
+  EXPECT_EQ(NextFileMessage(peer), "D");
 
   // A second request while the first receive runs: the first ends and its
   // partial file goes.
-  ASSERT_TRUE(SendFileRecord(peer, 6, second + '\0'));
-  EXPECT_EQ(NextFileMessage(peer), "7:5F");
-  EXPECT_EQ(NextFileMessage(peer), "7:A");
+  ASSERT_TRUE(SendFileRecord(peer, kFileRequest, second + '\0'));
+  EXPECT_EQ(NextFileMessage(peer), "5F");
+  EXPECT_EQ(NextFileMessage(peer), "A");
   EXPECT_FALSE(Exists(first));
   // Within a transfer, no record, an empty one and an unknown marker are
   // dropped unanswered and never reach the file.
-  ASSERT_TRUE(peer.send(7, kVersionMarker, "not a record either"));
-  ASSERT_TRUE(SendFileRecord(peer, 7, ""));
-  ASSERT_TRUE(SendFileRecord(peer, 7, "Z"));
-  ASSERT_TRUE(SendFileRecord(peer, 7, "xyzC"));
-  EXPECT_EQ(NextFileMessage(peer), "7:D");
-  EXPECT_EQ(NextFileMessage(peer), "7:0F");
+  ASSERT_TRUE(peer.send(kFileTraffic, kVersionMarker, "not a record either"));
+  ASSERT_TRUE(SendFileRecord(peer, kFileTraffic, ""));
+  ASSERT_TRUE(SendFileRecord(peer, kFileTraffic, "Z"));
+  ASSERT_TRUE(SendFileRecord(peer, kFileTraffic, "xyzC"));
+  EXPECT_EQ(NextFileMessage(peer), "D");
+  EXPECT_EQ(NextFileMessage(peer), "0F");
   EXPECT_EQ(ReadFile(second), "xyz");
   EXPECT_TRUE(receiver.waitLog("restarting the file reader"));
   EXPECT_TRUE(receiver.waitLog("no transfer in progress"));
@@ -233,9 +235,9 @@ TEST_F(FileTransferTest, LocalCopyAnswersWithItsCompletionState) {
   const std::string source = files.write("local-src", content);
   const std::string absent = files.file("absent");
   unsigned id = 40;
-  for (const auto& [from, state] : {std::pair{source, 0}, std::pair{absent, 1}}) {
-    const std::string text = Request(from, files.file(state == 0 ? "local-dst" : "never"));
-    const cVantrelMessage record(++id, "", "NoClient", "", "localcopier", QTYPE_CLIENT, 1037, 0, text.data(),
+  for (const auto& [from, state] : {std::pair{source, kCopyDone}, std::pair{absent, kCopyOpenFailed}}) {
+    const std::string text = Request(from, files.file(state == kCopyDone ? "local-dst" : "never"));
+    const cVantrelMessage record(++id, "", "NoClient", "", "localcopier", QTYPE_CLIENT, kLocalFileCopy, 0, text.data(),
                                  static_cast<std::uint32_t>(text.size()));
     ASSERT_TRUE(local.send(record, 0));
     auto frame = local.next();

@@ -32,7 +32,7 @@ class NetServiceTest : public ::testing::Test {
     for (std::size_t i = 0; i < ids.size(); ++i) {
       auto answer = alice.next();
       ASSERT_TRUE(answer.has_value()) << a.log();
-      EXPECT_EQ(answer->getType(), 103);
+      EXPECT_EQ(answer->getType(), wire::kNotDelivered);
       EXPECT_STREQ(answer->getData(), "Connection to host broke.");
       answered.insert(answer->getMessageId());
     }

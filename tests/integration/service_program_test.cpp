@@ -14,7 +14,7 @@
 namespace vantrel::test {
 namespace {
 
-constexpr short kVersionMarker = 0x7F04;
+using namespace vantrel::wire;
 
 class LocalServiceTest : public ::testing::Test {
  protected:
@@ -100,7 +100,7 @@ TEST_F(LocalServiceTest, GarbageAndObsoletePeersEndOnlyTheirOwnConnection) {
     ASSERT_TRUE(rogue.greet("rogue"));
     EXPECT_EQ(rogue.next().value_or(cFrame{}).subtype, 1);  // the greeting's echo
     // A record that is not one, then a frame with a bad marker.
-    ASSERT_TRUE(rogue.send(1034, 0, "\x07\x07\x07"));
+    ASSERT_TRUE(rogue.send(kLocalSend, 0, "\x07\x07\x07"));
     ASSERT_GT(::send(rogue.handle(), "NOT A FRAME AT ALL.....", 23, MSG_NOSIGNAL), 0);
     ASSERT_TRUE(service.waitLog("Removing client rogue")) << service.log();
   }
@@ -113,7 +113,7 @@ TEST_F(LocalServiceTest, GarbageAndObsoletePeersEndOnlyTheirOwnConnection) {
   }
   RawLink junk;  // a well-formed handshake followed by a record that is no record
   ASSERT_TRUE(junk.connectPeer(service.netPort(), "junkhost~1", kVersionMarker));
-  ASSERT_TRUE(junk.send(2, kVersionMarker, "\x05garbage"));
+  ASSERT_TRUE(junk.send(kSend, kVersionMarker, "\x05garbage"));
   ASSERT_TRUE(service.waitLog("malformed record of type 2 from host junkhost~1"));
 
   // New clients are still accepted and everyone is still served.

@@ -22,8 +22,9 @@ namespace {
 using vantrel::test::TempDir;
 using vantrel::test::WaitUntil;
 using namespace std::chrono_literals;
+using namespace vantrel::wire;
 
-constexpr short kMarker = 0x7F04;
+std::string Posted(short type, const std::string& data) { return std::to_string(type) + ":" + data; }
 
 // Collects what the handler posts; tracks how many chunks await a "D".
 class ScriptedLink : public iFileTransferLink {
@@ -31,8 +32,8 @@ class ScriptedLink : public iFileTransferLink {
   void PostFileEvent(std::unique_ptr<VantrelHostEvent> event) override {
     std::lock_guard<std::mutex> lock(mutex_);
     const std::string data(event->getData(), event->getDatalen());
-    if (event->getType() == CFileTransferHandler::kFileTraffic && !data.empty() &&
-        (data.back() == 'B' || data.back() == 'C')) {
+    if (event->getType() == kFileTraffic && !data.empty() &&
+        (data.back() == kFileChunk || data.back() == kFileLastChunk)) {
       maxUnacknowledged = std::max(maxUnacknowledged.load(), ++chunks - acks);
     }
     posted_.push_back(std::to_string(event->getType()) + ":" + data);
@@ -59,20 +60,20 @@ class ScriptedLink : public iFileTransferLink {
 };
 
 cVantrelMessage Request(const std::string& destination = "/dst") {
-  return cVantrelMessage(7, "peer~1", "NoClient", "me~2", "requester", QTYPE_CLIENT, 5, 0, destination.c_str(),
+  return cVantrelMessage(7, "peer~1", "NoClient", "me~2", "requester", QTYPE_CLIENT, kFileCopy, 0, destination.c_str(),
                          static_cast<std::uint32_t>(destination.size() + 1));
 }
 
-// Delivers a type 7 message with `text` as its data, as the link's reader does.
+// Delivers a file-traffic message with `text` as its data, as the link's reader does.
 void Feed(CFileTransferHandler& handler, const std::string& text) {
-  const VantrelHostEvent message(1, "me~2", "requester", "peer~1", "NoClient", QTYPE_SYNC, 7, 0, text.data(),
+  const VantrelHostEvent message(1, "me~2", "requester", "peer~1", "NoClient", QTYPE_SYNC, kFileTraffic, 0, text.data(),
                                  static_cast<long>(text.size()));
-  handler.HandleFileEvent(message.getPackedBuf(), message.getPackedBufLen(), 7, kMarker);
+  handler.HandleFileEvent(message.getPackedBuf(), message.getPackedBufLen(), kFileTraffic, kVersionMarker);
 }
 
 void Ack(CFileTransferHandler& handler, ScriptedLink& link) {
   ++link.acks;
-  Feed(handler, "D");
+  Feed(handler, {kFileChunkWritten});
 }
 
 std::string Bytes(std::size_t size) {
@@ -93,15 +94,15 @@ class FileTransferHandlerTest : public ::testing::Test {
 };
 
 TEST_F(FileTransferHandlerTest, SendWindowKeepsAtMostFiveChunksUnacknowledged) {
-  const std::string content = Bytes(CFileTransferHandler::kChunkSize * 8 + 10);
+  const std::string content = Bytes(kFileChunkSize * 8 + 10);
   const std::string source = dir.write("src", content);
   auto sent = std::async(std::launch::async, [&] { return handler.SendFile(source, "/remote", Request()); });
 
   // The copy request goes alone until it is accepted.
-  EXPECT_EQ(link.at(0), "6:" + std::string("/remote", 8));
+  EXPECT_EQ(link.at(0), Posted(kFileRequest, std::string("/remote", 8)));
   ASSERT_TRUE(WaitUntil([&] { return handler.Credits() == 0; }));
   EXPECT_EQ(link.count(), 1u);
-  Feed(handler, "A");
+  Feed(handler, {kFileAccepted});
 
   // Five chunks, then the sender waits with no credit left.
   ASSERT_TRUE(WaitUntil([&] { return link.chunks == 5 && handler.Credits() == 0; }));
@@ -111,17 +112,17 @@ TEST_F(FileTransferHandlerTest, SendWindowKeepsAtMostFiveChunksUnacknowledged) {
   }
   for (int i = 0; i < 5; ++i) Ack(handler, link);
   // A surplus acknowledgement cannot widen the window beyond five.
-  Feed(handler, "D");
+  Feed(handler, {kFileChunkWritten});
   EXPECT_LE(handler.Credits(), CFileTransferHandler::kWindow);
   Feed(handler, "0F");
 
   auto result = sent.get();
-  EXPECT_EQ(result->state, 0);
+  EXPECT_EQ(result->state, kCopyDone);
   EXPECT_EQ(result->fileName, source);
   EXPECT_EQ(link.maxUnacknowledged.load(), 5);
   // 8 full chunks "B" and the remaining 10 bytes with "C".
   EXPECT_EQ(link.chunks.load(), 9);
-  EXPECT_EQ(link.at(9), "7:" + content.substr(CFileTransferHandler::kChunkSize * 8) + 'C');
+  EXPECT_EQ(link.at(9), Posted(kFileTraffic, content.substr(kFileChunkSize * 8) + kFileLastChunk));
 }
 
 TEST(FileTransferHandlerSend, FinalReportKeepsItsDigitCount) {
@@ -145,31 +146,31 @@ TEST(FileTransferHandlerSend, FinalReportKeepsItsDigitCount) {
 }
 
 TEST_F(FileTransferHandlerTest, StopWakesSenderAndReceiverAndEndsLaterTransfers) {
-  const std::string source = dir.write("src", Bytes(CFileTransferHandler::kChunkSize * 10));
+  const std::string source = dir.write("src", Bytes(kFileChunkSize * 10));
   const std::string destination = dir.file("dst");
   auto received = std::async(std::launch::async, [&] { return handler.ReceiveFile(destination, Request()); });
-  EXPECT_EQ(link.at(0), "7:A");
-  Feed(handler, std::string("part") + 'B');
-  EXPECT_EQ(link.at(1), "7:D");
+  EXPECT_EQ(link.at(0), Posted(kFileTraffic, {kFileAccepted}));
+  Feed(handler, std::string("part") + kFileChunk);
+  EXPECT_EQ(link.at(1), Posted(kFileTraffic, {kFileChunkWritten}));
 
   auto sent = std::async(std::launch::async, [&] { return handler.SendFile(source, "/remote", Request()); });
-  EXPECT_EQ(link.at(2), "6:" + std::string("/remote", 8));
-  Feed(handler, "A");
+  EXPECT_EQ(link.at(2), Posted(kFileRequest, std::string("/remote", 8)));
+  Feed(handler, {kFileAccepted});
   ASSERT_TRUE(WaitUntil([&] { return link.chunks == 5 && handler.Credits() == 0; }));
 
   handler.Stop();
   ASSERT_EQ(sent.wait_for(10s), std::future_status::ready);
   ASSERT_EQ(received.wait_for(10s), std::future_status::ready);
   auto result = sent.get();
-  EXPECT_EQ(result->state, 5);
+  EXPECT_EQ(result->state, kCopyStopped);
   EXPECT_EQ(result->fileName, "/remote");
-  EXPECT_EQ(received.get(), 5);
+  EXPECT_EQ(received.get(), kCopyStopped);
   EXPECT_FALSE(std::ifstream(destination).good());
 
   // The link is gone: nothing more is tried.
   const std::size_t posted = link.count();
-  EXPECT_EQ(handler.SendFile(source, "/again", Request())->state, 5);
-  EXPECT_EQ(handler.ReceiveFile(dir.file("again"), Request()), 5);
+  EXPECT_EQ(handler.SendFile(source, "/again", Request())->state, kCopyStopped);
+  EXPECT_EQ(handler.ReceiveFile(dir.file("again"), Request()), kCopyStopped);
   EXPECT_FALSE(std::ifstream(dir.file("again")).good());
   // Only the receiver's final report was offered (the link would refuse it).
   EXPECT_EQ(link.count(), posted + 1);
@@ -178,19 +179,20 @@ TEST_F(FileTransferHandlerTest, StopWakesSenderAndReceiverAndEndsLaterTransfers)
 TEST(FileTransferHandlerReceive, FailuresLeaveNoFile) {
   TempDir dir;
   // The receiver gives up on a silent sender (4), or the sender aborts (5).
-  for (const auto& [abort, waitMs, state] : {std::tuple{false, 50L, 4}, std::tuple{true, 60000L, 5}}) {
+  for (const auto& [abort, waitMs, state] :
+       {std::tuple{false, 50L, kCopyWriteFailed}, std::tuple{true, 60000L, kCopyStopped}}) {
     SCOPED_TRACE(state);
     const std::string destination = dir.file("dst" + std::to_string(state));
     ScriptedLink link;
     CFileTransferHandler handler(&link);
     handler.SetChunkWaitMs(waitMs);
     auto received = std::async(std::launch::async, [&] { return handler.ReceiveFile(destination, Request()); });
-    EXPECT_EQ(link.at(0), "7:A");
-    Feed(handler, std::string("x") + 'B');
-    EXPECT_EQ(link.at(1), "7:D");
-    if (abort) Feed(handler, "E");
+    EXPECT_EQ(link.at(0), Posted(kFileTraffic, {kFileAccepted}));
+    Feed(handler, std::string("x") + kFileChunk);
+    EXPECT_EQ(link.at(1), Posted(kFileTraffic, {kFileChunkWritten}));
+    if (abort) Feed(handler, {kFileAbort});
     EXPECT_EQ(received.get(), state);
-    EXPECT_EQ(link.at(2), "7:" + std::to_string(state) + "F");
+    EXPECT_EQ(link.at(2), Posted(kFileTraffic, std::to_string(state) + kFileFinal));
     EXPECT_FALSE(std::ifstream(destination).good());
     if (abort) {
       EXPECT_FALSE(handler.Receiving());
@@ -201,11 +203,11 @@ TEST(FileTransferHandlerReceive, FailuresLeaveNoFile) {
     ScriptedLink link;
     CFileTransferHandler handler(&link);
     handler.AbortReceive();
-    EXPECT_EQ(handler.ReceiveFile(dir.file("early"), Request()), 5);
+    EXPECT_EQ(handler.ReceiveFile(dir.file("early"), Request()), kCopyStopped);
     EXPECT_FALSE(std::ifstream(dir.file("early")).good());
     handler.ArmReceive();
     handler.SetChunkWaitMs(20);
-    EXPECT_EQ(handler.ReceiveFile(dir.file("early"), Request()), 4);
+    EXPECT_EQ(handler.ReceiveFile(dir.file("early"), Request()), kCopyWriteFailed);
   }
 }
 

@@ -186,7 +186,7 @@ TEST_F(ThreeHostsTest, MessagesAddressedByHostNameReachEveryOtherHost) {
 
 TEST_F(ThreeHostsTest, FilesCopiedBetweenHostsArriveWhole) {
   // Several chunks and a short last one, both ways over one pair of hosts.
-  std::string content(3 * 51200 + 777, '\0');
+  std::string content(3 * wire::kFileChunkSize + 777, '\0');
   for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>((i * 131) ^ (i >> 9));
   TempDir files;
   const std::string source = files.write("source.bin", content);

@@ -11,6 +11,7 @@
 
 namespace vantrel::test {
 namespace {
+using namespace vantrel::wire;
 
 // Sends `record` from the instance's client, as the connection's reader does.
 bool Send(VantrelClientInstance& from, std::uint32_t id, const char* toClient, short type,
@@ -43,16 +44,16 @@ TEST_F(ClientInstanceTest, EachSendTypeGetsItsAnswerOrNone) {
     int qtype;
     const char* text;  // null: any
   } cases[] = {
-      {1034, "bob", "here~1", true, 102, 1, QTYPE_SYNC, "Error dispatching client event"},
-      {1036, "nobody", "here~1", false, 103, 0, QTYPE_ASYNC, nullptr},
-      {1036, "bob", "here~1", true, 102, 1, QTYPE_ASYNC, nullptr},
-      {1035, "nobody", "here~1", false, 0, 0, 0, nullptr},
-      {1035, "bob", "here~1", true, 0, 0, 0, nullptr},
-      {3, "carol", "far~2", false, 0, 0, 0, nullptr},
-      {2, "carol", "far~2", false, 103, 0, QTYPE_SYNC, "Error dispatching host event"},
-      {4, "carol", "far~2", false, 103, 0, QTYPE_ASYNC, nullptr},
-      {2, "bob", "here~1", true, 102, 1, QTYPE_SYNC, "Error dispatching client event"},
-      {4, "bob", "here", true, 102, 1, QTYPE_ASYNC, nullptr},
+      {kLocalSend, "bob", "here~1", true, kDelivered, kChannelAnswers, QTYPE_SYNC, "Error dispatching client event"},
+      {kLocalSendNoWait, "nobody", "here~1", false, kNotDelivered, kChannelMessages, QTYPE_ASYNC, nullptr},
+      {kLocalSendNoWait, "bob", "here~1", true, kDelivered, kChannelAnswers, QTYPE_ASYNC, nullptr},
+      {kLocalSendNoResponse, "nobody", "here~1", false, 0, 0, 0, nullptr},
+      {kLocalSendNoResponse, "bob", "here~1", true, 0, 0, 0, nullptr},
+      {kSendNoResponse, "carol", "far~2", false, 0, 0, 0, nullptr},
+      {kSend, "carol", "far~2", false, kNotDelivered, kChannelMessages, QTYPE_SYNC, "Error dispatching host event"},
+      {kSendNoWait, "carol", "far~2", false, kNotDelivered, kChannelMessages, QTYPE_ASYNC, nullptr},
+      {kSend, "bob", "here~1", true, kDelivered, kChannelAnswers, QTYPE_SYNC, "Error dispatching client event"},
+      {kSendNoWait, "bob", "here", true, kDelivered, kChannelAnswers, QTYPE_ASYNC, nullptr},
   };
   std::uint32_t id = 40;
   for (const Case& c : cases) {
@@ -84,7 +85,7 @@ TEST_F(ClientInstanceTest, EachSendTypeGetsItsAnswerOrNone) {
 }
 
 TEST_F(ClientInstanceTest, FarewellUnregistersAndEndsReading) {
-  EXPECT_FALSE(alice.handleMessage("", 1, 1033, 0));
+  EXPECT_FALSE(alice.handleMessage("", 1, kFarewell, 0));
   EXPECT_EQ(aliceLink.terminations, 1);
   EXPECT_FALSE(aliceLink.lastWait);  // the reader cannot join itself
   EXPECT_EQ(server.clientCount(), 1u);
@@ -96,11 +97,11 @@ TEST_F(ClientInstanceTest, FarewellUnregistersAndEndsReading) {
 
 TEST_F(ClientInstanceTest, MalformedAndUnknownMessagesAreDroppedWithoutAnswer) {
   const char garbage[] = "\x01\x02not a record at all";
-  EXPECT_TRUE(alice.handleMessage(garbage, sizeof garbage, 1034, 0));
-  EXPECT_TRUE(alice.handleMessage(garbage, sizeof garbage, 2, 0));
-  EXPECT_TRUE(alice.handleMessage(nullptr, 0, 1034, 0));
+  EXPECT_TRUE(alice.handleMessage(garbage, sizeof garbage, kLocalSend, 0));
+  EXPECT_TRUE(alice.handleMessage(garbage, sizeof garbage, kSend, 0));
+  EXPECT_TRUE(alice.handleMessage(nullptr, 0, kLocalSend, 0));
   EXPECT_TRUE(Send(alice, 1, "bob", 999));
-  EXPECT_TRUE(alice.handleMessage("", 1, 1044, 0));
+  EXPECT_TRUE(alice.handleMessage("", 1, kIgnored, 0));
   EXPECT_EQ(aliceLink.take(), nullptr);
   EXPECT_EQ(bobLink.take(), nullptr);
 }

@@ -5,11 +5,7 @@
 
 namespace vantrel::test {
 
-namespace {
-constexpr std::size_t kGreetingSize = 258;
-constexpr std::size_t kHostOffset = 130;
-constexpr std::size_t kNameOffset = 2;
-}  // namespace
+using namespace vantrel::wire;
 
 struct ScriptedService::cConnection {
   explicit cConnection(StreamSocket::cSocketHandle&& handle) : socket(std::move(handle), nullptr, "scripted") {}
@@ -71,27 +67,28 @@ void ScriptedService::ReadLoop(cConnection* connection) {
 }
 
 void ScriptedService::Answer(cConnection* connection, const cFrame& frame) {
-  if (frame.type == 1029 && frame.data.size() == kGreetingSize) {
+  if (frame.type == kGreeting && frame.data.size() == kGreetingSize) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      connection->clientName =
-          std::string(frame.data.c_str() + kNameOffset, strnlen(frame.data.c_str() + kNameOffset, 128));
+      connection->clientName = std::string(frame.data.c_str() + kGreetingNameOffset,
+                                           strnlen(frame.data.c_str() + kGreetingNameOffset, kGreetingFieldSize));
     }
     if (!options_.replyToGreeting) return;
     std::string reply = frame.data;
-    std::memset(reply.data() + kHostOffset, 0, 128);
-    std::memcpy(reply.data() + kHostOffset, options_.hostName.data(),
-                std::min<std::size_t>(options_.hostName.size(), 128));
-    std::memcpy(reply.data(), &options_.netPort, sizeof(options_.netPort));
+    std::memset(reply.data() + kGreetingHostOffset, 0, kGreetingFieldSize);
+    std::memcpy(reply.data() + kGreetingHostOffset, options_.hostName.data(),
+                std::min<std::size_t>(options_.hostName.size(), kGreetingFieldSize));
+    std::memcpy(reply.data() + kGreetingPortOffset, &options_.netPort, sizeof(options_.netPort));
     const short type = options_.greetingReplyType < 0 ? frame.type : options_.greetingReplyType;
-    connection->socket.SendTypedMessageZ2(type, 1, reply.data(), static_cast<unsigned>(reply.size()));
+    connection->socket.SendTypedMessageZ2(type, kChannelAnswers, reply.data(), static_cast<unsigned>(reply.size()));
     return;
   }
-  if (frame.type != 2 && frame.type != 1034) return;
+  if (frame.type != kSend && frame.type != kLocalSend) return;
   std::unique_lock<std::mutex> lock(mutex_);
   const tAck ack = ack_;
-  const short type = ack == tAck::eDelivered ? 102 : ack == tAck::eRefused ? 101 : 103;
-  const short subtype = ack == tAck::eNotDelivered ? 0 : 1;
+  // 101 stands for any answer type other than the two a service gives.
+  const short type = ack == tAck::eDelivered ? kDelivered : ack == tAck::eRefused ? 101 : kNotDelivered;
+  const short subtype = ack == tAck::eNotDelivered ? kChannelMessages : kChannelAnswers;
   const cVantrelMessage answer(0, options_.hostName.c_str(), connection->clientName.c_str(), options_.hostName.c_str(),
                                "", QTYPE_SYNC, type, subtype, "", 1);
   lock.unlock();

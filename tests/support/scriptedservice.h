@@ -25,11 +25,11 @@ namespace vantrel::test {
 
 class ScriptedService {
  public:
-  // How the scripted service answers an acknowledged send (type 2 or 1034).
+  // How the scripted service answers an acknowledged send (wire::kSend or kLocalSend).
   enum class tAck {
-    eDelivered,     // a record of type 102 on subtype 1
-    eRefused,       // a record of type 101 on subtype 1
-    eNotDelivered,  // a record of type 103 on subtype 0, as for an unknown client
+    eDelivered,     // a wire::kDelivered record on kChannelAnswers
+    eRefused,       // a record of type 101 (neither answer type) on kChannelAnswers
+    eNotDelivered,  // a wire::kNotDelivered record on kChannelMessages, as for an unknown client
     eNone,          // no answer at all
   };
 

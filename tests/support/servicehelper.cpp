@@ -141,7 +141,7 @@ std::vector<RQPProcessId> ServiceProcess::successors() const {
 }
 
 bool TestClient::NewMessageEvent(cTypedMessageObject* message, short channel) {
-  if (channel != 0) return cVantrelClientObject::NewMessageEvent(message, channel);
+  if (channel != wire::kChannelMessages) return cVantrelClientObject::NewMessageEvent(message, channel);
   std::unique_ptr<cVantrelMessage> record(NVSTmo2Ttm(message));
   delete message;
   if (record == nullptr) return false;
@@ -180,13 +180,14 @@ bool RawLink::connectClient(unsigned short clientsPort) {
 }
 
 bool RawLink::connectPeer(unsigned short netPort, const std::string& host, short versionMarker) {
-  return socket_.Connect("127.0.0.1", netPort, gSocketOptionsNet()) && send(203, versionMarker, host + '\0');
+  return socket_.Connect("127.0.0.1", netPort, gSocketOptionsNet()) &&
+         send(wire::kHostName, versionMarker, host + '\0');
 }
 
 bool RawLink::greet(const std::string& name) {
-  std::string greeting(258, '\0');
-  name.copy(&greeting[2], 255);
-  return send(1029, 0, greeting);
+  std::string greeting(wire::kGreetingSize, '\0');
+  name.copy(&greeting[wire::kGreetingNameOffset], wire::kGreetingSize - wire::kGreetingNameOffset - 1);
+  return send(wire::kGreeting, 0, greeting);
 }
 
 bool RawLink::send(short type, short subtype, const std::string& bytes) {

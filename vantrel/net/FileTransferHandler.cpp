@@ -5,15 +5,18 @@
 #include <utility>
 
 #include "vantrel/base/log/log.h"
+#include "vantrel/message/wire.h"
 #include "vantrel/net/VantrelToolKit.h"
 
+using namespace vantrel::wire;
+
 namespace {
-constexpr int kCopied = VantrelToolKit::COPY_DONE;
-constexpr int kOpenFailed = VantrelToolKit::COPY_OPEN_FAILED;
-constexpr int kCloseFailed = VantrelToolKit::COPY_CLOSE_FAILED;
-constexpr int kSenderFailed = VantrelToolKit::COPY_READ_FAILED;
-constexpr int kReceiverGaveUp = VantrelToolKit::COPY_WRITE_FAILED;
-constexpr int kStopped = VantrelToolKit::COPY_STOPPED;
+constexpr int kCopied = kCopyDone;
+constexpr int kOpenFailed = kCopyOpenFailed;
+constexpr int kCloseFailed = kCopyCloseFailed;
+constexpr int kSenderFailed = kCopyReadFailed;
+constexpr int kReceiverGaveUp = kCopyWriteFailed;
+constexpr int kStopped = kCopyStopped;
 
 // Chunks are read and written whole, so a stream buffer would only add a copy
 // and split each chunk into several system calls.
@@ -141,16 +144,16 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     // The chunk is read straight into its record; only a short last chunk is
     // copied once more, into a record of its own size.
     std::unique_ptr<VantrelHostEvent> chunk(
-        VantrelToolKit::CreateSendHostEvent(request, cVantrelMessage::tDataSpace{kChunkSize + 1}, kFileTraffic));
+        VantrelToolKit::CreateSendHostEvent(request, cVantrelMessage::tDataSpace{kFileChunkSize + 1}, kFileTraffic));
     char* data = chunk->mutableData();
-    const std::size_t count = std::fread(data, 1, kChunkSize, file);
-    if (count < kChunkSize && std::ferror(file)) {
+    const std::size_t count = std::fread(data, 1, kFileChunkSize, file);
+    if (count < kFileChunkSize && std::ferror(file)) {
       VLOG_ERROR("CFileTransferHandler::SendFile - error reading %s", localPath);
       break;
     }
     const bool last = std::feof(file) != 0;
-    data[count] = last ? kLastChunk : kChunk;
-    if (count < kChunkSize) {
+    data[count] = last ? kFileLastChunk : kFileChunk;
+    if (count < kFileChunkSize) {
       chunk.reset(VantrelToolKit::CreateSendHostEvent(request, data, static_cast<unsigned>(count + 1), kFileTraffic,
                                                       QTYPE_SYNC));
     }
@@ -175,7 +178,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
       stopped = stopRequested_;
     }
     if (stillSending || stopped) {
-      const char abort = kAbort;
+      const char abort = kFileAbort;
       post(request, false, &abort, 1, kFileTraffic);
       if (stillSending) {
         while (!waitSendingEnded(kSendPollMs)) {
@@ -238,7 +241,7 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
     state = kOpenFailed;
   }
   if (file != nullptr) {
-    const char accepted = kAccepted;
+    const char accepted = kFileAccepted;
     post(request, true, &accepted, 1, kFileTraffic);
     bool finished = false;
     for (;;) {
@@ -257,8 +260,8 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
         delete chunk;
         break;
       }
-      if (data[length - 1] == kLastChunk) finished = true;
-      const char written = kChunkWritten;
+      if (data[length - 1] == kFileLastChunk) finished = true;
+      const char written = kFileChunkWritten;
       post(request, true, &written, 1, kFileTraffic);
       delete chunk;
     }
@@ -278,7 +281,7 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
       state = stillReceiving ? kReceiverGaveUp : kStopped;
     }
   }
-  const std::string report = std::to_string(state) + kFinal;
+  const std::string report = std::to_string(state) + kFileFinal;
   post(request, true, report.data(), static_cast<unsigned>(report.size()), kFileTraffic);
   VLOG_INFO("CFileTransferHandler::ReceiveFile - done");
   return state;
@@ -319,15 +322,15 @@ void CFileTransferHandler::HandleFileEvent(std::unique_ptr<VantrelHostEvent> eve
   const unsigned payloadLength = event->getDatalen();
   const char marker = payload[payloadLength - 1];
   switch (marker) {
-    case kAccepted:
-    case kChunkWritten:
+    case kFileAccepted:
+    case kFileChunkWritten:
       SetFileChunkEventAck();
       return;
-    case kChunk:
-    case kLastChunk:
+    case kFileChunk:
+    case kFileLastChunk:
       PutFileChunkEvent(std::move(event));
       return;
-    case kAbort: {
+    case kFileAbort: {
       VLOG_INFO("CFileTransferHandler::HandleFileEvent - the sender aborts");
       std::lock_guard<std::mutex> lock(mutex_);
       receiving_ = false;
@@ -335,7 +338,7 @@ void CFileTransferHandler::HandleFileEvent(std::unique_ptr<VantrelHostEvent> eve
       cond_.notify_all();
       return;
     }
-    case kFinal: {
+    case kFileFinal: {
       int state = ParseFinalState(payload, payloadLength);
       if (state < 0) {
         VLOG_WARN("CFileTransferHandler::HandleFileEvent - final report '%s' is not a number, taken as a failure",

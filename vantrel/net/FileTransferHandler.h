@@ -3,13 +3,15 @@
 // acknowledged chunks.
 //
 // Sending side: the link's file writer calls SendFile for a local client's copy
-// request. The handler posts the copy request (type 6), waits for the peer's
-// "A", then streams chunks of up to 51200 bytes, each followed by a marker
-// letter ("B" more follow, "C" last), with at most `window` chunks waiting for
-// their "D". The peer's final report ("<digits>F") ends the transfer.
+// request. The handler posts the copy request (wire::kFileRequest), waits for
+// the peer's kFileAccepted, then streams chunks of up to kFileChunkSize bytes,
+// each followed by a marker letter (kFileChunk: more follow, kFileLastChunk),
+// with at most `window` chunks waiting for their kFileChunkWritten. The peer's
+// final report ("<digits>" then kFileFinal) ends the transfer. Every message
+// after the request is wire::kFileTraffic, named by its last byte.
 // Receiving side: the link's file reader calls ReceiveFile for the peer's
-// request; it answers "A", writes every chunk, answers "D" for each and at the
-// end reports its final state. A receive that does not finish deletes the
+// request; it answers kFileAccepted, writes every chunk, answers
+// kFileChunkWritten for each and at the end reports its final state. A receive that does not finish deletes the
 // partial file.
 //
 // Owner: the link's file-transfer worker (one handler per link). Refers to,
@@ -45,20 +47,9 @@ struct cFileTransferResult {
 
 class CFileTransferHandler {
  public:
-  static constexpr std::size_t kChunkSize = 51200;
   static constexpr int kWindow = 5;
-  static constexpr short kFileRequest = 6;
-  static constexpr short kFileTraffic = 7;
   static constexpr long kChunkWaitMs = 60000;
   static constexpr long kSendPollMs = 1000;
-
-  // Marker letters: the last byte of every type 7 message.
-  static constexpr char kAccepted = 'A';
-  static constexpr char kChunk = 'B';
-  static constexpr char kLastChunk = 'C';
-  static constexpr char kChunkWritten = 'D';
-  static constexpr char kAbort = 'E';
-  static constexpr char kFinal = 'F';
 
   explicit CFileTransferHandler(iFileTransferLink* link);
   virtual ~CFileTransferHandler();
@@ -73,7 +64,7 @@ class CFileTransferHandler {
   // final state to the sender. Returns that state.
   int ReceiveFile(const std::string& dstPath, const cVantrelMessage& request);
 
-  // Every type 7 message from the peer: `data` is the record's packed buffer,
+  // Every file-traffic message from the peer: `data` is the record's packed buffer,
   // which is copied.
   virtual void HandleFileEvent(const char* data, unsigned length, short type, short subtype);
   // The same for a message already rebuilt from its frame; the link's reader
@@ -84,7 +75,7 @@ class CFileTransferHandler {
   // One chunk has been acknowledged: returns one credit.
   void SetFileChunkEventAck();
 
-  // The link is going: ends a send and a receive in progress with state 5 and
+  // The link is going: ends a send and a receive in progress with kCopyStopped and
   // wakes every waiter. Later transfers on this handler end at once.
   void Stop();
   // Ends a receive in progress (its partial file is deleted), as the sender's
@@ -102,7 +93,7 @@ class CFileTransferHandler {
   bool Sending() const;
   bool Receiving() const;
 
-  // The state a final report "<digits>F" carries. Only the first (length - 2)
+  // The state a final report ("<digits>" then kFileFinal) carries. Only the first (length - 2)
   // characters are read, so a single digit reads as 0; the peers rely on this
   // reading, so it stays. Characters that are not digits give -1.
   static int ParseFinalState(const char* data, unsigned length);
@@ -114,7 +105,7 @@ class CFileTransferHandler {
   void reserveCredit();
   void awaitCredit();
   void waitForWindow();
-  // True when sending ended (by "F" or Stop) within `milliseconds`.
+  // True when sending ended (by the final report or Stop) within `milliseconds`.
   bool waitSendingEnded(long milliseconds);
   void finish(int state);
 

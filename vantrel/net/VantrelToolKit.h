@@ -11,23 +11,24 @@
 
 #include "vantrel/message/packmsg.h"
 #include "vantrel/message/vantrelevents.h"
+#include "vantrel/message/wire.h"
 
 class VantrelToolKit {
  public:
   // Outcome of a file copy; the same numbers are used for copies between hosts.
   enum CopyFileCompletionState : int {
-    COPY_DONE = 0,
+    COPY_DONE = vantrel::wire::kCopyDone,
     // The source could not be opened for reading, or the destination for writing.
-    COPY_OPEN_FAILED = 1,
+    COPY_OPEN_FAILED = vantrel::wire::kCopyOpenFailed,
     // Closing the source or the destination failed.
-    COPY_CLOSE_FAILED = 2,
+    COPY_CLOSE_FAILED = vantrel::wire::kCopyCloseFailed,
     // Reading the source failed; the destination was deleted.
-    COPY_READ_FAILED = 3,
+    COPY_READ_FAILED = vantrel::wire::kCopyReadFailed,
     // Writing the destination failed (or, between hosts, the receiver gave up
     // waiting); the destination was deleted.
-    COPY_WRITE_FAILED = 4,
+    COPY_WRITE_FAILED = vantrel::wire::kCopyWriteFailed,
     // Between hosts: the transfer was stopped, or the peer reported a failure.
-    COPY_STOPPED = 5,
+    COPY_STOPPED = vantrel::wire::kCopyStopped,
   };
   // Bytes read from the source at a time.
   static constexpr std::size_t kCopyBlockSize = 204800;
@@ -47,13 +48,15 @@ class VantrelToolKit {
 
   // An answer to `received`, travelling back to its sender: to host/client are
   // its from host/client and the other way round; its message id; the given
-  // data, type and QType. The subtype is 0 unless given: an answer that must
-  // reach a client's acknowledgement queue is built with its subtype rather
-  // than changed afterwards.
+  // data, type and QType. The subtype is the messages channel unless given: an
+  // answer that must reach a client's acknowledgement queue is built with its
+  // subtype rather than changed afterwards.
   static VantrelClientEvent* CreateReturnClientEvent(const cVantrelMessage& received, const char* data,
-                                                     unsigned int length, int type, QType qtype, short subtype = 0);
-  static VantrelHostEvent* CreateReturnHostEvent(const cVantrelMessage& received, const char* data,
-                                                 unsigned int length, int type, QType qtype, short subtype = 0);
+                                                     unsigned int length, int type, QType qtype,
+                                                     short subtype = vantrel::wire::kChannelMessages);
+  static VantrelHostEvent* CreateReturnHostEvent(const cVantrelMessage& received, const char* data, unsigned int length,
+                                                 int type, QType qtype,
+                                                 short subtype = vantrel::wire::kChannelMessages);
   // A message travelling on in `received`'s own direction (same addressee and
   // sender) with the given data and type. The QType is always QTYPE_SYNC; the
   // argument is ignored.

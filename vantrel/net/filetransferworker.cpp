@@ -4,14 +4,11 @@
 #include <utility>
 
 #include "vantrel/base/log/log.h"
+#include "vantrel/message/wire.h"
 #include "vantrel/net/VantrelToolKit.h"
 #include "vantrel/net/pendinganswers.h"
 #include "vantrel/net/vantrellinks.h"
 #include "vantrel/support/associativearray.h"
-
-namespace {
-constexpr short kDelivered = 102;
-}  // namespace
 
 cFileTransferWorker::cFileTransferWorker(iFileTransferWorkerLink* link, iVantrelRouter* router,
                                          nParallel::nImplementation_sho::cThreadAttributes threadAttributes)
@@ -132,8 +129,8 @@ void cFileTransferWorker::sendOneFile(std::unique_ptr<VantrelHostEvent> request)
   CAssociativeArray parameters;
   std::unique_ptr<cFileTransferResult> result;
   const bool readable = parameters.FromString(request->getData(), static_cast<long>(request->getDatalen()));
-  const std::string localFile = parameters.GetValueOfParameter("$LOCALFILE");
-  const std::string remoteFile = parameters.GetValueOfParameter("$REMOTEFILE");
+  const std::string localFile = parameters.GetValueOfParameter(vantrel::wire::kCopyLocalFile);
+  const std::string remoteFile = parameters.GetValueOfParameter(vantrel::wire::kCopyRemoteFile);
   if (!readable || localFile.empty() || remoteFile.empty()) {
     VLOG_ERROR("CVantrelHostConnection::doFileWriting - copy request of %s without source or destination",
                request->getFromClient());
@@ -143,13 +140,13 @@ void cFileTransferWorker::sendOneFile(std::unique_ptr<VantrelHostEvent> request)
   } else {
     result = handler_.SendFile(localFile, remoteFile, *request);
   }
-  parameters.AddCouple("$FILECOPYCOMPLETIONSTATE", static_cast<long>(result->state));
-  parameters.AddCouple("$FILENAME", result->fileName);
+  parameters.AddCouple(vantrel::wire::kCopyState, static_cast<long>(result->state));
+  parameters.AddCouple(vantrel::wire::kCopyFileName, result->fileName);
   std::string text;
   long length = 0;
   parameters.ToString(text, length, false, false);
   std::unique_ptr<VantrelClientEvent> answer(VantrelToolKit::CreateReturnClientEvent(
-      *request, text.data(), static_cast<unsigned>(length), kDelivered, QTYPE_ASYNC));
+      *request, text.data(), static_cast<unsigned>(length), vantrel::wire::kDelivered, QTYPE_ASYNC));
   if (router_ == nullptr || !router_->dispatchClientEvent(answer.get())) {
     VLOG_WARN("CVantrelHostConnection::doFileWriting - requester %s is gone, copy result dropped",
               request->getFromClient());

@@ -2,9 +2,7 @@
 
 #include <cstring>
 
-namespace {
-constexpr short kNotDelivered = 103;
-}  // namespace
+#include "vantrel/message/wire.h"
 
 void cPendingAnswers::Open() {
   std::lock_guard<std::mutex> guard(mutex_);
@@ -46,6 +44,6 @@ std::unique_ptr<VantrelClientEvent> cPendingAnswers::BrokenAnswer(std::uint32_t 
                                                                   const char* fromClient, QType qtype) {
   using nVantrelLink::kLinkBrokeText;
   return std::make_unique<VantrelClientEvent>(static_cast<long>(messageId), fromHost, fromClient, toHost, toClient,
-                                              qtype, kNotDelivered, 0, kLinkBrokeText,
-                                              static_cast<long>(std::strlen(kLinkBrokeText) + 1));
+                                              qtype, vantrel::wire::kNotDelivered, vantrel::wire::kChannelMessages,
+                                              kLinkBrokeText, static_cast<long>(std::strlen(kLinkBrokeText) + 1));
 }

@@ -6,8 +6,9 @@
 
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/socket/latency.h"
+#include "vantrel/message/wire.h"
 
-using namespace nVantrelLink;
+using namespace vantrel::wire;
 using nCommunication::nSocket::nImplementation_sho::gLatencyConfiguration;
 using nCommunication::nSocket::nImplementation_sho::tLatencyPath;
 
@@ -68,7 +69,7 @@ bool CVantrelClientConnection::greet(char* data, unsigned length, short type) {
   // zeros, and without a terminator when the text fills the field.
   std::strncpy(data + kGreetingHostOffset, context_->hostName.c_str(), kGreetingFieldSize);
   const std::uint16_t port = context_->netPort;
-  std::memcpy(data, &port, sizeof port);
+  std::memcpy(data + kGreetingPortOffset, &port, sizeof port);
 
   // Registered before the reply goes out, so the client is reachable as soon as
   // it knows it is connected.
@@ -85,7 +86,7 @@ bool CVantrelClientConnection::greet(char* data, unsigned length, short type) {
     if (context_->router != nullptr) context_->router->removeClient(session.get());
     return false;
   }
-  socket_.SendTypedMessageZ2(type, 1, data, length);
+  socket_.SendTypedMessageZ2(type, kChannelAnswers, data, length);
   RQPMutexGuard guard(lock_);
   if (terminated_) return false;
   registered_ = true;
@@ -133,7 +134,7 @@ std::unique_ptr<VantrelClientEvent> CVantrelClientConnection::sendable(std::uniq
     return nullptr;
   }
   const short subtype = event->getSubtype();
-  if (subtype < 0 || subtype > 2) {
+  if (subtype < 0 || subtype >= kChannelCount) {
     // The client uses the subtype as a queue index.
     VLOG_ERROR("CVantrelClientConnection::doWriting - message of type %d with subtype %d dropped", event->getType(),
                subtype);

@@ -14,7 +14,6 @@
 // client's name and the session; Terminate takes it only for its first part and
 // calls the router and the owner after releasing it.
 #include <atomic>
-#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -24,14 +23,6 @@
 #include "vantrel/net/vantrelconnectioncontext.h"
 #include "vantrel/net/vantrellinks.h"
 #include "vantrel/support/sync.h"
-
-namespace nVantrelLink {
-inline constexpr short kGreeting = 1029;
-inline constexpr std::uint32_t kGreetingSize = 258;
-inline constexpr std::uint32_t kGreetingNameOffset = 2;
-inline constexpr std::uint32_t kGreetingHostOffset = 130;
-inline constexpr std::uint32_t kGreetingFieldSize = 128;
-}  // namespace nVantrelLink
 
 class CVantrelClientConnection : public iVantrelClientLink {
  public:

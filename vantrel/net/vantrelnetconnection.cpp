@@ -9,20 +9,15 @@
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/socket/address.h"
 #include "vantrel/base/socket/latency.h"
+#include "vantrel/message/wire.h"
 
-using namespace nVantrelLink;
+using namespace vantrel::wire;
 using nCommunication::nSocket::nImplementation_sho::cTlsSettings;
 using nCommunication::nSocket::nImplementation_sho::gLatencyConfiguration;
 using nCommunication::nSocket::nImplementation_sho::gSplitHostPort;
 using nCommunication::nSocket::nImplementation_sho::tLatencyPath;
 
 namespace {
-constexpr short kSend = 2;
-constexpr short kSendNoResponse = 3;
-constexpr short kSendNoWait = 4;
-constexpr short kFileCopy = 5;
-constexpr short kDelivered = 102;
-constexpr short kNotDelivered = 103;
 constexpr long kDefaultPingSeconds = 120;
 
 bool IsWaitedRequest(short type) { return type == kSend || type == kSendNoWait; }
@@ -269,9 +264,10 @@ void CVantrelHostConnection::deliverForward(short type, tFrameData data, unsigne
              delivered ? "delivered" : "not delivered");
   if (!IsWaitedRequest(type)) return;
   // The sender's client gets a delivered answer on its acknowledgement subtype.
-  queueOwn(std::make_unique<VantrelHostEvent>(
-      static_cast<long>(request.getMessageId()), request.getFromHost(), request.getFromClient(), request.getToHost(),
-      request.getToClient(), AnswerQType(type), delivered ? kDelivered : kNotDelivered, delivered ? 1 : 0, "", 1));
+  queueOwn(std::make_unique<VantrelHostEvent>(static_cast<long>(request.getMessageId()), request.getFromHost(),
+                                              request.getFromClient(), request.getToHost(), request.getToClient(),
+                                              AnswerQType(type), delivered ? kDelivered : kNotDelivered,
+                                              delivered ? kChannelAnswers : kChannelMessages, "", 1));
 }
 
 void CVantrelHostConnection::deliverAnswer(short type, short subtype, tFrameData data, unsigned length) {
@@ -282,9 +278,10 @@ void CVantrelHostConnection::deliverAnswer(short type, short subtype, tFrameData
   }
   if (event->getType() != type) {
     // An answer that cannot be trusted is reported as not delivered.
-    event = std::make_unique<VantrelClientEvent>(
-        static_cast<long>(event->getMessageId()), event->getToHost(), event->getToClient(), event->getFromHost(),
-        event->getFromClient(), event->getQtype(), type, 0, event->getData(), static_cast<long>(event->getDatalen()));
+    event = std::make_unique<VantrelClientEvent>(static_cast<long>(event->getMessageId()), event->getToHost(),
+                                                 event->getToClient(), event->getFromHost(), event->getFromClient(),
+                                                 event->getQtype(), type, kChannelMessages, event->getData(),
+                                                 static_cast<long>(event->getDatalen()));
   }
   pending_.Settle(event->getMessageId(), event->getToClient());
   VLOG_DEBUG("CVantrelHostConnection::doReading - answer %d to message %u for %s from host %s", event->getType(),

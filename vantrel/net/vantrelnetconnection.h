@@ -36,15 +36,6 @@
 #include "vantrel/net/vantrellinks.h"
 #include "vantrel/support/sync.h"
 
-namespace nVantrelLink {
-// Subtype of every frame on a host link.
-inline constexpr short kVersionMarker = 0x7F04;
-inline constexpr short kHostName = 203;
-inline constexpr short kPing = 104;
-inline constexpr short kFileRequest = 6;
-inline constexpr short kFileTraffic = 7;
-}  // namespace nVantrelLink
-
 class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWorkerLink {
  public:
   using cSocketHandle = nCommunication::nSocket::nImplementation_sho::cSocketHandle;

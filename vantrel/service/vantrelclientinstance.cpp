@@ -4,8 +4,11 @@
 #include <memory>
 
 #include "vantrel/base/log/log.h"
+#include "vantrel/message/wire.h"
 #include "vantrel/net/VantrelToolKit.h"
 #include "vantrel/support/associativearray.h"
+
+using namespace vantrel::wire;
 
 namespace {
 constexpr const char* kClientDispatchText = "Error dispatching client event";
@@ -54,12 +57,12 @@ bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length
       detach();
       return false;
     }
-    case kSend + kLocalOffset:
-    case kSendNoResponse + kLocalOffset:
-    case kSendNoWait + kLocalOffset:
+    case kLocalSend:
+    case kLocalSendNoResponse:
+    case kLocalSendNoWait:
       routeToClient(data, length, type, subtype, type);
       return true;
-    case kFileCopy + kLocalOffset:
+    case kLocalFileCopy:
       localFileCopy(data, length, type, subtype);
       return true;
     case kIgnored:
@@ -80,7 +83,7 @@ void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, 
   if (router_ != nullptr && type != kFileCopy && router_->isLocalHost(event->getToHost())) {
     // Addressed to this very service by its host text: no link to itself.
     event.reset();
-    routeToClient(data, length, type, subtype, static_cast<short>(type + kLocalOffset));
+    routeToClient(data, length, type, subtype, LocalForm(type));
     return;
   }
   const std::uint32_t messageId = event->getMessageId();
@@ -92,7 +95,7 @@ void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, 
   }
   event.reset();
   if (type == kSendNoResponse) return;
-  reply(messageId, type == kSendNoWait ? QTYPE_ASYNC : QTYPE_SYNC, kNotDelivered, 0, kHostDispatchText);
+  reply(messageId, type == kSendNoWait ? QTYPE_ASYNC : QTYPE_SYNC, kNotDelivered, kChannelMessages, kHostDispatchText);
 }
 
 void VantrelClientInstance::routeToClient(const char* data, std::uint32_t length, short type, short subtype,
@@ -108,12 +111,12 @@ void VantrelClientInstance::routeToClient(const char* data, std::uint32_t length
   if (delivered) event.release();  // the addressee's connection has it now
   VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - local message %u of type %d %s", name_, messageId, type,
              delivered ? "delivered" : "not delivered");
-  if (kind == kSendNoResponse + kLocalOffset) return;
+  if (kind == kLocalSendNoResponse) return;
   // A delivered answer travels on the acknowledgement subtype so that it ends the
   // sender's wait; a failure arrives with the ordinary messages. The text does not
   // tell success: the type does.
-  reply(messageId, kind == kSendNoWait + kLocalOffset ? QTYPE_ASYNC : QTYPE_SYNC,
-        delivered ? kDelivered : kNotDelivered, delivered ? 1 : 0, kClientDispatchText);
+  reply(messageId, kind == kLocalSendNoWait ? QTYPE_ASYNC : QTYPE_SYNC, delivered ? kDelivered : kNotDelivered,
+        delivered ? kChannelAnswers : kChannelMessages, kClientDispatchText);
 }
 
 void VantrelClientInstance::localFileCopy(const char* data, std::uint32_t length, short type, short subtype) {
@@ -126,16 +129,16 @@ void VantrelClientInstance::localFileCopy(const char* data, std::uint32_t length
   if (!parameters.FromString(request.getData(), static_cast<long>(request.getDatalen()))) {
     VLOG_WARN("VantrelClientInstance::localFileCopy(%s) - copy request without readable parameters", name_);
   }
-  const std::string source = parameters.GetValueOfParameter("$LOCALFILE");
-  const std::string destination = parameters.GetValueOfParameter("$REMOTEFILE");
+  const std::string source = parameters.GetValueOfParameter(kCopyLocalFile);
+  const std::string destination = parameters.GetValueOfParameter(kCopyRemoteFile);
   VantrelToolKit::CopyFileCompletionState state = VantrelToolKit::COPY_DONE;
   std::string failingPath;
   // The completion state tells the client the outcome; the bool adds nothing.
   (void)VantrelToolKit::CopyFileA(source, destination, state, failingPath);
 
   CAssociativeArray result(11);
-  result.AddCouple("$FILECOPYCOMPLETIONSTATE", static_cast<long>(state));
-  result.AddCouple("$FILENAME", failingPath);
+  result.AddCouple(kCopyState, static_cast<long>(state));
+  result.AddCouple(kCopyFileName, failingPath);
   std::string text;
   long textLength = 0;
   result.ToString(text, textLength, false, false);

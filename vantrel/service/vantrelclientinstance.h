@@ -21,17 +21,6 @@
 
 class VantrelClientInstance : public iVantrelClientSession {
  public:
-  // Message kinds a client sends (remote kinds; local kinds add kLocalOffset).
-  static constexpr short kSend = 2;
-  static constexpr short kSendNoResponse = 3;
-  static constexpr short kSendNoWait = 4;
-  static constexpr short kFileCopy = 5;
-  static constexpr short kLocalOffset = 1032;
-  static constexpr short kFarewell = 1033;
-  static constexpr short kIgnored = 1044;
-  static constexpr short kDelivered = 102;
-  static constexpr short kNotDelivered = 103;
-
   // Registers itself with `router` (may be null: nothing is routed) under `name`.
   VantrelClientInstance(const std::string& name, iVantrelClientLink* connection, iVantrelRouter* router);
   ~VantrelClientInstance() override;

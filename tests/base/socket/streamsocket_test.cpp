@@ -12,6 +12,7 @@
 #include "tests/base/socket/socketpair.h"
 #include "tests/support/testutil.h"
 #include "vantrel/base/socket/hostlookup.h"
+#include "vantrel/message/wire.h"
 
 using namespace nCommunication::nSocket::nImplementation_sho;
 using namespace std::chrono_literals;
@@ -38,13 +39,13 @@ TEST(StreamSocketTest, SingleAndBatchedFramesRoundTripAndOversizeSendsAreRefused
   options.maxMessageSize = 200'000;
   auto pair = SocketPair::Plain(options);
   ASSERT_TRUE(pair.accepted);
-  EXPECT_TRUE(pair.client->SendTypedMessageZ2(-3, 32516, nullptr, 0));
+  EXPECT_TRUE(pair.client->SendTypedMessageZ2(-3, vantrel::wire::kVersionMarker, nullptr, 0));
   cFrame f = ReadFrame(*pair.accepted);
   EXPECT_TRUE(f.ok);
   EXPECT_EQ(f.type, -3);
-  EXPECT_EQ(f.subtype, 32516);
+  EXPECT_EQ(f.subtype, vantrel::wire::kVersionMarker);
   EXPECT_EQ(f.data, "");
-  EXPECT_TRUE(pair.accepted->SendTypedMessageZ2(102, 1, "x", 1));
+  EXPECT_TRUE(pair.accepted->SendTypedMessageZ2(vantrel::wire::kDelivered, vantrel::wire::kChannelAnswers, "x", 1));
   EXPECT_EQ(ReadFrame(*pair.client).data, "x");
   EXPECT_EQ(pair.client->PeerPort(), pair.listener->LocalPort());
   EXPECT_EQ(pair.accepted->PeerPort(), pair.client->LocalPort());

@@ -7,10 +7,12 @@
 #include "tests/base/socket/socketpair.h"
 #include "tests/support/testutil.h"
 #include "tests/support/tlscerts.h"
+#include "vantrel/message/wire.h"
 
 using namespace nCommunication::nSocket::nImplementation_sho;
 using namespace std::chrono_literals;
 using namespace vantrel::test;
+using namespace vantrel::wire;
 
 namespace {
 
@@ -92,10 +94,10 @@ TEST_F(TlsFixture, EachSideRejectsAPeerItCannotTrustOnlyWhenItVerifiesAndSession
     const auto [clientOk, serverOk] = Dial(dir_.file(row.client), row.host, row.verifyServer);
     EXPECT_EQ(row.verifyClient ? serverOk : clientOk, row.accepted) << row.name;
     if (clientOk && serverOk) {
-      ASSERT_TRUE(client_->SendTypedMessageZ2(203, 32516, "lg01~9011", 10)) << row.name;
+      ASSERT_TRUE(client_->SendTypedMessageZ2(kHostName, kVersionMarker, "lg01~9011", 10)) << row.name;
       EXPECT_EQ(ReadFrame(*accepted_).data, std::string("lg01~9011", 10)) << row.name;
-      ASSERT_TRUE(accepted_->SendTypedMessageZ2(104, 32516, "", 1)) << row.name;
-      EXPECT_EQ(ReadFrame(*client_).type, 104) << row.name;
+      ASSERT_TRUE(accepted_->SendTypedMessageZ2(kPing, kVersionMarker, "", 1)) << row.name;
+      EXPECT_EQ(ReadFrame(*client_).type, kPing) << row.name;
     }
   }
   EXPECT_TRUE(log.contains("handshake failed"));
@@ -129,7 +131,7 @@ TEST_F(TlsFixture, PlainOrSilentPeerFailsItsHandshakeWithoutBlockingOthers) {
   ASSERT_TRUE(plain.ConnectLocal(listener_->LocalPort(), options_));
   std::unique_ptr<StreamSocket> plainAccepted;
   auto plainHandshake = AcceptOne(plainAccepted);
-  ASSERT_TRUE(plain.SendTypedMessageZ2(1029, 0, "greeting", 9));
+  ASSERT_TRUE(plain.SendTypedMessageZ2(kGreeting, 0, "greeting", 9));
   ASSERT_EQ(plainHandshake.wait_for(2s), std::future_status::ready);
   EXPECT_FALSE(plainHandshake.get());
   EXPECT_TRUE(log.contains("handshake failed"));
