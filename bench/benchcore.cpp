@@ -58,8 +58,8 @@ std::string SizeText(std::size_t bytes) {
 }
 
 std::string cBenchTable::Render() const {
-  const std::vector<std::string> header = {"scenario", "measure", "size", "unit", "vantrel", "floor",
-                                           "vantrel/floor", "note"};
+  const std::vector<std::string> header = {"scenario", "measure", "size",          "unit",
+                                           "vantrel",  "floor",   "vantrel/floor", "note"};
   std::vector<std::vector<std::string>> cells;
   cells.push_back(header);
   for (const cBenchRow& row : rows_) {

@@ -36,13 +36,13 @@ struct cBenchOptions {
 // One line of the result table. `higherIsBetter` says how to read the ratio.
 struct cBenchRow {
   std::string scenario;
-  std::string what;     // e.g. "local ack p50"
-  std::string size;     // e.g. "1 KiB"
-  std::string unit;     // e.g. "us", "msg/s"
-  double value = 0;     // the bus
+  std::string what;  // e.g. "local ack p50"
+  std::string size;  // e.g. "1 KiB"
+  std::string unit;  // e.g. "us", "msg/s"
+  double value = 0;  // the bus
   std::optional<double> floor;
   bool higherIsBetter = false;
-  std::string note;     // e.g. "12000 samples"
+  std::string note;  // e.g. "12000 samples"
 };
 
 class cBenchTable {
@@ -73,7 +73,7 @@ bool RegisterScenario(std::string name, std::string description, tScenario run);
 #define VANTREL_BENCH_CONCAT2(a, b) a##b
 #define VANTREL_BENCH_CONCAT(a, b) VANTREL_BENCH_CONCAT2(a, b)
 // Registers `function` (signature of tScenario) under `name`.
-#define VANTREL_BENCH_SCENARIO(name, description, function)                      \
+#define VANTREL_BENCH_SCENARIO(name, description, function)                    \
   static const bool VANTREL_BENCH_CONCAT(gVantrelBenchRegistered_, __LINE__) = \
       ::vantrel::bench::RegisterScenario(name, description, function)
 

@@ -7,11 +7,10 @@
 //
 // The scenarios start their own `vantrel` services on free loopback ports; by
 // default the program built beside this one.
-#include <CLI/CLI.hpp>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
-
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -79,7 +78,8 @@ int main(int argc, char** argv) {
   options.caseBudget = std::chrono::milliseconds(caseMs > 0 ? caseMs : options.quick ? 200 : 1000);
   const std::vector<cScenarioEntry> scenarios = RegisteredScenarios();
   if (list) {
-    for (const cScenarioEntry& entry : scenarios) std::printf("%-12s %s\n", entry.name.c_str(), entry.description.c_str());
+    for (const cScenarioEntry& entry : scenarios)
+      std::printf("%-12s %s\n", entry.name.c_str(), entry.description.c_str());
     return 0;
   }
   for (const std::string& name : names) {

@@ -3,10 +3,10 @@
 // (two services linked over loopback, the destination addressed as host~port),
 // each beside the plain-TCP relay floor of the same shape measured in the same
 // run (one relay for local, a chain of two for remote).
+#include <condition_variable>
 #include <cstdio>
 #include <memory>
 #include <mutex>
-#include <condition_variable>
 #include <string>
 #include <vector>
 
@@ -93,8 +93,8 @@ struct cBusSetup {
     if (!sender.NETInitZ641(kSenderName, senderService->ClientsPort())) return Fail("sender", "cannot register");
     // Local: the plain host name, which the library sends on the local path.
     // Remote: the receiver's own address, which carries its service's net port.
-    destination = remote ? std::string(receiver.NETWhoAmI())
-                         : std::string(kReceiverName) + "@" + sender.NETLocalHostName();
+    destination =
+        remote ? std::string(receiver.NETWhoAmI()) : std::string(kReceiverName) + "@" + sender.NETLocalHostName();
     return true;
   }
 
@@ -176,8 +176,7 @@ bool MeasureThroughput(tClock::duration span, std::size_t size, tSend&& send, tC
     if (!send()) return false;
   if (!wait(base + kWarmUp)) return false;
 
-  const std::uint64_t limit =
-      std::min<std::uint64_t>(kMaxThroughputMessages, kMaxThroughputBytes / size) / kRounds + 1;
+  const std::uint64_t limit = std::min<std::uint64_t>(kMaxThroughputMessages, kMaxThroughputBytes / size) / kRounds + 1;
   const auto start = tClock::now();
   const auto end = start + span;
   std::uint64_t sent = 0;

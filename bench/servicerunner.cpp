@@ -89,11 +89,11 @@ bool cBenchService::Start(std::chrono::milliseconds timeout) {
 
   RQPProcessOptions options;
   options.workingFolder = folder_;
-  const RQPSpawnResult spawned = RQPCreateProcessZ0(
-      program_,
-      {"--clients-port", std::to_string(clientsPort_), "--net-port", std::to_string(netPort_), "--config",
-       SettingsFile(), "--log-file", LogFile(), "--log-level", logLevel_},
-      options);
+  const RQPSpawnResult spawned =
+      RQPCreateProcessZ0(program_,
+                         {"--clients-port", std::to_string(clientsPort_), "--net-port", std::to_string(netPort_),
+                          "--config", SettingsFile(), "--log-file", LogFile(), "--log-level", logLevel_},
+                         options);
   if (!spawned.ok()) {
     error_ = spawned.errorText;
     return false;
@@ -121,8 +121,8 @@ int cBenchService::Stop() {
   if (pid_ <= 0) return -1;
   ::kill(static_cast<pid_t>(pid_), SIGTERM);
   int code = -1;
-  if (RQPWaitProcessFor(pid_, nTime::cDiff::FromMilliseconds(
-                                  std::chrono::duration<double, std::milli>(kStopTimeout).count()),
+  if (RQPWaitProcessFor(pid_,
+                        nTime::cDiff::FromMilliseconds(std::chrono::duration<double, std::milli>(kStopTimeout).count()),
                         &code) != RQPWaitResult::exited) {
     RQPKillProcess(pid_);
     RQPWaitProcess(pid_);

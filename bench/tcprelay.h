@@ -26,11 +26,11 @@
 namespace vantrel::bench {
 
 enum class tFloorKind : std::uint8_t {
-  eData = 0,         // forward, no acknowledgement
-  eDataAcked = 1,    // forward, then acknowledge to the sender
+  eData = 0,       // forward, no acknowledgement
+  eDataAcked = 1,  // forward, then acknowledge to the sender
   eAck = 2,
-  eHelloSender = 3,  // first frame of a connection that sends data
-  eHelloReceiver = 4 // first frame of a connection that receives data
+  eHelloSender = 3,   // first frame of a connection that sends data
+  eHelloReceiver = 4  // first frame of a connection that receives data
 };
 
 inline constexpr std::size_t kFloorHeaderSize = 5;

@@ -4,25 +4,24 @@
 // subcommand. Each subcommand is one class below, registered in main(); a new
 // one needs its class and one line there.
 #include <CLI/CLI.hpp>
-
 #include <chrono>
 #include <condition_variable>
-#include <filesystem>
-#include <optional>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/process.h"
 #include "vantrel/base/platform/terminal.h"
 #include "vantrel/client/vantrelclientobj.h"
 #include "vantrel/message/wire.h"
-#include "vantrel/base/config/vantrelini.h"
 #include "vantrel/support/associativearray.h"
 
 namespace {
@@ -68,8 +67,8 @@ struct cSession {
 
   bool Open() {
     if (client.NETInitZ641(name.c_str(), port)) return true;
-    std::fprintf(stderr, "vantrel-cli: cannot register as '%s' with the Vantrel service on port %s\n",
-                 name.c_str(), port ? std::to_string(port).c_str() : "VANTREL_CLIENT_PORT or 9010");
+    std::fprintf(stderr, "vantrel-cli: cannot register as '%s' with the Vantrel service on port %s\n", name.c_str(),
+                 port ? std::to_string(port).c_str() : "VANTREL_CLIENT_PORT or 9010");
     return false;
   }
 };
@@ -142,26 +141,22 @@ class cNotify : public cSendBase {
   const char* Name() const override { return "notify"; }
   const char* Description() const override { return "send a message without asking for any response"; }
   int Run(cSession& session) override {
-    return session.client.NETSendMessageNoresponseZ1(text_.c_str(), Length(), address_.c_str())
-               ? kExitOk
-               : SendFailed(session);
+    return session.client.NETSendMessageNoresponseZ1(text_.c_str(), Length(), address_.c_str()) ? kExitOk
+                                                                                                : SendFailed(session);
   }
 };
 
 class cPost : public cSendBase {
  public:
   const char* Name() const override { return "post"; }
-  const char* Description() const override {
-    return "send a message without waiting; its answer carries --id";
-  }
+  const char* Description() const override { return "send a message without waiting; its answer carries --id"; }
   void Configure(CLI::App& app) override {
     cSendBase::Configure(app);
     app.add_option("--id", id_, "message id that the answer names")->capture_default_str();
   }
   int Run(cSession& session) override {
-    return session.client.NETSendMessageNowaitZ1(id_, text_.c_str(), Length(), address_.c_str())
-               ? kExitOk
-               : SendFailed(session);
+    return session.client.NETSendMessageNowaitZ1(id_, text_.c_str(), Length(), address_.c_str()) ? kExitOk
+                                                                                                 : SendFailed(session);
   }
 
  private:
@@ -389,8 +384,7 @@ class cCopy : public iCommand {
     const char* data = record.getData() ? record.getData() : "";
     if (record.getType() == wire::kDelivered) {
       CAssociativeArray result;
-      if (!result.FromString(data, static_cast<long>(record.getDatalen())) ||
-          !result.HasParameter(wire::kCopyState)) {
+      if (!result.FromString(data, static_cast<long>(record.getDatalen())) || !result.HasParameter(wire::kCopyState)) {
         return std::nullopt;
       }
       answer.isResult = true;

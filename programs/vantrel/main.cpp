@@ -6,20 +6,19 @@
 // Exit codes: 0 stopped by a signal; 1 TLS on without a certificates folder;
 // 2 start-up failed (ports busy, host name unresolvable, bad options);
 // 42 an unrecoverable socket failure (a relaunched successor takes over).
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
 #include "vantrel/base/log/log.h"
-#include "vantrel/base/socket/streamsocket.h"
 #include "vantrel/base/platform/manualevent.h"
 #include "vantrel/base/platform/process.h"
 #include "vantrel/base/platform/stoprequest.h"
 #include "vantrel/base/platform/thread.h"
+#include "vantrel/base/socket/streamsocket.h"
 #include "vantrel/supervision/Clock.h"
 #include "vantrel/supervision/supervisedservice.h"
 
@@ -98,7 +97,8 @@ int main(int argc, char** argv) {
   app.add_option("--config", config, "the settings file (instead of the usual search for Vantrel.ini)");
   app.add_option("--log-level", logLevel, "trace, debug, info, warning, error, critical or off (default info)");
   app.add_option("--log-file", logFile, "write the log to this file instead of standard error");
-  app.footer("Relaunch arguments: /w waits for the previous instance's ports, /s reports start-up errors to the log only.");
+  app.footer(
+      "Relaunch arguments: /w waits for the previous instance's ports, /s reports start-up errors to the log only.");
   std::reverse(args.begin(), args.end());
   try {
     app.parse(args);

@@ -1,7 +1,7 @@
 #include "vantrel/base/platform/process.h"
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -118,7 +118,8 @@ TEST(Process, ChildrenGetOnlyTheStandardStreams) {
 }
 
 TEST(Process, RunAndCaptureCollectsOutputAndNeverHangs) {
-  const RQPRunResult echo = RQPRunAndCapture(kShell, {"-c", "echo one; echo two >&2; exit 3"}, nTime::cDiff::FromSeconds(10));
+  const RQPRunResult echo =
+      RQPRunAndCapture(kShell, {"-c", "echo one; echo two >&2; exit 3"}, nTime::cDiff::FromSeconds(10));
   EXPECT_TRUE(echo.started);
   EXPECT_FALSE(echo.timedOut);
   EXPECT_EQ(echo.exitCode, 3);

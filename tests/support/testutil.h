@@ -16,8 +16,7 @@ namespace vantrel::test {
 // Polls `condition` until it holds or `timeout` passes; true when it held.
 // Polling is for the tests' own observation only; the code under test waits on
 // conditions.
-bool WaitUntil(const std::function<bool()>& condition,
-               std::chrono::milliseconds timeout = std::chrono::seconds(10));
+bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 // A TCP port on the loopback interface that was free a moment ago.
 unsigned short FreePort();

@@ -64,8 +64,8 @@ bool CheckPacked(const char* buffer, std::uint32_t length, std::string* error) {
   };
   if (buffer == nullptr) return fail("no buffer");
   if (length < kHeaderSize)
-    return fail("buffer of " + std::to_string(length) + " bytes is shorter than the " +
-                std::to_string(kHeaderSize) + "-byte header");
+    return fail("buffer of " + std::to_string(length) + " bytes is shorter than the " + std::to_string(kHeaderSize) +
+                "-byte header");
   if (GetU32(buffer) != vantrel::wire::kRecordMarker) return fail("wrong layout marker");
 
   std::uint64_t expected = kHeaderSize;
@@ -95,16 +95,16 @@ bool CheckPacked(const char* buffer, std::uint32_t length, std::string* error) {
 }  // namespace
 
 cVantrelMessage::cVantrelMessage(std::uint32_t messageId, const char* toHost, const char* toClient,
-                                 const char* fromHost, const char* fromClient, QType qtype, short type,
-                                 short subtype, const char* data, std::uint32_t datalen)
+                                 const char* fromHost, const char* fromClient, QType qtype, short type, short subtype,
+                                 const char* data, std::uint32_t datalen)
     : cVantrelMessage(messageId, toHost, toClient, fromHost, fromClient, qtype, type, subtype,
                       tDataSpace{UsableDataLength(data, datalen)}) {
   if (valid_ && datalen_ > 0) std::memcpy(mutableData(), data, datalen_);
 }
 
 cVantrelMessage::cVantrelMessage(std::uint32_t messageId, const char* toHost, const char* toClient,
-                                 const char* fromHost, const char* fromClient, QType qtype, short type,
-                                 short subtype, tDataSpace space)
+                                 const char* fromHost, const char* fromClient, QType qtype, short type, short subtype,
+                                 tDataSpace space)
     : toHost_(kEmpty), toClient_(kEmpty), fromHost_(kEmpty), fromClient_(kEmpty) {
   const char* texts[4] = {toHost ? toHost : kEmpty, toClient ? toClient : kEmpty, fromHost ? fromHost : kEmpty,
                           fromClient ? fromClient : kEmpty};
@@ -163,8 +163,8 @@ cVantrelMessage::cVantrelMessage(std::unique_ptr<char[]> buffer, std::uint32_t l
 bool cVantrelMessage::checkReceived(const char* buffer, std::uint32_t length, short type) {
   std::string error;
   if (CheckPacked(buffer, length, &error)) return true;
-  VLOG_ERROR("cVantrelMessage::cVantrelMessage - malformed packed record (frame type %d, %u bytes): %s", type,
-             length, error);
+  VLOG_ERROR("cVantrelMessage::cVantrelMessage - malformed packed record (frame type %d, %u bytes): %s", type, length,
+             error);
   makeInvalid();
   return false;
 }

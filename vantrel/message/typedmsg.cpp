@@ -13,8 +13,8 @@ cTypedMessageObject::cTypedMessageObject(const char* data, std::int32_t length, 
   }
   if (length == 0) return;
   if (data == nullptr) {
-    VLOG_ERROR("cTypedMessageObject::cTypedMessageObject - null data with length %d (type %d), no payload kept",
-               length, type);
+    VLOG_ERROR("cTypedMessageObject::cTypedMessageObject - null data with length %d (type %d), no payload kept", length,
+               type);
     return;
   }
   data_ = new char[static_cast<std::size_t>(length)];
@@ -25,9 +25,10 @@ cTypedMessageObject::cTypedMessageObject(const char* data, std::int32_t length, 
 cTypedMessageObject::cTypedMessageObject(AdoptBuffer, char* buffer, std::int32_t length, short type, short subtype)
     : type_(type), subtype_(subtype) {
   if (length < 0 || (buffer == nullptr && length > 0)) {
-    VLOG_ERROR("cTypedMessageObject::cTypedMessageObject - adopted buffer %s with length %d (type %d), no payload "
-               "kept",
-               buffer ? "set" : "null", length, type);
+    VLOG_ERROR(
+        "cTypedMessageObject::cTypedMessageObject - adopted buffer %s with length %d (type %d), no payload "
+        "kept",
+        buffer ? "set" : "null", length, type);
     delete[] buffer;
     return;
   }

@@ -37,9 +37,9 @@ unsigned gVantrelKeyHash(const char* key) {
 
 // ---- VantrelClientEvent --------------------------------------------------------------
 
-VantrelClientEvent::VantrelClientEvent(long messageId, const char* toHost, const char* toClient,
-                                       const char* fromHost, const char* fromClient, QType qtype, short type,
-                                       short subtype, const char* data, long datalen)
+VantrelClientEvent::VantrelClientEvent(long messageId, const char* toHost, const char* toClient, const char* fromHost,
+                                       const char* fromClient, QType qtype, short type, short subtype, const char* data,
+                                       long datalen)
     : cVantrelMessage(static_cast<std::uint32_t>(messageId), toHost, toClient, fromHost, fromClient, qtype, type,
                       subtype, data, CheckedLength(datalen, "VantrelClientEvent::VantrelClientEvent")) {}
 

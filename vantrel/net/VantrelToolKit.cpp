@@ -103,8 +103,7 @@ Event* BuildEvent(const cVantrelMessage& m, bool backwards, int type, QType qtyp
 }  // namespace
 
 VantrelClientEvent* VantrelToolKit::CreateReturnClientEvent(const cVantrelMessage& received, const char* data,
-                                                            unsigned int length, int type, QType qtype,
-                                                            short subtype) {
+                                                            unsigned int length, int type, QType qtype, short subtype) {
   return BuildEvent<VantrelClientEvent>(received, true, type, qtype, subtype, data, static_cast<long>(length));
 }
 
@@ -114,8 +113,7 @@ VantrelHostEvent* VantrelToolKit::CreateReturnHostEvent(const cVantrelMessage& r
 }
 
 VantrelHostEvent* VantrelToolKit::CreateSendHostEvent(const cVantrelMessage& received, const char* data,
-                                                      unsigned int length, int type, QType /*qtype*/,
-                                                      short subtype) {
+                                                      unsigned int length, int type, QType /*qtype*/, short subtype) {
   return BuildEvent<VantrelHostEvent>(received, false, type, QTYPE_SYNC, subtype, data, static_cast<long>(length));
 }
 

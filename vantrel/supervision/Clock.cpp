@@ -3,8 +3,8 @@
 #include <atomic>
 #include <utility>
 
-#include "vantrel/base/log/log.h"
 #include "vantrel/base/config/vantrelini.h"
+#include "vantrel/base/log/log.h"
 
 namespace nClock {
 

@@ -29,7 +29,7 @@ bool gIsVantrelImage(const RQPProcessEntry& entry);
 // Applies the service-process rules to `entries` (which should hold the caller,
 // `self`). `directExecution` is the value of DIRECT_SNAREWAY_EXECUTION (null when
 // unset). Results and texts as IsVantrelProcessRunning.
-int gCheckVantrelProcesses(const std::vector<RQPProcessEntry>& entries, RQPProcessId self,
-                           const char* directExecution, char* message);
+int gCheckVantrelProcesses(const std::vector<RQPProcessEntry>& entries, RQPProcessId self, const char* directExecution,
+                           char* message);
 
 }  // namespace nSupervision

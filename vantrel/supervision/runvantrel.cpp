@@ -118,7 +118,8 @@ int VantrelServiceConfig::IsRunning() {
 
 void VantrelServiceConfig::Start() {
   const std::string unit = serviceName_[0] != '\0' ? serviceName_ : kUnitName;
-  if (!Systemctl({"start", "--no-block", unit}, nullptr)) VLOG_WARN("VantrelServiceConfig::Start - systemctl start %s failed", unit);
+  if (!Systemctl({"start", "--no-block", unit}, nullptr))
+    VLOG_WARN("VantrelServiceConfig::Start - systemctl start %s failed", unit);
 }
 
 // ---- the exported functions -----------------------------------------------------
@@ -223,8 +224,8 @@ bool gIsVantrelImage(const RQPProcessEntry& entry) {
   return matches(entry.imageName) || matches(entry.exeName);
 }
 
-int gCheckVantrelProcesses(const std::vector<RQPProcessEntry>& entries, RQPProcessId self,
-                           const char* directExecution, char* message) {
+int gCheckVantrelProcesses(const std::vector<RQPProcessEntry>& entries, RQPProcessId self, const char* directExecution,
+                           char* message) {
   RQPProcessEntry caller;
   bool haveCaller = false;
   for (const auto& e : entries) {

@@ -45,7 +45,8 @@ void RQPAtomicManualEvent::Wait() {
 
 bool RQPAtomicManualEvent::Wait(long milliseconds) {
   // Widened with its sign: a negative time gives a deadline in the past.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(static_cast<std::int64_t>(milliseconds));
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(static_cast<std::int64_t>(milliseconds));
   std::unique_lock<std::mutex> lock(mutex_);
   return cond_.wait_until(lock, deadline, [this] { return state_.load(std::memory_order_acquire); });
 }

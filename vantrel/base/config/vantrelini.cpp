@@ -12,7 +12,6 @@
 namespace nVantrelIni {
 namespace {
 
-
 std::optional<int> ExtractInt(const std::string& text) {
   std::istringstream in(text);
   std::int32_t value = 0;
@@ -150,8 +149,7 @@ void cVantrelIni::Read() {
   PrintLine(std::string("* VerifyClientCertificate: ") + TrueFalse(verifyClientCertificate_));
 
   bool parsed;
-  const int maxSize =
-      ReadIntWithDefault(t, "MaxMessageSize", static_cast<int>(kDefaultMaxMessageSize), parsed);
+  const int maxSize = ReadIntWithDefault(t, "MaxMessageSize", static_cast<int>(kDefaultMaxMessageSize), parsed);
   if (maxSize < static_cast<int>(kMinMaxMessageSize)) {
     if (parsed)
       VLOG_WARN("cVantrelIni - MaxMessageSize %d is below the least frame size; %u is used", maxSize,

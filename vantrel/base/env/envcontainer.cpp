@@ -57,8 +57,7 @@ std::string RQEnvContainerClass::RQERuntimeResolve(const std::string& text) {
         std::lock_guard<std::mutex> lock(mutex_);
         first = reportedUnset_.insert(name).second;
       }
-      if (first)
-        VLOG_WARN("RQEnvContainerClass::RQERuntimeResolve - macro #(%s) not resolved: variable not set", name);
+      if (first) VLOG_WARN("RQEnvContainerClass::RQERuntimeResolve - macro #(%s) not resolved: variable not set", name);
     }
     pos = close + 1;
   }

@@ -15,7 +15,6 @@
 #include <set>
 #include <string>
 
-
 class RQEnvContainerClass {
  public:
   RQEnvContainerClass();
@@ -45,8 +44,8 @@ class RQEnvContainerClass {
   };
 
   std::mutex mutex_;
-  std::map<std::string, cEntry, std::less<>> current_;       // cleared by reset()
+  std::map<std::string, cEntry, std::less<>> current_;           // cleared by reset()
   std::map<std::string, const std::string*, std::less<>> last_;  // newest stored value per name
-  std::deque<std::string> store_;                              // every value handed out
+  std::deque<std::string> store_;                                // every value handed out
   std::set<std::string, std::less<>> reportedUnset_;
 };

@@ -11,10 +11,9 @@
 #include <unordered_map>
 #include <utility>
 
+#include "vantrel/base/env/defaultini.inc"
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/process.h"
-
-#include "vantrel/base/env/defaultini.inc"
 
 #ifndef VANTREL_SYSCONFDIR
 #define VANTREL_SYSCONFDIR "/usr/local/etc/vantrel"
@@ -88,15 +87,13 @@ std::unique_ptr<cTable> Parse(std::string_view text, const std::string& origin) 
     const std::size_t eq = line.find('=');
     const std::string_view key = eq == std::string_view::npos ? std::string_view() : Trim(line.substr(0, eq));
     if (key.empty()) {
-      VLOG_WARN("nEnvSettings - %s:%d: malformed line skipped (expected key = value): %s", origin, lineNo,
-                Quote(line));
+      VLOG_WARN("nEnvSettings - %s:%d: malformed line skipped (expected key = value): %s", origin, lineNo, Quote(line));
       continue;
     }
     const std::string_view value = Trim(line.substr(eq + 1));
     auto [it, inserted] = table->values.insert_or_assign(Lower(key), std::string(value));
     if (!inserted)
-      VLOG_WARN("nEnvSettings - %s:%d: key %s given again; this later value is used", origin, lineNo,
-                std::string(key));
+      VLOG_WARN("nEnvSettings - %s:%d: key %s given again; this later value is used", origin, lineNo, std::string(key));
   }
   return table;
 }
@@ -135,9 +132,7 @@ int gBuiltInDefaultsTable() {
   return handle;
 }
 
-int gLoadTableFromText(std::string_view text, const std::string& origin) {
-  return Register(Parse(text, origin));
-}
+int gLoadTableFromText(std::string_view text, const std::string& origin) { return Register(Parse(text, origin)); }
 
 bool gLoadTableFromFile(const std::string& path, int& table) {
   std::error_code ec;

@@ -45,9 +45,7 @@ bool ClientObj::pleaseUnRegister(ServerObj* server, BaseEvent* event) {
   return server != nullptr && server->applyRegistration(this, event, false);
 }
 
-int ClientObj::pleaseUnRegisterAll(ServerObj* server) {
-  return server != nullptr ? server->unRegisterClient(this) : 0;
-}
+int ClientObj::pleaseUnRegisterAll(ServerObj* server) { return server != nullptr ? server->unRegisterClient(this) : 0; }
 
 int ClientObj::dispatch(BaseEvent* event, int handlerId) {
   if (event == nullptr) return 0;
@@ -130,8 +128,7 @@ int ServerObj::unRegisterClient(ClientObj* client) {
 bool ServerObj::applyRegistration(ClientObj* requester, BaseEvent* event, bool add) {
   if (event == nullptr) return false;
   if (event->client() != requester) {
-    VLOG_ERROR("ServerObj::applyRegistration - %s belongs to another client object, request refused",
-               event->nameOf());
+    VLOG_ERROR("ServerObj::applyRegistration - %s belongs to another client object, request refused", event->nameOf());
     return false;
   }
   return add ? registerEvent(event) : unRegisterEvent(event);

@@ -12,7 +12,6 @@
 #include <memory>
 #include <mutex>
 
-
 namespace vantrel::log {
 namespace {
 
@@ -38,13 +37,20 @@ std::atomic<bool> gFlushEveryLine{false};
 
 spdlog::level::level_enum ToSpd(tQXLogMessageSeverity s) {
   switch (s) {
-    case QXLOG_TRACE: return spdlog::level::trace;
-    case QXLOG_DEBUG: return spdlog::level::debug;
-    case QXLOG_INFO: return spdlog::level::info;
-    case QXLOG_WARNING: return spdlog::level::warn;
-    case QXLOG_ERROR: return spdlog::level::err;
-    case QXLOG_CRITICAL: return spdlog::level::critical;
-    default: return spdlog::level::off;
+    case QXLOG_TRACE:
+      return spdlog::level::trace;
+    case QXLOG_DEBUG:
+      return spdlog::level::debug;
+    case QXLOG_INFO:
+      return spdlog::level::info;
+    case QXLOG_WARNING:
+      return spdlog::level::warn;
+    case QXLOG_ERROR:
+      return spdlog::level::err;
+    case QXLOG_CRITICAL:
+      return spdlog::level::critical;
+    default:
+      return spdlog::level::off;
   }
 }
 
@@ -151,9 +157,8 @@ bool ParseLevel(std::string_view name, tQXLogMessageSeverity& out) {
     tQXLogMessageSeverity level;
   };
   static const Entry entries[] = {
-      {"trace", QXLOG_TRACE}, {"debug", QXLOG_DEBUG},   {"info", QXLOG_INFO},
-      {"warning", QXLOG_WARNING}, {"warn", QXLOG_WARNING}, {"error", QXLOG_ERROR},
-      {"critical", QXLOG_CRITICAL}, {"off", QXLOG_OFF},
+      {"trace", QXLOG_TRACE},  {"debug", QXLOG_DEBUG}, {"info", QXLOG_INFO},         {"warning", QXLOG_WARNING},
+      {"warn", QXLOG_WARNING}, {"error", QXLOG_ERROR}, {"critical", QXLOG_CRITICAL}, {"off", QXLOG_OFF},
   };
   for (const auto& e : entries) {
     const auto sameLetter = [](char a, char b) {

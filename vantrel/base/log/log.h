@@ -57,9 +57,9 @@ void SetCaptureSink(CaptureSink sink, void* context);
 
 }  // namespace vantrel::log
 
-#define VLOG_AT(severity, ...)                                                   \
-  do {                                                                           \
-    if (::vantrel::log::Enabled(severity))                                       \
+#define VLOG_AT(severity, ...)                                                          \
+  do {                                                                                  \
+    if (::vantrel::log::Enabled(severity))                                              \
       ::vantrel::log::Write(severity, __FILE__, __LINE__, ::fmt::sprintf(__VA_ARGS__)); \
   } while (0)
 

@@ -5,7 +5,6 @@
 #include <condition_variable>
 #include <mutex>
 
-
 class RQPManualEvent {
  public:
   RQPManualEvent();

@@ -35,7 +35,7 @@ struct RQPSpawnResult {
 // reason it could not be started (missing program, not executable, missing
 // working folder, ...). Never throws.
 RQPSpawnResult RQPCreateProcessZ0(const std::string& program, const std::vector<std::string>& arguments,
-                                              const RQPProcessOptions& options = {});
+                                  const RQPProcessOptions& options = {});
 
 enum class RQPWaitResult { exited, timedOut, failed };
 
@@ -65,7 +65,7 @@ struct RQPRunResult {
 // and error on the null device). A child still running at `timeout` is killed,
 // so the call never hangs.
 RQPRunResult RQPRunAndCapture(const std::string& program, const std::vector<std::string>& arguments,
-                                          nTime::cDiff timeout);
+                              nTime::cDiff timeout);
 
 // Full path of an executable file named `name` in the folders of PATH; `name`
 // itself when it contains a '/' and is executable; empty when not found.

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdint>
 
-
 namespace nTime {
 
 class cDiff {

@@ -11,7 +11,6 @@
 #include <string>
 #include <string_view>
 
-
 class CVantrelAddress {
  public:
   CVantrelAddress() = default;
@@ -32,7 +31,7 @@ namespace nCommunication::nSocket::nImplementation_sho {
 
 // A host text split at the first address-port delimiter.
 struct cHostPort {
-  std::string host;                  // the whole text when there is no delimiter
+  std::string host;  // the whole text when there is no delimiter
   bool hasDelimiter = false;
   std::optional<unsigned short> port;  // set when a decimal port 1..65535 follows
 };

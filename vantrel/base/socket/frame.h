@@ -18,7 +18,6 @@
 #include <cstddef>
 #include <cstdint>
 
-
 // The first two words of every frame header: the format marker and the payload
 // length, in host byte order once decoded. A plain value: copying copies both
 // words and nothing else.

@@ -5,7 +5,6 @@
 #include <stdexcept>
 #include <string>
 
-
 namespace nCommunication::nSocket::nImplementation_sho {
 
 // A local fault of the socket layer. Thrown on the thread that called the

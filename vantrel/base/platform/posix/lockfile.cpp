@@ -15,8 +15,9 @@ int RQPLockFileExclusive(const std::string& path, std::string* error) {
     return -1;
   }
   if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-    if (error) *error = errno == EWOULDBLOCK ? path + " is locked by another process"
-                                             : std::string("cannot lock ") + path + ": " + std::strerror(errno);
+    if (error)
+      *error = errno == EWOULDBLOCK ? path + " is locked by another process"
+                                    : std::string("cannot lock ") + path + ": " + std::strerror(errno);
     ::close(fd);
     return -1;
   }

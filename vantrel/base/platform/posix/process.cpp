@@ -59,9 +59,7 @@ class cSpawnSetup {
     if (rc == 0 && !folder.empty()) rc = posix_spawn_file_actions_addchdir_np(&actions_, folder.c_str());
     return rc;
   }
-  int NullStream(int fd, int mode) {
-    return posix_spawn_file_actions_addopen(&actions_, fd, "/dev/null", mode, 0);
-  }
+  int NullStream(int fd, int mode) { return posix_spawn_file_actions_addopen(&actions_, fd, "/dev/null", mode, 0); }
   int Dup(int from, int to) { return posix_spawn_file_actions_adddup2(&actions_, from, to); }
   // Nothing but the standard streams reaches the child, whatever the rest of the
   // process forgot to mark close-on-exec.
