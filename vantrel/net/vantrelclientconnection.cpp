@@ -115,9 +115,10 @@ void CVantrelClientConnection::doReading() {
     if (!greeted) return;
   }
   iVantrelClientSession* session = session_.get();  // set once by this thread in greet
+  auto* const latency = gLatencyConfiguration(tLatencyPath::local);
   for (;;) {
     data = nullptr;
-    if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, gLatencyConfiguration(tLatencyPath::local))) {
+    if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, latency)) {
       VLOG_INFO("CVantrelClientConnection::doReading - terminate");
       return;
     }

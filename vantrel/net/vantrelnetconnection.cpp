@@ -205,12 +205,13 @@ bool CVantrelHostConnection::receiveHandshake() {
 
 void CVantrelHostConnection::doReading() {
   if (!outgoing_ && !receiveHandshake()) return;
+  auto* const latency = gLatencyConfiguration(tLatencyPath::net);
   for (;;) {
     short type = 0;
     short subtype = 0;
     char* data = nullptr;
     unsigned length = 0;
-    if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, gLatencyConfiguration(tLatencyPath::net))) return;
+    if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, latency)) return;
     // The records made from the frame take its buffer over rather than copy it.
     tFrameData frame(data);
     if (subtype != kVersionMarker) {

@@ -9,6 +9,7 @@
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/lockfile.h"
 #include "vantrel/base/platform/manualevent.h"
+#include "vantrel/base/platform/process.h"
 #include "vantrel/base/platform/thread.h"
 #include "vantrel/base/socket/hostlookup.h"
 #include "vantrel/base/socket/socketoptions.h"
@@ -41,17 +42,18 @@ constexpr double kBusyPingSeconds = 300;
 // the connection context is immutable.
 class CVantrelClass::cCore : public iVantrelClientSessionFactory {
  public:
-  cCore(CVantrelClass& owner, const cVantrelIni& ini, cSocketOptions netLinkOptions, cSocketOptions localOptions)
+  cCore(CVantrelClass& owner, const cVantrelIni& ini)
       : service_(owner),
         settings(ini),
-        netOptions(std::move(netLinkOptions)),
+        netOptions(gBuildSocketOptions(settings, cSimulatedLatencyNetContainer_debug(settings).List())),
         netListener(settings.UseOpenSsl(), netOptions, settings.CommunicationThreadAttributes(),
                     [this](cSocketHandle&& handle, cTlsConnectionState tlsState) {
                       CreateIncomingHostLink(std::move(handle), std::move(tlsState));
                     }),
-        clientListener(
-            std::move(localOptions), settings.CommunicationThreadAttributes(),
-            [this](cSocketHandle&& handle, cTlsConnectionState) { CreateClientConnection(std::move(handle)); }) {
+        clientListener(gBuildSocketOptions(settings, cSimulatedLatencyLocalContainer_debug(settings).List()),
+                       settings.CommunicationThreadAttributes(), [this](cSocketHandle&& handle, cTlsConnectionState) {
+                         CreateClientConnection(std::move(handle));
+                       }) {
     eventServer.setLinkFactory([this](const std::string& hostText) { return CreateOutgoingHostLink(hostText); });
   }
 
@@ -173,16 +175,9 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
   CVantrelClientListener clientListener;
 };
 
-CVantrelClass::CVantrelClass()
-    : core_(std::make_unique<cCore>(
-          *this, cVantrelIni::Instance(),
-          gBuildSocketOptions(cVantrelIni::Instance(), cSimulatedLatencyNetContainer_debug::Instance().List()),
-          gBuildSocketOptions(cVantrelIni::Instance(), cSimulatedLatencyLocalContainer_debug::Instance().List()))) {}
+CVantrelClass::CVantrelClass() : CVantrelClass(cVantrelIni::Instance()) {}
 
-CVantrelClass::CVantrelClass(const cVantrelIni& settings)
-    : core_(std::make_unique<cCore>(
-          *this, settings, gBuildSocketOptions(settings, cSimulatedLatencyNetContainer_debug(settings).List()),
-          gBuildSocketOptions(settings, cSimulatedLatencyLocalContainer_debug(settings).List()))) {}
+CVantrelClass::CVantrelClass(const cVantrelIni& settings) : core_(std::make_unique<cCore>(*this, settings)) {}
 
 CVantrelClass::~CVantrelClass() = default;
 
@@ -331,7 +326,7 @@ void CVantrelClass::RestartProcess() {
   vantrel::log::Flush();
   // Not exit(): other threads are still running, and static destructors would
   // pull objects from under them.
-  std::_Exit(kRestartExitCode);
+  RQPExitNow(kRestartExitCode);
 }
 
 bool CVantrelClass::IsOtherServiceProcessRunning() { return false; }

@@ -243,19 +243,18 @@ void gActivateProcess() { gActivated.store(1, std::memory_order_release); }
 
 bool gIsProcessActivated() { return gActivated.load(std::memory_order_acquire) != 0; }
 
-iLatencyConfiguration* gLatencyConfigurationNet() { return cProcess::Instance().Net(); }
-iLatencyConfiguration* gLatencyConfigurationLocal() { return cProcess::Instance().Local(); }
-
 namespace {
 
 using nCommunication::nSocket::nImplementation_sho::tLatencyPath;
 
+// The process object's configurations, for every socket reader of this process,
+// in the client library and in the service alike. Installed when the library is
+// loaded; the process object itself is built on first use.
 iLatencyConfiguration* ProcessConfiguration(tLatencyPath path) {
-  return path == tLatencyPath::net ? gLatencyConfigurationNet() : gLatencyConfigurationLocal();
+  cProcess& process = cProcess::Instance();
+  return path == tLatencyPath::net ? process.Net() : process.Local();
 }
 
-// Installed when the library is loaded: every socket reader of this process, in
-// the client library and in the service alike, measures against these.
 const bool gSourceInstalled =
     (nCommunication::nSocket::nImplementation_sho::gSetLatencyConfigurationSource(&ProcessConfiguration), true);
 

@@ -164,8 +164,4 @@ class cProcess {
 void gActivateProcess();
 bool gIsProcessActivated();
 
-// The process object's configurations, for the socket layer's message waits.
-iLatencyConfiguration* gLatencyConfigurationNet();
-iLatencyConfiguration* gLatencyConfigurationLocal();
-
 }  // namespace nClock

@@ -5,10 +5,12 @@
 #include <string>
 #include <vector>
 
+#include "vantrel/service/vantrelclass.h"
+
 namespace nSupervision {
 
 // Exit status that asks for a restart.
-inline constexpr int kRestartExitCode = 42;
+inline constexpr int kRestartExitCode = CVantrelClass::kRestartExitCode;
 
 // Kept for the relaunch; called once by the service program's main.
 void gRememberProcessArguments(int argc, char** argv);

@@ -12,6 +12,7 @@
 // gCloseSocket (cUniqueSocket does that). The calls keep no state of their own.
 // Threads: any thread; on one socket, one thread may receive while others send,
 // wait, or shut it down.
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -165,10 +166,17 @@ class cWakeup {
 enum class tReadiness { eReadable, eWritable };
 enum class tPollResult { eReady, eWoken, eTimedOut, eFailed };
 
+// Now on std::chrono::steady_clock, in microseconds: the clock of every deadline
+// these calls take.
+inline std::int64_t gSteadyNowUs() {
+  return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
 // Waits until `socket` is ready (a failed socket counts as ready: the next call
 // on it says how), `wakeup` (may be null) is signalled, or the deadline passes.
 // `socket` kNoSocket waits for the wake-up or the deadline only. The deadline is
-// in microseconds of std::chrono::steady_clock; negative: none. An interrupted
+// in microseconds of gSteadyNowUs; negative: none. An interrupted
 // wait goes on. eFailed: the wait itself failed (gLastSocketError tells why).
 tPollResult gPoll(tSocket socket, tReadiness readiness, const cWakeup* wakeup, std::int64_t deadlineUs);
 

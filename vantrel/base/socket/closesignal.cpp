@@ -1,17 +1,10 @@
 #include "vantrel/base/socket/closesignal.h"
 
-#include <chrono>
-
 #include "vantrel/base/socket/socketerror.h"
 
 namespace nCommunication::nSocket::nImplementation_sho {
 
 namespace platform = vantrel::platform;
-
-std::int64_t gSteadyNowUs() {
-  return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
 
 std::int64_t gDeadlineAfter(nTime::cDiff span) {
   if (span.Microseconds() <= 0) return -1;

@@ -9,8 +9,7 @@
 
 namespace nCommunication::nSocket::nImplementation_sho {
 
-// Now on the steady clock, in microseconds: what deadlines are measured in.
-std::int64_t gSteadyNowUs();
+using vantrel::platform::gSteadyNowUs;
 // The deadline `span` from now; -1 (none) when `span` is not positive.
 std::int64_t gDeadlineAfter(nTime::cDiff span);
 

@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -79,11 +78,6 @@ cEndpoint NamedEndpoint(tSocket socket, int (*name)(int, sockaddr*, socklen_t*))
   socklen_t size = sizeof address;
   if (name(Fd(socket), reinterpret_cast<sockaddr*>(&address), &size) != 0) return {};
   return Endpoint(address);
-}
-
-std::int64_t SteadyNowUs() {
-  return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
 }
 
 }  // namespace
@@ -278,7 +272,7 @@ tPollResult gPoll(tSocket socket, tReadiness readiness, const cWakeup* wakeup, s
   for (;;) {
     int timeoutMs = -1;
     if (deadlineUs >= 0) {
-      const std::int64_t remaining = deadlineUs - SteadyNowUs();
+      const std::int64_t remaining = deadlineUs - gSteadyNowUs();
       if (remaining <= 0) return tPollResult::eTimedOut;
       timeoutMs = static_cast<int>(std::min<std::int64_t>((remaining + 999) / 1000, 1 << 30));
     }
