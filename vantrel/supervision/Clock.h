@@ -68,7 +68,6 @@ class cProcessResynch {
   nTime::cPoint LastRun() const;
   // Number of finished runs (started or not).
   std::uint64_t Runs() const;
-  nTime::cDiff Cooldown() const { return cooldown_; }
   const cResynchCommand& Command() const { return command_; }
 
  private:

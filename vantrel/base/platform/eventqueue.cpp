@@ -85,11 +85,6 @@ void RQPEventQueue::TerminateZ72() {
   cond_.notify_all();
 }
 
-bool RQPEventQueue::isTerminated() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return terminated_;
-}
-
 void RQPEventQueue::clear() {
   std::deque<RWCollectable*> drained;
   {

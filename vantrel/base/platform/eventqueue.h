@@ -51,7 +51,6 @@ class RQPEventQueue {
   std::size_t size() const;
   void releaseZ72();
   void TerminateZ72();
-  bool isTerminated() const;
   // Deletes every queued event.
   void clear();
 
