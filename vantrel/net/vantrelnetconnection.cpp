@@ -35,7 +35,7 @@ CVantrelHostConnection::CVantrelHostConnection(const std::string& hostText,
       host_(hostText),
       socket_(context_->tls.useOpenSsl, "link " + hostText),
       lastActivity_(RQPSysTime()),
-      files_(this, context_->router, context_->threadAttributes) {
+      files_(this, context_->router, context_->threadAttributes, context_->copies) {
   if (context_->tls.useOpenSsl) socket_.SetTlsSettings(TlsSettings(context_->tls));
   postHandler_ = signOn([this](BaseEvent* event) { return post(event); });
   if (context_->router != nullptr) context_->router->registerHostEvent(hostText.c_str(), this, postHandler_);
@@ -47,7 +47,7 @@ CVantrelHostConnection::CVantrelHostConnection(cSocketHandle&& accepted, cTlsCon
       outgoing_(false),
       socket_(std::move(accepted), tlsState, "link"),
       lastActivity_(RQPSysTime()),
-      files_(this, context_->router, context_->threadAttributes) {
+      files_(this, context_->router, context_->threadAttributes, context_->copies) {
   if (tlsState) socket_.SetTlsSettings(TlsSettings(context_->tls));
   postHandler_ = signOn([this](BaseEvent* event) { return post(event); });
 }

@@ -66,7 +66,7 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
 
   std::unique_ptr<iVantrelClientSession> CreateClientSession(const std::string& name,
                                                              iVantrelClientLink* link) override {
-    return std::make_unique<VantrelClientInstance>(name, link, &eventServer);
+    return std::make_unique<VantrelClientInstance>(name, link, &eventServer, context->copies);
   }
 
   // Once the net port is known and before any listener accepts.
@@ -85,6 +85,7 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
     built->netOptions = netOptions;
     built->threadAttributes = settings.CommunicationThreadAttributes();
     built->pingSeconds = CVantrelHostConnection::PingTimeoutSeconds();
+    built->copies = cCopyPolicy::Make(settings.CopyRoots(), settings.CertificatesPath(), settings.MaxMessageSize());
     context = std::move(built);
     eventServer.setLocalHost(hostName, addressHostText);
   }

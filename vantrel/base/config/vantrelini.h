@@ -85,6 +85,9 @@ class cVantrelIni {
   bool VerifyServerCertificate() const { return verifyServerCertificate_; }
   bool VerifyClientCertificate() const { return verifyClientCertificate_; }
   std::uint32_t MaxMessageSize() const { return maxMessageSize_; }
+  // Folders that copies asked for by other hosts may write into (';' or ','
+  // between them); empty: anywhere.
+  const std::string& CopyRoots() const { return copyRoots_; }
 
  private:
   void Read();
@@ -106,6 +109,7 @@ class cVantrelIni {
   bool verifyServerCertificate_ = false;
   bool verifyClientCertificate_ = false;
   std::uint32_t maxMessageSize_ = nVantrelIni::kDefaultMaxMessageSize;
+  std::string copyRoots_;
 };
 
 // The simulated latencies of host links, parsed from SimulatedLatencyNet_debug.
