@@ -101,13 +101,13 @@ TEST_F(FileTransferTest, FailuresAreReportedAndTheLinkStaysUp) {
   EXPECT_EQ(copy(1, files.file("missing"), files.file("never")), Completed(1, kCopyOpenFailed, files.file("missing")));
   EXPECT_FALSE(Exists(files.file("never")));
 
-  // An unwritable destination: the receiver reports 1, which the sender reads
-  // as 0; nothing appears at the destination.
+  // An unwritable destination: the receiver refuses before accepting, and
+  // nothing appears at the destination.
   const std::string source = files.write("src", "content");
   const std::string unwritable = files.file("no-such-folder/dst");
-  EXPECT_EQ(copy(2, source, unwritable), Completed(2, kCopyDone, source));
+  EXPECT_EQ(copy(2, source, unwritable), Completed(2, kCopyOpenFailed, unwritable));
   EXPECT_FALSE(Exists(unwritable));
-  EXPECT_TRUE(receiver.waitLog("cannot open " + unwritable));
+  EXPECT_TRUE(receiver.waitLog("cannot open " + unwritable + " for writing"));
 
   // A request without its parameters is answered, not dropped.
   const char junk[] = "not a parameter text";
@@ -157,14 +157,17 @@ TEST_F(FileTransferTest, ReceiverKilledMidTransferFailsTheCopy) {
       << result;
 }
 
-TEST_F(FileTransferTest, SurvivingReceiverLeavesNoPartialFile) {
-  const std::string destination = files.file("big-copy");
-  request(30, bigFile(), destination);
+TEST_F(FileTransferTest, SurvivingReceiverLeavesTheDestinationAsItWas) {
+  const std::string destination = files.write("big-copy", "before");
+  const std::string source = bigFile();
+  request(30, source, destination);
   ASSERT_TRUE(receiver.waitLog("ReceiveFile(dstFilePath=")) << receiver.log();
-  ASSERT_TRUE(WaitUntil([&] { return Exists(destination); }));
+  // Three entries: the source, the destination and the copy's temporary file.
+  ASSERT_TRUE(WaitUntil([&] { return std::distance(std::filesystem::directory_iterator(files.path()), {}) == 3; }));
   sender.kill();
   ASSERT_TRUE(receiver.waitLog("CFileTransferHandler::ReceiveFile - done", 30s)) << receiver.log();
-  EXPECT_FALSE(Exists(destination));
+  EXPECT_EQ(ReadFile(destination), "before");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(files.path()), {}), 2);
   EXPECT_TRUE(receiver.running());
 }
 
@@ -205,7 +208,7 @@ TEST_F(FileTransferTest, ScriptedPeerRestartsTheFileReaderAndSurvivesBadTraffic)
   // A second request while the first receive runs: the first ends and its
   // partial file goes.
   ASSERT_TRUE(SendFileRecord(peer, kFileRequest, second + '\0'));
-  EXPECT_EQ(NextFileMessage(peer), "5F");
+  EXPECT_EQ(NextFileMessage(peer), "50F");
   EXPECT_EQ(NextFileMessage(peer), "A");
   EXPECT_FALSE(Exists(first));
   // Within a transfer, no record, an empty one and an unknown marker are
@@ -215,7 +218,7 @@ TEST_F(FileTransferTest, ScriptedPeerRestartsTheFileReaderAndSurvivesBadTraffic)
   ASSERT_TRUE(SendFileRecord(peer, kFileTraffic, "Z"));
   ASSERT_TRUE(SendFileRecord(peer, kFileTraffic, "xyzC"));
   EXPECT_EQ(NextFileMessage(peer), "D");
-  EXPECT_EQ(NextFileMessage(peer), "0F");
+  EXPECT_EQ(NextFileMessage(peer), "00F");
   EXPECT_EQ(ReadFile(second), "xyz");
   EXPECT_TRUE(receiver.waitLog("restarting the file reader"));
   EXPECT_TRUE(receiver.waitLog("no transfer in progress"));

@@ -15,8 +15,8 @@ namespace {
 
 bool Inside(const std::string& path, const std::string& folder) {
   if (folder == "/") return true;
-  return path == folder || (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
-                            path[folder.size()] == '/');
+  return path == folder ||
+         (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 && path[folder.size()] == '/');
 }
 
 std::string FolderOf(const std::string& path) {
@@ -62,8 +62,8 @@ std::shared_ptr<const cCopyPolicy> cCopyPolicy::Make(const std::string& roots, c
     folder = first == std::string::npos ? std::string() : folder.substr(first, last - first + 1);
     if (!folder.empty()) {
       policy->rootsGiven_ = true;
-      if (auto resolved = platform::gResolvePath(folder); resolved && platform::gFileKind(*resolved) ==
-                                                                           platform::tFileKind::eDirectory) {
+      if (auto resolved = platform::gResolvePath(folder);
+          resolved && platform::gFileKind(*resolved) == platform::tFileKind::eDirectory) {
         policy->roots.push_back(*resolved);
       } else {
         VLOG_WARN("cCopyPolicy - copy root %s is not a folder; copies from other hosts cannot use it", folder);

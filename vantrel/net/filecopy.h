@@ -126,8 +126,7 @@ class cCopyTarget {
   // Checks the destination and creates the temporary file. With `source`
   // given, a destination that is that very file gives kCopySameFile and
   // nothing is created. A completion state: kCopyDone when ready (logged otherwise).
-  int Open(const cCopyRequester& requester, const std::string& path,
-           const cCopySource* source = nullptr);
+  int Open(const cCopyRequester& requester, const std::string& path, const cCopySource* source = nullptr);
   bool Write(const char* data, std::size_t size);
   // Closes the temporary file and renames it over the destination. A
   // completion state; on any failure the temporary file is removed.

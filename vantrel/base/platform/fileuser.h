@@ -18,8 +18,8 @@ namespace vantrel::platform {
 // A user account as the file system sees it.
 struct cUserAccount {
   std::uint32_t user = 0;
-  std::uint32_t group = 0;                // primary group
-  std::vector<std::uint32_t> groups;      // every group, the primary one included
+  std::uint32_t group = 0;            // primary group
+  std::vector<std::uint32_t> groups;  // every group, the primary one included
   std::string name;
 };
 

@@ -75,9 +75,7 @@ long SetThreadGroups(const std::vector<std::uint32_t>& groups) {
   std::vector<gid_t> list(groups.begin(), groups.end());
   return ::syscall(SYS_setgroups, list.size(), list.data());
 }
-std::uint32_t SetThreadFsUser(std::uint32_t user) {
-  return static_cast<std::uint32_t>(::syscall(SYS_setfsuid, user));
-}
+std::uint32_t SetThreadFsUser(std::uint32_t user) { return static_cast<std::uint32_t>(::syscall(SYS_setfsuid, user)); }
 std::uint32_t SetThreadFsGroup(std::uint32_t group) {
   return static_cast<std::uint32_t>(::syscall(SYS_setfsgid, group));
 }
