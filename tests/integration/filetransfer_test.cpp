@@ -10,6 +10,10 @@
 #include <string>
 
 #include "tests/support/servicehelper.h"
+#include "vantrel/base/config/vantrelini.h"
+#include "vantrel/base/env/settings.h"
+#include "vantrel/net/FileTransferHandler.h"
+#include "vantrel/service/vantrelclass.h"
 #include "vantrel/support/associativearray.h"
 
 namespace vantrel::test {
@@ -252,5 +256,130 @@ TEST_F(FileTransferTest, LocalCopyAnswersWithItsCompletionState) {
   EXPECT_TRUE(ReadFile(files.file("local-dst")) == content);
 }
 
+
+// ---- services inside the test process ----------------------------------------------
+
+class InProcessService : public CVantrelClass {
+ public:
+  explicit InProcessService(const std::string& extra = "")
+      : CVantrelClass(cVantrelIni(nEnvSettings::gLoadTableFromText(
+            "SocketCommunicationTimeout = 10000\nSocketClosedReactivationTimeout_debug = 0\n"
+            "NetIsActiveImplemented_debug = 1\nCertificatesPath = /none\n" + extra,
+            "test.ini"))) {
+    SetReportToLogOnly(true);
+  }
+  ~InProcessService() override { f_TerminateZ2(); }
+  void f_Terminate() override { f_TerminateInternal(); }
+
+ protected:
+  void RestartProcess() override {}
+};
+
+// Shrinks the source named here to 100,000 bytes once its first chunk was read.
+std::string gTruncate;
+void TruncateAfterFirstChunk(const std::string& path, std::uint64_t) {
+  if (path != gTruncate) return;
+  std::filesystem::resize_file(path, 100000);
+  gTruncate.clear();
+}
+
+// Two services send to a third, whose copies from other hosts must stay inside `in/`.
+class CopyAcrossServicesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::filesystem::create_directory(files.file("in"));
+    for (auto* service : {&a, &b, &r}) ASSERT_TRUE(service->vInitZ1());
+    ASSERT_TRUE(fromA.NETInitZ641("fromA", a.GetClientsPortZ5181()));
+    ASSERT_TRUE(fromB.NETInitZ641("fromB", b.GetClientsPortZ5181()));
+    ASSERT_TRUE(onR.NETInitZ641("onR", r.GetClientsPortZ5181()));
+    CFileTransferHandler::SetChunkReadHook(&TruncateAfterFirstChunk);
+  }
+  void TearDown() override { CFileTransferHandler::SetChunkReadHook(nullptr); }
+  // The state of the copy `local` -> `remote` on `host` that `client` asks for.
+  static void ask(TestClient& client, long id, const std::string& local, const std::string& remote,
+                  const std::string& host) {
+    const std::string text = Request(local, remote);
+    ASSERT_TRUE(client.NETCopyFileZ1(id, text.data(), static_cast<unsigned>(text.size()), host.c_str()));
+  }
+  static int state(TestClient& client) {
+    auto answer = client.next(30s);
+    CAssociativeArray values;
+    if (!answer || answer->getType() != kDelivered ||
+        !values.FromString(answer->getData(), static_cast<long>(answer->getDatalen())))
+      return -1;
+    return static_cast<int>(std::stol(values.GetValueOfParameter(kCopyState)));
+  }
+  std::size_t entries(const std::string& folder) {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
+  }
+
+  TempDir files;
+  InProcessService a, b;
+  InProcessService r{"CopyRoots = " + files.file("in") + "\n"};
+  TestClient fromA, fromB, onR;
+};
+
+TEST_F(CopyAcrossServicesTest, ConcurrentCopiesAndAShrinkingSourceNeverLeaveAMixture) {
+  const std::string contentA(300000, 'A');
+  const std::string contentB(300000, 'B');
+  const std::string sourceA = files.write("a", contentA);
+  const std::string sourceB = files.write("b", contentB);
+  const std::string destination = files.file("in/dst");
+  int whole = 0;
+  for (int round = 0; round < 50; ++round) {
+    ask(fromA, 2 * round, sourceA, destination, r.GetAddressHostText());
+    ask(fromB, 2 * round + 1, sourceB, destination, r.GetAddressHostText());
+    const int stateA = state(fromA);
+    const int stateB = state(fromB);
+    const std::string landed = ReadFile(destination);
+    ASSERT_TRUE(landed == contentA || landed == contentB) << "round " << round << ": a mixture";
+    ASSERT_TRUE((stateA == kCopyDone && stateB == kCopyDone)) << stateA << " " << stateB;
+    whole += 2;
+  }
+  // A source cut short in the middle of its copy: a failure, and the file that
+  // was there stays whole.
+  for (int round = 0; round < 50; ++round) {
+    const std::string before = ReadFile(destination);
+    files.write("t", contentA);
+    gTruncate = files.file("t");
+    ask(fromA, 100 + round, files.file("t"), destination, r.GetAddressHostText());
+    ASSERT_EQ(state(fromA), kCopyReadFailed) << "round " << round;
+    ASSERT_EQ(ReadFile(destination), before);
+  }
+  EXPECT_EQ(whole, 100);
+  EXPECT_EQ(entries(files.file("in")), 1u) << "a temporary file was left behind";
+}
+
+TEST_F(CopyAcrossServicesTest, CopiesFromOtherHostsStayInsideTheRootsAndCopiesHereNeedNoLink) {
+  const std::string source = files.write("src", "content");
+  std::filesystem::create_directory_symlink(files.path(), files.file("in/out"));
+  const std::string host = r.GetAddressHostText();
+  for (const auto& [remote, expected] : {std::pair{files.file("outside"), kCopyDenied},
+                                         {files.file("in/../outside"), kCopyDenied},
+                                         {files.file("in/out/outside"), kCopyDenied},
+                                         {files.file("in/ok"), kCopyDone}}) {
+    SCOPED_TRACE(remote);
+    ask(fromA, 1, source, remote, host);
+    EXPECT_EQ(state(fromA), expected);
+  }
+  EXPECT_FALSE(Exists(files.file("outside")));
+  EXPECT_EQ(ReadFile(files.file("in/ok")), "content");
+
+  // A copy to this very service is done here, whatever the roots say (they bind
+  // other hosts), with the same result shape; a copy onto itself is refused.
+  LogCapture log;
+  ask(onR, 7, source, files.file("here"), host);
+  auto answer = onR.next(30s);
+  ASSERT_TRUE(answer.has_value());
+  CAssociativeArray values;
+  ASSERT_TRUE(values.FromString(answer->getData(), static_cast<long>(answer->getDatalen())));
+  EXPECT_EQ(values.GetValueOfParameter(kCopyLocalFile), source);
+  EXPECT_EQ(values.GetValueOfParameter(kCopyState), "0");
+  EXPECT_EQ(ReadFile(files.file("here")), "content");
+  ask(onR, 8, source, source, host);
+  EXPECT_EQ(state(onR), kCopySameFile);
+  EXPECT_EQ(ReadFile(source), "content");
+  EXPECT_FALSE(log.contains("Creating new CVantrelHostConnection(" + host));
+}
 }  // namespace
 }  // namespace vantrel::test
