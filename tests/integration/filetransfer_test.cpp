@@ -256,7 +256,6 @@ TEST_F(FileTransferTest, LocalCopyAnswersWithItsCompletionState) {
   EXPECT_TRUE(ReadFile(files.file("local-dst")) == content);
 }
 
-
 // ---- services inside the test process ----------------------------------------------
 
 class InProcessService : public CVantrelClass {
@@ -264,7 +263,8 @@ class InProcessService : public CVantrelClass {
   explicit InProcessService(const std::string& extra = "")
       : CVantrelClass(cVantrelIni(nEnvSettings::gLoadTableFromText(
             "SocketCommunicationTimeout = 10000\nSocketClosedReactivationTimeout_debug = 0\n"
-            "NetIsActiveImplemented_debug = 1\nCertificatesPath = /none\n" + extra,
+            "NetIsActiveImplemented_debug = 1\nCertificatesPath = /none\n" +
+                extra,
             "test.ini"))) {
     SetReportToLogOnly(true);
   }

@@ -122,20 +122,31 @@ cCopyRequester cCopyRequester::Host(const std::string& hostText, std::shared_ptr
   return requester;
 }
 
-bool cCopyRequester::Refuse(const char* what, const std::string& path) const {
-  VLOG_WARN("cFileCopy - copy for %s refused: %s %s", who_, what, path);
+bool cCopyRequester::Refuse(const char* operation, const char* what, const std::string& path) const {
+  VLOG_WARN("%s - copy for %s refused: %s %s", operation, who_, what, path);
   return false;
 }
 
+int cCopyRequester::OpenFailed(const char* operation, const char* purpose, const std::string& path, int error,
+                               const std::string& why) const {
+  // Under the client's own identity, the system's refusal is the user's.
+  if (switchUser_ && platform::gIsAccessDenied(error)) {
+    Refuse(operation, purpose[0] == 'r' ? "its user may not read" : "its user may not write", path);
+    return kCopyDenied;
+  }
+  VLOG_ERROR("%s - cannot open %s for %s: %s", operation, path, purpose, why);
+  return kCopyOpenFailed;
+}
+
 template <class Step>
-bool cCopyRequester::AsRequester(const std::string& path, Step step) const {
-  if (!userKnown_) return Refuse("its user is unknown, cannot open", path);
+bool cCopyRequester::AsRequester(const char* operation, const std::string& path, Step step) const {
+  if (!userKnown_) return Refuse(operation, "its user is unknown, cannot open", path);
   if (!switchUser_) {
     step();
     return true;
   }
   platform::cFileUserScope scope(account_);
-  if (!scope.Active()) return Refuse("cannot take its user's rights to open", path);
+  if (!scope.Active()) return Refuse(operation, "cannot take its user's rights to open", path);
   step();
   return true;
 }
@@ -149,34 +160,34 @@ bool cCopyRequester::MayReach(const std::string& resolved, platform::tAccess acc
 
 int cCopySource::Open(const cCopyRequester& requester, const std::string& path) {
   int state = kCopyOpenFailed;
-  const bool allowed = requester.AsRequester(path, [&] {
+  const bool allowed = requester.AsRequester("cCopySource::Open", path, [&] {
     auto resolved = platform::gResolvePath(path);
     if (!resolved) {
       const int error = platform::gLastFileError();
-      VLOG_ERROR("cFileCopy - cannot open %s for reading: %s", path, platform::gFileErrorText(error));
+      state = requester.OpenFailed("cCopySource::Open", "reading", path, error, platform::gFileErrorText(error));
       return;
     }
     resolved_ = *resolved;
     const cCopyPolicy* policy = requester.policy_.get();
     if (requester.kind_ == cCopyRequester::tKind::eLocalClient && policy != nullptr && policy->Private(resolved_)) {
-      requester.Refuse("the service's private files are never copied:", path);
+      requester.Refuse("cCopySource::Open", "the service's private files are never copied:", path);
       state = kCopyDenied;
       return;
     }
     if (requester.kind_ == cCopyRequester::tKind::eHost && policy != nullptr &&
         !policy->WithinRoots(FolderOf(resolved_))) {
-      requester.Refuse("outside the copy roots:", path);
+      requester.Refuse("cCopySource::Open", "outside the copy roots:", path);
       state = kCopyDenied;
       return;
     }
     if (!requester.MayReach(resolved_, platform::tAccess::eRead)) {
-      requester.Refuse("its user may not read", path);
+      requester.Refuse("cCopySource::Open", "its user may not read", path);
       state = kCopyDenied;
       return;
     }
     file_ = platform::cFile::OpenRegularForReading(resolved_);
     if (!file_.IsOpen()) {
-      VLOG_ERROR("cFileCopy - cannot open %s for reading: %s", path, file_.Why());
+      state = requester.OpenFailed("cCopySource::Open", "reading", path, file_.Error(), file_.Why());
       return;
     }
     auto status = file_.Status();
@@ -187,7 +198,7 @@ int cCopySource::Open(const cCopyRequester& requester, const std::string& path) 
     status_ = *status;
     // Checked once more on what was opened: the path may have changed since.
     if (requester.checkUser_ && !platform::gUserMay(requester.account_, status_, platform::tAccess::eRead)) {
-      requester.Refuse("its user may not read", path);
+      requester.Refuse("cCopySource::Open", "its user may not read", path);
       file_.Close();
       state = kCopyDenied;
       return;
@@ -210,16 +221,16 @@ cCopyTarget::~cCopyTarget() { Discard(); }
 int cCopyTarget::Open(const cCopyRequester& requester, const std::string& path, const cCopySource* source) {
   requester_ = &requester;
   int state = kCopyOpenFailed;
-  const bool allowed = requester.AsRequester(path, [&] {
+  const bool allowed = requester.AsRequester("cCopyTarget::Open", path, [&] {
     const std::string name = NameOf(path);
     if (name.empty() || name == "." || name == "..") {
-      VLOG_ERROR("cFileCopy - cannot open %s for writing: no file name", path);
+      VLOG_ERROR("cCopyTarget::Open - cannot open %s for writing: no file name", path);
       return;
     }
     const auto existing = platform::gFileStatus(path);
     if (existing && existing->kind != platform::tFileKind::eRegular) {
       // A device, pipe or folder is never written or replaced.
-      VLOG_ERROR("cFileCopy - cannot open %s for writing: not a regular file", path);
+      VLOG_ERROR("cCopyTarget::Open - cannot open %s for writing: not a regular file", path);
       return;
     }
     // An existing destination is written where its links lead; a new one in
@@ -227,30 +238,30 @@ int cCopyTarget::Open(const cCopyRequester& requester, const std::string& path, 
     auto resolved = existing ? platform::gResolvePath(path) : platform::gResolvePath(FolderOf(path));
     if (!resolved) {
       const int error = platform::gLastFileError();
-      VLOG_ERROR("cFileCopy - cannot open %s for writing: %s", path, platform::gFileErrorText(error));
+      state = requester.OpenFailed("cCopyTarget::Open", "writing", path, error, platform::gFileErrorText(error));
       return;
     }
     resolved_ = existing ? *resolved : Join(*resolved, name);
     if (source != nullptr &&
         ((existing && existing->SameFileAs(source->Status())) || resolved_ == source->Resolved())) {
-      VLOG_WARN("cFileCopy - copy for %s refused: %s is its own source", requester.Who(), path);
+      VLOG_WARN("cCopyTarget::Open - copy for %s refused: %s is its own source", requester.Who(), path);
       state = kCopySameFile;
       return;
     }
     const cCopyPolicy* policy = requester.policy_.get();
     if (requester.kind_ == cCopyRequester::tKind::eLocalClient && policy != nullptr && policy->Private(resolved_)) {
-      requester.Refuse("the service's private files are never replaced:", path);
+      requester.Refuse("cCopyTarget::Open", "the service's private files are never replaced:", path);
       state = kCopyDenied;
       return;
     }
     if (requester.kind_ == cCopyRequester::tKind::eHost && policy != nullptr &&
         !policy->WithinRoots(FolderOf(resolved_))) {
-      requester.Refuse("outside the copy roots:", path);
+      requester.Refuse("cCopyTarget::Open", "outside the copy roots:", path);
       state = kCopyDenied;
       return;
     }
     if (!requester.MayReach(resolved_, platform::tAccess::eWrite)) {
-      requester.Refuse("its user may not write", path);
+      requester.Refuse("cCopyTarget::Open", "its user may not write", path);
       state = kCopyDenied;
       return;
     }
@@ -260,7 +271,7 @@ int cCopyTarget::Open(const cCopyRequester& requester, const std::string& path, 
       file_ = platform::cFile::CreateNew(temporary_);
     }
     if (!file_.IsOpen()) {
-      VLOG_ERROR("cFileCopy - cannot open %s for writing: %s", path, file_.Why());
+      state = requester.OpenFailed("cCopyTarget::Open", "writing", path, file_.Error(), file_.Why());
       temporary_.clear();
       return;
     }
@@ -276,18 +287,18 @@ int cCopyTarget::Commit() {
   if (temporary_.empty()) return kCopyOpenFailed;
   if (!file_.Close()) {
     const int error = platform::gLastFileError();
-    VLOG_ERROR("cFileCopy - closing %s failed: %s", temporary_, platform::gFileErrorText(error));
+    VLOG_ERROR("cCopyTarget::Commit - closing %s failed: %s", temporary_, platform::gFileErrorText(error));
     Discard();
     return kCopyCloseFailed;
   }
   bool renamed = false;
   int error = 0;
-  requester_->AsRequester(resolved_, [&] {
+  requester_->AsRequester("cCopyTarget::Commit", resolved_, [&] {
     renamed = platform::gRenameFile(temporary_, resolved_);
     error = platform::gLastFileError();
   });
   if (!renamed) {
-    VLOG_ERROR("cFileCopy - cannot put %s in place: %s", resolved_, platform::gFileErrorText(error));
+    VLOG_ERROR("cCopyTarget::Commit - cannot put %s in place: %s", resolved_, platform::gFileErrorText(error));
     Discard();
     return kCopyCloseFailed;
   }
@@ -301,8 +312,9 @@ void cCopyTarget::Discard() {
   const std::string temporary = std::move(temporary_);
   temporary_.clear();
   bool removed = false;
-  if (requester_ != nullptr) requester_->AsRequester(temporary, [&] { removed = platform::gRemoveFile(temporary); });
-  if (!removed) VLOG_WARN("cFileCopy - cannot remove the temporary file %s", temporary);
+  if (requester_ != nullptr)
+    requester_->AsRequester("cCopyTarget::Discard", temporary, [&] { removed = platform::gRemoveFile(temporary); });
+  if (!removed) VLOG_WARN("cCopyTarget::Discard - cannot remove the temporary file %s", temporary);
 }
 
 // ---- request data ---------------------------------------------------------------

@@ -69,11 +69,14 @@ class cCopyRequester {
   // Runs `step` with the requester's file identity; false when that identity
   // cannot be taken (logged).
   template <class Step>
-  bool AsRequester(const std::string& path, Step step) const;
+  bool AsRequester(const char* operation, const std::string& path, Step step) const;
   // The rights check for a local client whose identity is not taken; true when
   // `path` (resolved) may be reached.
   bool MayReach(const std::string& resolved, vantrel::platform::tAccess access) const;
-  bool Refuse(const char* what, const std::string& path) const;
+  bool Refuse(const char* operation, const char* what, const std::string& path) const;
+  // Logs a failed open of `path` for "reading" or "writing"; the completion state.
+  int OpenFailed(const char* operation, const char* purpose, const std::string& path, int error,
+                 const std::string& why) const;
 
   tKind kind_ = tKind::eService;
   std::string who_ = "the service";

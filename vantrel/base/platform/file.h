@@ -39,6 +39,8 @@ std::optional<cFileStatus> gFileStatus(const std::string& path);
 // The calling thread's last file error number and its text.
 int gLastFileError();
 std::string gFileErrorText(int code);
+// True when `code` says the caller's rights do not allow the operation.
+bool gIsAccessDenied(int code);
 
 // One open file. Move-only; closed by Close or the destructor.
 class cFile {
@@ -62,6 +64,8 @@ class cFile {
   bool IsOpen() const { return handle_ >= 0; }
   // Why the open failed: the system's text, or "not a regular file".
   const std::string& Why() const { return why_; }
+  // The system's error number of a failed open (0 for a file of the wrong kind).
+  int Error() const { return error_; }
 
   // Reads until `size` bytes or the end of the file; the bytes read, or
   // nothing on a read error. Fewer than `size` means the end was reached.
@@ -74,6 +78,7 @@ class cFile {
 
  private:
   int handle_ = -1;
+  int error_ = 0;
   std::string why_;
 };
 

@@ -52,14 +52,19 @@ int gLastFileError() { return errno; }
 
 std::string gFileErrorText(int code) { return std::strerror(code); }
 
+bool gIsAccessDenied(int code) { return code == EACCES || code == EPERM; }
+
 cFile::~cFile() { Close(); }
 
-cFile::cFile(cFile&& other) noexcept : handle_(other.handle_), why_(std::move(other.why_)) { other.handle_ = -1; }
+cFile::cFile(cFile&& other) noexcept : handle_(other.handle_), error_(other.error_), why_(std::move(other.why_)) {
+  other.handle_ = -1;
+}
 
 cFile& cFile::operator=(cFile&& other) noexcept {
   if (this != &other) {
     Close();
     handle_ = other.handle_;
+    error_ = other.error_;
     why_ = std::move(other.why_);
     other.handle_ = -1;
   }
@@ -72,7 +77,8 @@ cFile cFile::OpenRegularForReading(const std::string& path) {
   // kind is checked on what was opened, not on the path, which may change.
   const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) {
-    file.why_ = std::strerror(errno);
+    file.error_ = errno;
+    file.why_ = std::strerror(file.error_);
     return file;
   }
   struct stat st {};
@@ -95,7 +101,8 @@ cFile cFile::CreateNew(const std::string& path) {
   cFile file;
   const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW, 0666);
   if (fd < 0) {
-    file.why_ = std::strerror(errno);
+    file.error_ = errno;
+    file.why_ = std::strerror(file.error_);
     return file;
   }
   file.handle_ = fd;

@@ -1,0 +1,82 @@
+// Whose rights a file operation uses, through the platform header only.
+#include "vantrel/base/platform/fileuser.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <future>
+#include <string>
+
+#include "tests/support/testutil.h"
+
+namespace vantrel::platform {
+namespace {
+
+TEST(FileUser, TheUserBehindALoopbackConnectionIsFound) {
+  cSocketResult result;
+  const tSocket listener = gOpenStreamSocket(tAddressFamily::eIPv4, result);
+  ASSERT_NE(listener, kNoSocket);
+  ASSERT_TRUE(gBindIPv4(listener, tListenAddress::eLoopback, 0).Ok());
+  ASSERT_TRUE(gListen(listener).Ok());
+  const tSocket client = gOpenStreamSocket(tAddressFamily::eIPv4, result);
+  const auto address = gLookUp("127.0.0.1", gLocalEndpoint(listener).port, tLookup::eIPv4Only);
+  ASSERT_FALSE(address.addresses.empty());
+  gStartConnect(client, address.addresses[0]);
+  tSocket accepted = kNoSocket;
+  ASSERT_TRUE(vantrel::test::WaitUntil([&] { return (accepted = gAccept(listener, result)) != kNoSocket; }));
+  EXPECT_EQ(gLoopbackPeerUser(accepted), gProcessUser());
+  // A listener has no peer.
+  EXPECT_FALSE(gLoopbackPeerUser(listener).has_value());
+  for (tSocket socket : {accepted, client, listener}) gCloseSocket(socket);
+}
+
+TEST(FileUser, PermissionBitsAreReadForOwnerGroupAndOthers) {
+  const cUserAccount user{1000, 1000, {1000, 50}, "user"};
+  const struct {
+    std::uint32_t owner, group, mode;
+    bool read, write;
+  } cases[] = {
+      {1000, 0, 0600, true, true},  {1000, 50, 0060, false, false}, {0, 50, 0640, true, false},
+      {0, 0, 0604, true, false},    {0, 0, 0660, false, false},      {0, 1000, 0020, false, true},
+  };
+  for (const auto& c : cases) {
+    cFileStatus status;
+    status.owner = c.owner;
+    status.group = c.group;
+    status.mode = c.mode;
+    SCOPED_TRACE(std::to_string(c.owner) + " " + std::to_string(c.group) + " " + std::to_string(c.mode));
+    EXPECT_EQ(gUserMay(user, status, tAccess::eRead), c.read);
+    EXPECT_EQ(gUserMay(user, status, tAccess::eWrite), c.write);
+  }
+}
+
+TEST(FileUser, AThreadOpensFilesAsAnotherUserAndOnlyThatThread) {
+  if (!gCanSwitchFileUser()) GTEST_SKIP() << "this process may not take another user's file identity";
+  const auto nobody = gLookUpUser(65534);
+  if (!nobody) GTEST_SKIP() << "no user 65534 on this system";
+  vantrel::test::TempDir dir;
+  std::filesystem::permissions(dir.path(), std::filesystem::perms::all);
+  const std::string secret = dir.write("secret", "root only");
+  std::filesystem::permissions(secret, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+
+  std::promise<void> switched, checked;
+  auto other = std::async(std::launch::async, [&] {
+    cFileUserScope scope(*nobody);
+    EXPECT_TRUE(scope.Active());
+    EXPECT_FALSE(cFile::OpenRegularForReading(secret).IsOpen());
+    EXPECT_TRUE(cFile::CreateNew(dir.file("by-nobody")).IsOpen());
+    switched.set_value();
+    checked.get_future().wait();
+  });
+  switched.get_future().wait();
+  // Meanwhile this thread keeps the process's own identity.
+  EXPECT_TRUE(cFile::OpenRegularForReading(secret).IsOpen());
+  EXPECT_TRUE(cFile::CreateNew(dir.file("by-me")).IsOpen());
+  checked.set_value();
+  other.get();
+  EXPECT_EQ(gFileStatus(dir.file("by-nobody"))->owner, 65534u);
+  EXPECT_EQ(gFileStatus(dir.file("by-me"))->owner, gProcessUser());
+}
+
+}  // namespace
+}  // namespace vantrel::platform
