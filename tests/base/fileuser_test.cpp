@@ -36,8 +36,8 @@ TEST(FileUser, PermissionBitsAreReadForOwnerGroupAndOthers) {
     std::uint32_t owner, group, mode;
     bool read, write;
   } cases[] = {
-      {1000, 0, 0600, true, true},  {1000, 50, 0060, false, false}, {0, 50, 0640, true, false},
-      {0, 0, 0604, true, false},    {0, 0, 0660, false, false},      {0, 1000, 0020, false, true},
+      {1000, 0, 0600, true, true}, {1000, 50, 0060, false, false}, {0, 50, 0640, true, false},
+      {0, 0, 0604, true, false},   {0, 0, 0660, false, false},     {0, 1000, 0020, false, true},
   };
   for (const auto& c : cases) {
     cFileStatus status;

@@ -12,6 +12,9 @@
 #include "tests/support/servicehelper.h"
 #include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/env/settings.h"
+#include "vantrel/base/platform/file.h"
+#include "vantrel/base/platform/fileuser.h"
+#include "vantrel/base/platform/process.h"
 #include "vantrel/net/FileTransferHandler.h"
 #include "vantrel/service/vantrelclass.h"
 #include "vantrel/support/associativearray.h"
@@ -380,6 +383,66 @@ TEST_F(CopyAcrossServicesTest, CopiesFromOtherHostsStayInsideTheRootsAndCopiesHe
   EXPECT_EQ(state(onR), kCopySameFile);
   EXPECT_EQ(ReadFile(source), "content");
   EXPECT_FALSE(log.contains("Creating new CVantrelHostConnection(" + host));
+}
+
+// ---- two local users ------------------------------------------------------------------
+
+// A second local user for the test's life, and a client run as that user.
+class TwoUsersTest : public ::testing::Test {
+ protected:
+  static constexpr const char* kUser = "vantrelcopytest";
+  void SetUp() override {
+    if (vantrel::platform::gProcessUser() != 0) GTEST_SKIP() << "needs root to create a second user and run as it";
+    run("/usr/sbin/userdel", {kUser});
+    ASSERT_EQ(run("/usr/sbin/useradd", {"--no-create-home", "--shell", "/usr/sbin/nologin", kUser}), 0);
+    std::filesystem::permissions(files.path(), std::filesystem::perms::owner_all | std::filesystem::perms::group_read |
+                                                   std::filesystem::perms::group_exec |
+                                                   std::filesystem::perms::others_read |
+                                                   std::filesystem::perms::others_exec);
+    ASSERT_TRUE(service.launch()) << service.log();
+  }
+  void TearDown() override {
+    if (vantrel::platform::gProcessUser() == 0) run("/usr/sbin/userdel", {kUser});
+  }
+  static int run(const std::string& program, const std::vector<std::string>& arguments) {
+    return RQPRunAndCapture(program, arguments, nTime::cDiff::FromSeconds(30)).exitCode;
+  }
+  // A file of `owner` readable by it alone.
+  std::string privateFile(const std::string& name, const std::string& owner) {
+    const std::string path = files.write(name, name);
+    std::filesystem::permissions(path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    EXPECT_EQ(run("/bin/chown", {owner, path}), 0);
+    return path;
+  }
+  // vantrel-cli, run as the second user, copies `local` to `remote` on this host.
+  int copyAsUser(const std::string& local, const std::string& remote) {
+    return run("/usr/sbin/runuser", {"-u", kUser, "--", VANTREL_BINARY_DIR "/programs/vantrel-cli", "--port",
+                                     std::to_string(service.clientsPort()), "copy", local, service.hostText(), remote});
+  }
+
+  TempDir files;
+  ServiceProcess service;
+};
+
+TEST_F(TwoUsersTest, AClientCopiesWithItsOwnUsersRights) {
+  const std::string theirs = privateFile("theirs", "root");
+  const std::string mine = privateFile("mine", kUser);
+  std::filesystem::create_directory(files.file("out"));
+  ASSERT_EQ(run("/bin/chown", {kUser, files.file("out")}), 0);
+  std::filesystem::create_directory(files.file("closed"));
+
+  // Another user's private file cannot be read; the user's own file can, but
+  // not into a folder the user may not write.
+  EXPECT_NE(copyAsUser(theirs, files.file("out/stolen")), 0);
+  EXPECT_FALSE(Exists(files.file("out/stolen")));
+  EXPECT_TRUE(service.waitLog("refused: its user may not read " + theirs)) << service.log();
+  EXPECT_NE(copyAsUser(mine, files.file("closed/copy")), 0);
+  EXPECT_FALSE(Exists(files.file("closed/copy")));
+  EXPECT_EQ(copyAsUser(mine, files.file("out/copy")), 0) << service.log();
+  EXPECT_EQ(ReadFile(files.file("out/copy")), "mine");
+  // Made by the user, not by the service.
+  EXPECT_EQ(vantrel::platform::gFileStatus(files.file("out/copy"))->owner,
+            vantrel::platform::gFileStatus(files.file("out"))->owner);
 }
 }  // namespace
 }  // namespace vantrel::test
