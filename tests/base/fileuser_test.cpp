@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <future>
 #include <string>
+#include <tuple>
 
 #include "tests/support/testutil.h"
 
@@ -31,22 +32,18 @@ TEST(FileUser, TheUserBehindALoopbackConnectionIsFound) {
 }
 
 TEST(FileUser, PermissionBitsAreReadForOwnerGroupAndOthers) {
+  // The owner's bits count for the owner even where the group's would allow more.
   const cUserAccount user{1000, 1000, {1000, 50}, "user"};
-  const struct {
-    std::uint32_t owner, group, mode;
-    bool read, write;
-  } cases[] = {
-      {1000, 0, 0600, true, true}, {1000, 50, 0060, false, false}, {0, 50, 0640, true, false},
-      {0, 0, 0604, true, false},   {0, 0, 0660, false, false},     {0, 1000, 0020, false, true},
-  };
-  for (const auto& c : cases) {
+  for (const auto& [owner, group, mode, read, write] : {std::tuple{1000u, 0u, 0600u, true, true},
+                                                        {1000u, 50u, 0060u, false, false},
+                                                        {0u, 50u, 0640u, true, false},
+                                                        {0u, 0u, 0604u, true, false},
+                                                        {0u, 0u, 0660u, false, false},
+                                                        {0u, 1000u, 0020u, false, true}}) {
     cFileStatus status;
-    status.owner = c.owner;
-    status.group = c.group;
-    status.mode = c.mode;
-    SCOPED_TRACE(std::to_string(c.owner) + " " + std::to_string(c.group) + " " + std::to_string(c.mode));
-    EXPECT_EQ(gUserMay(user, status, tAccess::eRead), c.read);
-    EXPECT_EQ(gUserMay(user, status, tAccess::eWrite), c.write);
+    std::tie(status.owner, status.group, status.mode) = std::tie(owner, group, mode);
+    EXPECT_EQ(gUserMay(user, status, tAccess::eRead), read) << mode;
+    EXPECT_EQ(gUserMay(user, status, tAccess::eWrite), write) << mode;
   }
 }
 

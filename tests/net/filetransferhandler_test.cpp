@@ -158,42 +158,6 @@ TEST(FileTransferHandlerSend, FinalReportKeepsItsDigitCountAndARefusalIsNoCopy) 
   }
 }
 
-// What the sender's hook does to the source after its first chunk was read.
-std::string gChangedSource;
-char gChange = 0;
-void ChangeSource(const std::string& path, std::uint64_t) {
-  if (path != gChangedSource || gChange == 0) return;
-  if (gChange == 't') std::filesystem::resize_file(path, kFileChunkSize + 10);
-  if (gChange == 'a') std::ofstream(path, std::ios::app) << "more";
-  gChange = 0;
-}
-
-TEST(FileTransferHandlerSend, ASourceThatChangesDuringTheCopyIsAbandoned) {
-  TempDir dir;
-  CFileTransferHandler::SetChunkReadHook(&ChangeSource);
-  for (const char change : {'t', 'a'}) {
-    SCOPED_TRACE(change);
-    gChangedSource = dir.write(std::string("src") + change, Bytes(kFileChunkSize * 3));
-    gChange = change;
-    ScriptedLink link;
-    CFileTransferHandler handler(&link);
-    auto sent = std::async(std::launch::async, [&] { return handler.SendFile(gChangedSource, "/remote", Request()); });
-    link.at(0);
-    Feed(handler, {kFileAccepted});
-    // Chunks go out until the change shows; then the sender aborts.
-    std::string last = " ";
-    for (std::size_t i = 1; last.back() != kFileAbort; ++i) {
-      last = link.at(i);
-      ASSERT_NE(last, "<none>");
-      ASSERT_NE(last.back(), kFileLastChunk) << "a changed source was sent as complete";
-      if (last.back() == kFileChunk) Ack(handler, link);
-    }
-    Feed(handler, std::string("50") + kFileFinal);
-    EXPECT_EQ(sent.get()->state, kCopyReadFailed);
-  }
-  CFileTransferHandler::SetChunkReadHook(nullptr);
-}
-
 TEST_F(FileTransferHandlerTest, StopWakesSenderAndReceiverAndEndsLaterTransfers) {
   const std::string source = dir.write("src", Bytes(kFileChunkSize * 10));
   const std::string destination = dir.file("dst");

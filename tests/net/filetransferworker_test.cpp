@@ -24,19 +24,17 @@ class FaultyLink : public iFileTransferWorkerLink {
  public:
   explicit FaultyLink(std::string fault) : fault_(std::move(fault)) {}
   void PostFileEvent(std::unique_ptr<VantrelHostEvent>) override { failOnce("post"); }
-  bool IsConnected() const override {
-    const_cast<FaultyLink*>(this)->failOnce("connect");
-    return true;
-  }
+  bool IsConnected() const override { return failOnce("connect"); }
   bool AwaitConnection() override { return true; }
   std::string HostText() const override { return "peer~1"; }
 
  private:
-  void failOnce(const std::string& step) {
+  bool failOnce(const std::string& step) const {
     if (step == fault_ && !failed_.exchange(true)) throw std::runtime_error("injected at " + step);
+    return true;
   }
   std::string fault_;
-  std::atomic<bool> failed_{false};
+  mutable std::atomic<bool> failed_{false};
 };
 
 // Keeps the answers meant for local clients as "type:data".
@@ -47,9 +45,9 @@ class AnswerRouter : public iVantrelRouter {
   void removeClient(iVantrelClientSession*) override {}
   void removeHost(iVantrelHostLink*) override {}
   bool dispatchClientEvent(VantrelClientEvent* event) override {
+    std::unique_ptr<VantrelClientEvent> owned(event);
     std::lock_guard<std::mutex> lock(mutex_);
     answers_.push_back(std::to_string(event->getType()) + ":" + std::string(event->getData(), event->getDatalen()));
-    delete event;
     return true;
   }
   bool dispatchHostEvent(VantrelHostEvent*) override { return false; }
@@ -58,8 +56,6 @@ class AnswerRouter : public iVantrelRouter {
     std::lock_guard<std::mutex> lock(mutex_);
     return answers_;
   }
-
- private:
   std::mutex mutex_;
   std::vector<std::string> answers_;
 };
