@@ -5,11 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <mutex>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "tests/support/testutil.h"
 #include "vantrel/net/vantrellinks.h"

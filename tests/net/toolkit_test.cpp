@@ -110,8 +110,6 @@ TEST(ToolkitCopy, ACopyResultNeverExceedsTheMessageLimit) {
     ASSERT_TRUE(values.FromString(result->getData(), static_cast<long>(result->getDatalen())));
     EXPECT_EQ(values.GetValueOfParameter(vantrel::wire::kCopyState), "3");
     EXPECT_EQ(values.HasParameter("$A"), echoKept);
-    EXPECT_EQ(result->getMessageId(), 9u);
-    EXPECT_EQ(result->getToClient(), std::string("me"));
   }
 }
 
