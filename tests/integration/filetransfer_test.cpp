@@ -2,6 +2,7 @@
 // where the real ones cannot produce the traffic.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -239,17 +240,13 @@ class InProcessService : public CVantrelClass {
   void RestartProcess() override {}
 };
 
-// Once its first chunk was read, the source named here shrinks to 100,000
-// bytes, or grows by four when gGrow is set.
-std::string gChange;
-bool gGrow = false;
+// What happens to the next source once its first chunk was read: 's' it
+// shrinks to 100,000 bytes, 'g' it grows by four.
+std::atomic<char> gChange{0};
 void ChangeAfterFirstChunk(const std::string& path, std::uint64_t) {
-  if (path != gChange) return;
-  if (gGrow)
-    std::ofstream(path, std::ios::app) << "more";
-  else
-    std::filesystem::resize_file(path, 100000);
-  gChange.clear();
+  const char change = gChange.exchange(0);
+  if (change == 'g') std::ofstream(path, std::ios::app) << "more";
+  if (change == 's') std::filesystem::resize_file(path, 100000);
 }
 
 // Two services send to a third, whose copies from other hosts must stay inside `in/`.
@@ -297,8 +294,7 @@ TEST_F(CopyAcrossServicesTest, ConcurrentCopiesAndAChangingSourceNeverLeaveAMixt
   for (unsigned round = 0; round < 50; ++round) {
     const std::string before = ReadFile(destination);
     files.write("t", contentA);
-    gGrow = round % 2 == 1;
-    gChange = changing;
+    gChange = round % 2 == 1 ? 'g' : 's';
     ask(fromA, 100 + round, changing, destination);
     ASSERT_EQ(Describe(fromA.next(30s)), Completed(100 + round, kCopyReadFailed, changing));
     ASSERT_EQ(ReadFile(destination), before);

@@ -2,9 +2,14 @@
 
 #include <arpa/inet.h>
 #include <grp.h>
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <pwd.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -62,6 +67,58 @@ std::optional<std::uint32_t> FindInTable(const char* table, bool v6, const cEndp
   return std::nullopt;
 }
 
+// Asks the kernel for the one socket whose local end is `peer` and remote end
+// `ours` (the client's side of our connection): a single exact look-up, however
+// many sockets the host has. Nothing when the kernel cannot answer.
+std::optional<std::uint32_t> AskSocketDiagnostics(const sockaddr_storage& ours, const sockaddr_storage& peer) {
+  const int nl = ::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+  if (nl < 0) return std::nullopt;
+  timeval wait{1, 0};
+  ::setsockopt(nl, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  struct {
+    nlmsghdr header;
+    inet_diag_req_v2 request;
+  } message{};
+  message.header.nlmsg_len = sizeof message;
+  message.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+  message.header.nlmsg_flags = NLM_F_REQUEST;
+  inet_diag_req_v2& request = message.request;
+  request.sdiag_family = static_cast<std::uint8_t>(peer.ss_family);
+  request.sdiag_protocol = IPPROTO_TCP;
+  request.idiag_states = ~0u;
+  request.id.idiag_cookie[0] = request.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
+  if (peer.ss_family == AF_INET) {
+    const auto& from = reinterpret_cast<const sockaddr_in&>(peer);
+    const auto& to = reinterpret_cast<const sockaddr_in&>(ours);
+    request.id.idiag_sport = from.sin_port;
+    request.id.idiag_dport = to.sin_port;
+    std::memcpy(request.id.idiag_src, &from.sin_addr, sizeof from.sin_addr);
+    std::memcpy(request.id.idiag_dst, &to.sin_addr, sizeof to.sin_addr);
+  } else {
+    const auto& from = reinterpret_cast<const sockaddr_in6&>(peer);
+    const auto& to = reinterpret_cast<const sockaddr_in6&>(ours);
+    request.id.idiag_sport = from.sin6_port;
+    request.id.idiag_dport = to.sin6_port;
+    std::memcpy(request.id.idiag_src, &from.sin6_addr, sizeof from.sin6_addr);
+    std::memcpy(request.id.idiag_dst, &to.sin6_addr, sizeof to.sin6_addr);
+  }
+  sockaddr_nl kernel{};
+  kernel.nl_family = AF_NETLINK;
+  std::optional<std::uint32_t> user;
+  alignas(nlmsghdr) char reply[8192];
+  if (::sendto(nl, &message, sizeof message, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) ==
+      static_cast<ssize_t>(sizeof message)) {
+    const ssize_t got = ::recv(nl, reply, sizeof reply, 0);
+    const auto* header = reinterpret_cast<const nlmsghdr*>(reply);
+    if (got >= static_cast<ssize_t>(NLMSG_LENGTH(sizeof(inet_diag_msg))) && NLMSG_OK(header, got) &&
+        header->nlmsg_type == SOCK_DIAG_BY_FAMILY) {
+      user = static_cast<const inet_diag_msg*>(NLMSG_DATA(header))->idiag_uid;
+    }
+  }
+  ::close(nl);
+  return user;
+}
+
 std::vector<std::uint32_t> CurrentGroups() {
   const int count = ::getgroups(0, nullptr);
   std::vector<gid_t> groups(count > 0 ? static_cast<std::size_t>(count) : 0);
@@ -95,6 +152,15 @@ bool MayWithBits(const cUserAccount& account, const cFileStatus& status, std::ui
 }  // namespace
 
 std::optional<std::uint32_t> gLoopbackPeerUser(tSocket socket) {
+  sockaddr_storage ourAddress{}, peerAddress{};
+  socklen_t ourSize = sizeof ourAddress, peerSize = sizeof peerAddress;
+  const int fd = static_cast<int>(socket);
+  if (::getsockname(fd, reinterpret_cast<sockaddr*>(&ourAddress), &ourSize) == 0 &&
+      ::getpeername(fd, reinterpret_cast<sockaddr*>(&peerAddress), &peerSize) == 0 &&
+      (peerAddress.ss_family == AF_INET || peerAddress.ss_family == AF_INET6)) {
+    if (auto user = AskSocketDiagnostics(ourAddress, peerAddress)) return user;
+  }
+  // Without socket diagnostics (an older or restricted kernel), the tables.
   const cEndpoint ours = gLocalEndpoint(socket);
   const cEndpoint theirs = gPeerEndpoint(socket);
   if (ours.address.empty() || theirs.address.empty()) return std::nullopt;
