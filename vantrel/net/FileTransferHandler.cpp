@@ -165,8 +165,9 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     // A source that grew, shrank or was rewritten would arrive as a mixture of
     // two versions: the copy is abandoned instead.
     if (total > announced || (last && (total != announced || source.Changed()))) {
-      VLOG_ERROR("CFileTransferHandler::SendFile - %s changed during the copy (%llu bytes read, %llu announced)",
-                 localPath, static_cast<unsigned long long>(total), static_cast<unsigned long long>(announced));
+      VLOG_ERROR("CFileTransferHandler::SendFile - %s changed during the copy for %s (%llu bytes read, %llu announced)",
+                 localPath, requester.Who(), static_cast<unsigned long long>(total),
+                 static_cast<unsigned long long>(announced));
       break;
     }
     data[count] = last ? kFileLastChunk : kFileChunk;
@@ -289,8 +290,10 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
     }
     if (finished && stillReceiving) {
       if (announcedSize && total != *announcedSize) {
-        VLOG_ERROR("CFileTransferHandler::ReceiveFile - %llu bytes arrived for %s, %llu were announced; discarded",
-                   static_cast<unsigned long long>(total), dstPath, static_cast<unsigned long long>(*announcedSize));
+        VLOG_ERROR(
+            "CFileTransferHandler::ReceiveFile - %llu bytes arrived for %s from %s, %llu were announced; discarded",
+            static_cast<unsigned long long>(total), dstPath, requester.Who(),
+            static_cast<unsigned long long>(*announcedSize));
         target.Discard();
         state = kSenderFailed;
       } else {

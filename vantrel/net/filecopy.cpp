@@ -66,7 +66,7 @@ std::shared_ptr<const cCopyPolicy> cCopyPolicy::Make(const std::string& roots, c
           resolved && platform::gFileKind(*resolved) == platform::tFileKind::eDirectory) {
         policy->roots.push_back(*resolved);
       } else {
-        VLOG_WARN("cCopyPolicy - copy root %s is not a folder; copies from other hosts cannot use it", folder);
+        VLOG_WARN("cCopyPolicy::Make - copy root %s is not a folder; copies from other hosts cannot use it", folder);
       }
     }
     start = end + 1;
@@ -134,7 +134,7 @@ int cCopyRequester::OpenFailed(const char* operation, const char* purpose, const
     Refuse(operation, purpose[0] == 'r' ? "its user may not read" : "its user may not write", path);
     return kCopyDenied;
   }
-  VLOG_ERROR("%s - cannot open %s for %s: %s", operation, path, purpose, why);
+  VLOG_ERROR("%s - cannot open %s for %s (copy for %s): %s", operation, path, purpose, who_, why);
   return kCopyOpenFailed;
 }
 
@@ -224,13 +224,14 @@ int cCopyTarget::Open(const cCopyRequester& requester, const std::string& path, 
   const bool allowed = requester.AsRequester("cCopyTarget::Open", path, [&] {
     const std::string name = NameOf(path);
     if (name.empty() || name == "." || name == "..") {
-      VLOG_ERROR("cCopyTarget::Open - cannot open %s for writing: no file name", path);
+      VLOG_ERROR("cCopyTarget::Open - cannot open %s for writing (copy for %s): no file name", path, requester.Who());
       return;
     }
     const auto existing = platform::gFileStatus(path);
     if (existing && existing->kind != platform::tFileKind::eRegular) {
       // A device, pipe or folder is never written or replaced.
-      VLOG_ERROR("cCopyTarget::Open - cannot open %s for writing: not a regular file", path);
+      VLOG_ERROR("cCopyTarget::Open - cannot open %s for writing (copy for %s): not a regular file", path,
+                 requester.Who());
       return;
     }
     // An existing destination is written where its links lead; a new one in
