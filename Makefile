@@ -1,12 +1,14 @@
 # Two commands for a fresh Debian 12 machine:
 #   make run    install what is missing, build the release configuration, start the service
 #   make test   install what is missing, build, run the whole test suite
+#   make fuzz   build the fuzz targets (clang-14, libFuzzer) and run each for SECONDS (60)
 PRESET ?= default
 # Extra cache settings for the configure step, e.g. CMAKE_ARGS=-DVANTREL_WERROR=ON
 CMAKE_ARGS ?=
 JOBS   ?= $(shell nproc)
+SECONDS ?= 60
 
-.PHONY: deps build test run install bench clean
+.PHONY: deps build test run install bench fuzz clean
 
 deps:
 	@scripts/install-deps
@@ -32,6 +34,9 @@ bench: deps
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
 	./build/release/bench/vantrel-bench
+
+fuzz: deps
+	JOBS=$(JOBS) scripts/fuzz $(SECONDS)
 
 clean:
 	rm -rf build

@@ -1,6 +1,5 @@
 #include "vantrel/net/vantrelclientconnection.h"
 
-#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -8,6 +7,7 @@
 #include "vantrel/base/platform/fileuser.h"
 #include "vantrel/base/socket/latency.h"
 #include "vantrel/message/wire.h"
+#include "vantrel/net/greeting.h"
 
 using namespace vantrel::wire;
 using nCommunication::nSocket::nImplementation_sho::gLatencyConfiguration;
@@ -62,7 +62,8 @@ void CVantrelClientConnection::runWriter() {
 }
 
 bool CVantrelClientConnection::greet(char* data, unsigned length, short type) {
-  if (length < kGreetingSize || data == nullptr) {
+  std::string name;
+  if (!gReadGreetingName(data, length, name)) {
     VLOG_ERROR("CVantrelClientConnection::doReading - greeting of %u bytes is too short, connection closed", length);
     return false;
   }
@@ -70,12 +71,7 @@ bool CVantrelClientConnection::greet(char* data, unsigned length, short type) {
     VLOG_ERROR("CVantrelClientConnection::doReading - no session can be made, connection closed");
     return false;
   }
-  const std::string name(data + kGreetingNameOffset, strnlen(data + kGreetingNameOffset, kGreetingFieldSize));
-  // The host field is filled the way a bounded string copy does it: padded with
-  // zeros, and without a terminator when the text fills the field.
-  std::strncpy(data + kGreetingHostOffset, context_->hostName.c_str(), kGreetingFieldSize);
-  const std::uint16_t port = context_->netPort;
-  std::memcpy(data + kGreetingPortOffset, &port, sizeof port);
+  gFillGreetingReply(data, context_->hostName, context_->netPort);
 
   // Registered before the reply goes out, so the client is reachable as soon as
   // it knows it is connected.

@@ -28,6 +28,15 @@ cTlsSettings TlsSettings(const cVantrelTlsChoice& tls) {
 }
 }  // namespace
 
+tLinkHandshake gReadLinkHandshake(short type, short subtype, const char* data, unsigned length, std::string& peer) {
+  // The host text is sent with its terminating zero; the last byte is never
+  // part of it, whatever it holds.
+  peer.assign(data, data != nullptr && length > 0 ? strnlen(data, length - 1) : 0);
+  if (subtype != kVersionMarker) return tLinkHandshake::eObsolete;
+  if (type != kHostName || peer.empty()) return tLinkHandshake::eNotHostName;
+  return tLinkHandshake::eOk;
+}
+
 CVantrelHostConnection::CVantrelHostConnection(const std::string& hostText,
                                                std::shared_ptr<const cVantrelConnectionContext> context)
     : context_(std::move(context)),
@@ -173,9 +182,10 @@ bool CVantrelHostConnection::receiveHandshake() {
     connectFailed();
     return false;
   }
-  const std::string peer(data, length > 0 ? strnlen(data, length - 1) : 0);
+  std::string peer;
+  const tLinkHandshake handshake = gReadLinkHandshake(type, subtype, data, length, peer);
   StreamSocket::FreeMessage(data);
-  if (subtype != kVersionMarker) {
+  if (handshake == tLinkHandshake::eObsolete) {
     VLOG_ERROR(
         "CVantrelHostConnection::doReading - Error receiving connection from host %s, Vantrel version there is "
         "Obsolete.",
@@ -183,7 +193,7 @@ bool CVantrelHostConnection::receiveHandshake() {
     connectFailed();
     return false;
   }
-  if (type != kHostName || peer.empty()) {
+  if (handshake != tLinkHandshake::eOk) {
     VLOG_ERROR("CVantrelHostConnection::doReading - first message from %s is not a host-name message (type %d)",
                socket_.PeerAddress(), type);
     connectFailed();

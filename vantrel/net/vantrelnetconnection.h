@@ -123,3 +123,11 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   // Last member: its threads are joined before anything they use goes.
   cFileTransferWorker files_;
 };
+
+// What the first frame of an incoming link says. eOk: a host-name message of
+// this protocol version naming a host, whose text is then in `peer`;
+// eObsolete: a frame of another protocol version; eNotHostName: anything else.
+// `peer` holds the text up to the first zero in every case, for the log. Pure:
+// reads only the `length` bytes of `data`; any thread.
+enum class tLinkHandshake { eOk, eObsolete, eNotHostName };
+tLinkHandshake gReadLinkHandshake(short type, short subtype, const char* data, unsigned length, std::string& peer);

@@ -65,9 +65,10 @@ std::string Quote(std::string_view line) {
   return line.size() <= kMax ? std::string(line) : std::string(line.substr(0, kMax)) + "...";
 }
 
-std::unique_ptr<cTable> Parse(std::string_view text, const std::string& origin) {
-  auto table = std::make_unique<cTable>();
-  table->origin = origin;
+}  // namespace
+
+std::unordered_map<std::string, std::string> gParseSettings(std::string_view text, const std::string& origin) {
+  std::unordered_map<std::string, std::string> values;
   if (text.substr(0, 3) == "\xEF\xBB\xBF") text.remove_prefix(3);  // UTF-8 byte order mark
 
   int lineNo = 0;
@@ -91,12 +92,14 @@ std::unique_ptr<cTable> Parse(std::string_view text, const std::string& origin) 
       continue;
     }
     const std::string_view value = Trim(line.substr(eq + 1));
-    auto [it, inserted] = table->values.insert_or_assign(Lower(key), std::string(value));
+    auto [it, inserted] = values.insert_or_assign(Lower(key), std::string(value));
     if (!inserted)
       VLOG_WARN("nEnvSettings - %s:%d: key %s given again; this later value is used", origin, lineNo, std::string(key));
   }
-  return table;
+  return values;
 }
+
+namespace {
 
 int Register(std::unique_ptr<const cTable> table) {
   cRegistry& registry = Registry();
@@ -132,7 +135,9 @@ int gBuiltInDefaultsTable() {
   return handle;
 }
 
-int gLoadTableFromText(std::string_view text, const std::string& origin) { return Register(Parse(text, origin)); }
+int gLoadTableFromText(std::string_view text, const std::string& origin) {
+  return Register(std::make_unique<const cTable>(cTable{origin, gParseSettings(text, origin)}));
+}
 
 bool gLoadTableFromFile(const std::string& path, int& table) {
   std::error_code ec;

@@ -18,6 +18,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "vantrel/base/env/envcontainer.h"
@@ -63,6 +64,10 @@ bool gLoadTableFromFile(const std::string& path, int& table);
 
 // Parses `text` into a new table; `origin` names it in log lines.
 int gLoadTableFromText(std::string_view text, const std::string& origin);
+
+// The parse alone: the keys (lower case) and values that a table of `text`
+// would hold. Lines it skips are logged as above; registers nothing.
+std::unordered_map<std::string, std::string> gParseSettings(std::string_view text, const std::string& origin);
 
 // The built-in defaults: the text of the default settings file shipped with the
 // product, and the table parsed from it (parsed once, on first use).
