@@ -1,6 +1,7 @@
 // The client library against a scripted service on a real loopback socket.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <future>
 #include <mutex>
@@ -10,8 +11,10 @@
 #include "tests/support/scriptedservice.h"
 #include "tests/support/testutil.h"
 #include "vantrel/base/config/vantrelini.h"
+#include "vantrel/base/platform/manualevent.h"
 #include "vantrel/client/vantrelclientobj.h"
 #include "vantrel/client/vantrelclientobjimp.h"
+#include "vantrel/message/clientname.h"
 #include "vantrel/message/wire.h"
 
 using vantrel::test::LogCapture;
@@ -80,15 +83,42 @@ TEST(ClientLibrary, GreetingRefusedOrUnansweredFailsInit) {
   }
 }
 
-TEST(ClientLibrary, PortZeroTakesTheEnvironmentOrTheDefault) {
-  {
-    ScriptedService service;
-    ScopedEnv env("VANTREL_CLIENT_PORT", std::to_string(service.Port()));
-    LogCapture log;
+TEST(ClientLibrary, NamesAndThePortFromTheEnvironmentAreCheckedBeforeConnecting) {
+  ScriptedService service;
+  const std::string port = std::to_string(service.Port());
+  const std::string longest(kMaxClientNameSize, 'n');
+  struct {
+    std::string name;
+    const char* env;  // VANTREL_CLIENT_PORT for a registration with port 0; null: the service's port
+    const char* why;  // in the error text; null: registered
+  } cases[] = {
+      {longest + "n", nullptr, "256 bytes long"},
+      {"two\nlines", nullptr, "control character 0x0a"},
+      {"del\x7f", nullptr, "control character 0x7f"},
+      {"tester", "9011x", "VANTREL_CLIENT_PORT \"9011x\" is not a whole number"},
+      {"tester", "70000", "not between 0 and 65535"},
+      {"tester", " 9010", "not a number"},
+      // Registered last: its greeting is the first the service sees, so none of the above connected.
+      {longest, port.c_str(), nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name.substr(0, 20) + (c.env ? std::string(" env ") + c.env : std::string()));
+    ScopedEnv env("VANTREL_CLIENT_PORT", c.env);
     cVantrelClientObject client;
-    EXPECT_TRUE(client.NETInitZ641("tester", 0));
-    EXPECT_TRUE(log.contains("port null"));
-    EXPECT_TRUE(service.WaitConnections(1));
+    const bool registered = client.NETInitZ641(c.name.c_str(), c.env ? 0 : service.Port());
+    EXPECT_EQ(registered, c.why == nullptr);
+    if (c.why != nullptr) {
+      EXPECT_EQ(client.NETGetLastStatus(), kStatusNotInitialised);
+      EXPECT_NE(std::string(client.NETGetLastErrorMessage()).find(c.why), std::string::npos)
+          << client.NETGetLastErrorMessage();
+      continue;
+    }
+    // A name too long for the greeting's field travels whole after it.
+    auto greeting = service.NextFrame(0);
+    ASSERT_TRUE(greeting);
+    EXPECT_EQ(vantrel::GreetingClientName(greeting->data.data(), greeting->data.size()), longest);
+    EXPECT_EQ(std::string(client.NETWhoAmI()).substr(0, longest.size() + 1), longest + "@");
+    EXPECT_STREQ(client.NETGetLastErrorMessage(), "");
   }
   unsetenv("VANTREL_CLIENT_PORT");
   std::unique_ptr<ScriptedService> onDefault;
@@ -236,6 +266,62 @@ TEST(ClientLibrary, HookSeesChannelsZeroAndTwoOnlyAndBadSubtypesAreDropped) {
   EXPECT_TRUE(log.contains("subtype 7 dropped"));
   EXPECT_TRUE(log.contains("subtype -1 dropped"));
   EXPECT_EQ(client.NETFetchMessage(), nullptr);
+}
+
+// On its first message the hook ends its own session, on the library's reader
+// thread: by registering again, or by deleting its client object.
+class SelfEndingClient : public cVantrelClientObject {
+ public:
+  struct cOutcome {
+    RQPManualEvent done;
+    std::atomic<bool> reregistered{false};
+  };
+  SelfEndingClient(bool deleteItself, unsigned short port, std::shared_ptr<cOutcome> outcome)
+      : deleteItself_(deleteItself), port_(port), outcome_(std::move(outcome)) {}
+  ~SelfEndingClient() override { NETTerminate(); }
+  bool NewMessageEvent(cTypedMessageObject* message, short) override {
+    delete message;
+    const std::shared_ptr<cOutcome> outcome = outcome_;  // members are gone after a delete
+    if (deleteItself_)
+      delete this;
+    else
+      outcome->reregistered = NETInitZ641("again", port_);
+    outcome->done.Set();
+    return false;
+  }
+
+ private:
+  const bool deleteItself_;
+  const unsigned short port_;
+  const std::shared_ptr<cOutcome> outcome_;
+};
+
+TEST(ClientLibrary, HookMayReregisterOrDeleteItsOwnClient) {
+  for (const bool deleteItself : {false, true}) {
+    SCOPED_TRACE(deleteItself ? "delete" : "register again");
+    ScriptedService service;
+    auto outcome = std::make_shared<SelfEndingClient::cOutcome>();
+    auto* client = new SelfEndingClient(deleteItself, service.Port(), outcome);
+    Register(*client, service, 0);
+    ASSERT_TRUE(service.SendRecord(0, kLocalSend, kChannelMessages, "end"));
+    ASSERT_EQ(outcome->done.Wait(10000), 1);
+    // The first session ended in order, whatever the hook did.
+    auto farewell = service.NextFrame(0);
+    ASSERT_TRUE(farewell);
+    EXPECT_EQ(farewell->type, kFarewell);
+    EXPECT_TRUE(service.WaitPeerClosed(0));
+    if (deleteItself) continue;
+    ASSERT_TRUE(outcome->reregistered);
+    auto greeting = service.NextFrame(1);
+    ASSERT_TRUE(greeting);
+    EXPECT_STREQ(greeting->data.c_str() + kGreetingNameOffset, "again");
+    EXPECT_TRUE(client->NETSendMessageNoresponseZ1("x", 2, "peer@h"));
+    auto sent = service.NextFrame(1);
+    ASSERT_TRUE(sent);
+    EXPECT_EQ(sent->type, kSendNoResponse);
+    delete client;
+    EXPECT_TRUE(service.WaitPeerClosed(1));
+  }
 }
 
 TEST(ClientLibrary, TurningOffEndsWaitsAndDropsTraffic) {

@@ -88,7 +88,7 @@ void CFileTransferHandler::finish(int state) {
 std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::string& localPath,
                                                                     const std::string& dstPath,
                                                                     const cVantrelMessage& request) {
-  VLOG_INFO("CFileTransferHandler::SendFile(dstFilePath=%s) - starting", dstPath);
+  VLOG_INFO("CFileTransferHandler::SendFile(dstFilePath=%s) - starting", vantrel::log::Escaped(dstPath));
   auto result = std::make_unique<cFileTransferResult>();
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -105,7 +105,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
   }
   std::FILE* file = OpenUnbuffered(localPath, "rb");
   if (file == nullptr) {
-    VLOG_ERROR("CFileTransferHandler::SendFile - cannot open %s for reading: %s", localPath,
+    VLOG_ERROR("CFileTransferHandler::SendFile - cannot open %s for reading: %s", vantrel::log::Escaped(localPath),
                VantrelToolKit::GetErrorString(VantrelToolKit::hgGetLastError()));
     {
       // Nothing was asked of the peer, so nothing of it is to be accepted.
@@ -148,7 +148,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     char* data = chunk->mutableData();
     const std::size_t count = std::fread(data, 1, kFileChunkSize, file);
     if (count < kFileChunkSize && std::ferror(file)) {
-      VLOG_ERROR("CFileTransferHandler::SendFile - error reading %s", localPath);
+      VLOG_ERROR("CFileTransferHandler::SendFile - error reading %s", vantrel::log::Escaped(localPath));
       break;
     }
     const bool last = std::feof(file) != 0;
@@ -221,7 +221,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
 }
 
 int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrelMessage& request) {
-  VLOG_INFO("CFileTransferHandler::ReceiveFile(dstFilePath=%s) - starting", dstPath);
+  VLOG_INFO("CFileTransferHandler::ReceiveFile(dstFilePath=%s) - starting", vantrel::log::Escaped(dstPath));
   int state = kStopped;
   bool stopped = false;
   {
@@ -236,7 +236,7 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
   }
   std::FILE* file = stopped ? nullptr : OpenUnbuffered(dstPath, "wb");
   if (!stopped && file == nullptr) {
-    VLOG_ERROR("CFileTransferHandler::ReceiveFile - cannot open %s for writing: %s", dstPath,
+    VLOG_ERROR("CFileTransferHandler::ReceiveFile - cannot open %s for writing: %s", vantrel::log::Escaped(dstPath),
                VantrelToolKit::GetErrorString(VantrelToolKit::hgGetLastError()));
     state = kOpenFailed;
   }
@@ -256,7 +256,7 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
       const unsigned length = chunk->getDatalen();
       const char* data = chunk->getData();
       if (length > 1 && std::fwrite(data, 1, length - 1, file) != length - 1) {
-        VLOG_ERROR("CFileTransferHandler::ReceiveFile - error writing %s", dstPath);
+        VLOG_ERROR("CFileTransferHandler::ReceiveFile - error writing %s", vantrel::log::Escaped(dstPath));
         delete chunk;
         break;
       }
@@ -276,7 +276,8 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
     } else {
       chunks_.TerminateZ72();
       if (!VantrelToolKit::DeleteFileA(dstPath)) {
-        VLOG_ERROR("CFileTransferHandler::ReceiveFile - cannot delete the partial file %s", dstPath);
+        VLOG_ERROR("CFileTransferHandler::ReceiveFile - cannot delete the partial file %s",
+                   vantrel::log::Escaped(dstPath));
       }
       state = stillReceiving ? kReceiverGaveUp : kStopped;
     }
@@ -342,7 +343,7 @@ void CFileTransferHandler::HandleFileEvent(std::unique_ptr<VantrelHostEvent> eve
       int state = ParseFinalState(payload, payloadLength);
       if (state < 0) {
         VLOG_WARN("CFileTransferHandler::HandleFileEvent - final report '%s' is not a number, taken as a failure",
-                  std::string(payload, payloadLength));
+                  vantrel::log::Escaped(std::string(payload, payloadLength)));
       }
       finish(state);
       return;

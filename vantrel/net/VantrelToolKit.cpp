@@ -17,7 +17,8 @@ void DeletePartialDestination(const std::string& path) {
   if (!std::filesystem::is_regular_file(path, ec)) return;
   if (std::remove(path.c_str()) != 0) {
     const int error = errno;
-    VLOG_WARN("VantrelToolKit::CopyFile - could not delete %s: %s", path, VantrelToolKit::GetErrorString(error));
+    VLOG_WARN("VantrelToolKit::CopyFile - could not delete %s: %s", vantrel::log::Escaped(path),
+              VantrelToolKit::GetErrorString(error));
   }
 }
 
@@ -66,7 +67,8 @@ bool VantrelToolKit::CopyFileA(const std::string& source, const std::string& des
     const std::size_t got = std::fread(block.data(), 1, block.size(), in);
     if (got < block.size() && std::ferror(in)) {
       const int error = errno;
-      VLOG_ERROR("VantrelToolKit::CopyFile - reading %s failed: %s", source, GetErrorString(error));
+      VLOG_ERROR("VantrelToolKit::CopyFile - reading %s failed: %s", vantrel::log::Escaped(source),
+                 GetErrorString(error));
       std::fclose(in);
       std::fclose(out);
       DeletePartialDestination(destination);
@@ -75,7 +77,8 @@ bool VantrelToolKit::CopyFileA(const std::string& source, const std::string& des
     }
     if (got > 0 && std::fwrite(block.data(), 1, got, out) != got) {
       const int error = errno;
-      VLOG_ERROR("VantrelToolKit::CopyFile - writing %s failed: %s", destination, GetErrorString(error));
+      VLOG_ERROR("VantrelToolKit::CopyFile - writing %s failed: %s", vantrel::log::Escaped(destination),
+                 GetErrorString(error));
       std::fclose(in);
       std::fclose(out);
       DeletePartialDestination(destination);

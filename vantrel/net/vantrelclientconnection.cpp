@@ -6,6 +6,7 @@
 
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/socket/latency.h"
+#include "vantrel/message/clientname.h"
 #include "vantrel/message/wire.h"
 
 using namespace vantrel::wire;
@@ -46,13 +47,13 @@ void CVantrelClientConnection::runReader() {
     restartProcess();
   }
   Terminate(false);
-  VLOG_INFO("CVantrelClientConnection::StartReader - Done (%s,%d)", clientName(), port_);
+  VLOG_INFO("CVantrelClientConnection::StartReader - Done (%s,%d)", vantrel::log::Escaped(clientName()), port_);
 }
 
 void CVantrelClientConnection::runWriter() {
   doWriting();
   Terminate(false);
-  VLOG_INFO("CVantrelClientConnection::StartWriter - Done (%s,%d)", clientName(), port_);
+  VLOG_INFO("CVantrelClientConnection::StartWriter - Done (%s,%d)", vantrel::log::Escaped(clientName()), port_);
 }
 
 bool CVantrelClientConnection::greet(char* data, unsigned length, short type) {
@@ -64,7 +65,14 @@ bool CVantrelClientConnection::greet(char* data, unsigned length, short type) {
     VLOG_ERROR("CVantrelClientConnection::doReading - no session can be made, connection closed");
     return false;
   }
-  const std::string name(data + kGreetingNameOffset, strnlen(data + kGreetingNameOffset, kGreetingFieldSize));
+  const std::string name = vantrel::GreetingClientName(data, length);
+  if (const std::string problem = vantrel::ClientNameProblem(name); !problem.empty()) {
+    VLOG_ERROR("CVantrelClientConnection::greet - client name \"%s\" refused: %s; connection closed (port %d)",
+               vantrel::log::Escaped(name), problem, port_);
+    // A reply of type 0 is the refusal that client libraries understand.
+    socket_.SendTypedMessageZ2(0, kChannelAnswers, data, kGreetingSize);
+    return false;
+  }
   // The host field is filled the way a bounded string copy does it: padded with
   // zeros, and without a terminator when the text fills the field.
   std::strncpy(data + kGreetingHostOffset, context_->hostName.c_str(), kGreetingFieldSize);
@@ -213,7 +221,7 @@ void CVantrelClientConnection::Terminate(bool wait) {
     RQPMutexGuard guard(lock_);
     if (!terminated_) {
       first = true;
-      VLOG_INFO("CVantrelClientConnection::Terminate (%s,%d)", clientName_, port_);
+      VLOG_INFO("CVantrelClientConnection::Terminate (%s,%d)", vantrel::log::Escaped(clientName_), port_);
       socket_.CloseSocket();
       terminated_ = true;
       eventQueue().TerminateZ72();

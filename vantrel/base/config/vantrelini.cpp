@@ -6,17 +6,19 @@
 #include <sstream>
 
 #include "vantrel/base/env/envcontainer.h"
+#include "vantrel/base/env/integer.h"
 #include "vantrel/base/env/settings.h"
 #include "vantrel/base/log/log.h"
 
 namespace nVantrelIni {
 namespace {
 
+// The file's documented form: a 32-bit number at the start of the value ("250ms" is 250).
 std::optional<int> ExtractInt(const std::string& text) {
-  std::istringstream in(text);
-  std::int32_t value = 0;
-  if (!(in >> value)) return std::nullopt;
-  return value;
+  const auto value =
+      vantrel::env::ParseInteger(text, INT32_MIN, INT32_MAX, nullptr, vantrel::env::tIntegerForm::eLeadingNumber);
+  if (!value) return std::nullopt;
+  return static_cast<int>(*value);
 }
 
 // A present value that is not an integer: reported, and 0 stands in for it.
