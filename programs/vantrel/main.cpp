@@ -98,17 +98,6 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     return app.exit(e) == 0 ? 0 : 2;
   }
-  if (clientsPortOption->count() == 0) {
-    // Clients read the same variable the same way, so a bad value is refused
-    // here too rather than quietly listening where no client will look.
-    std::string error;
-    const auto fromEnv = vantrel::env::ClientPortFromEnvironment(kDefaultClientsPort, &error);
-    if (!fromEnv) {
-      std::fprintf(stderr, "vantrel: %s\n", error.c_str());
-      return 2;
-    }
-    clientsPort = *fromEnv;
-  }
 
   if (logLevel.empty()) {
     const char* env = std::getenv("VANTREL_LOG_LEVEL");
@@ -127,6 +116,18 @@ int main(int argc, char** argv) {
   // service's progress as it happens.
   vantrel::log::SetFlushEveryLine(true);
   vantrel::log::Configure(logLevel, logFile);
+  if (clientsPortOption->count() == 0) {
+    // Clients read the same variable the same way, so a bad value is refused
+    // here too rather than quietly listening where no client will look.
+    std::string error;
+    const auto fromEnv = vantrel::env::ClientPortFromEnvironment(kDefaultClientsPort, &error);
+    if (!fromEnv) {
+      VLOG_ERROR("vantrel - %s", error);
+      std::fprintf(stderr, "vantrel: %s\n", error.c_str());
+      return 2;
+    }
+    clientsPort = *fromEnv;
+  }
   // Must be set before the settings are read for the first time.
   if (!config.empty()) RQPSetEnvironment("VANTREL_INI", config);
 

@@ -1,6 +1,4 @@
 // The service's listeners: their accept thread never outlives the members it uses.
-#include "vantrel/service/vantrellistensockets.h"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,6 +8,7 @@
 #include "tests/support/servicehelper.h"
 #include "vantrel/base/platform/manualevent.h"
 #include "vantrel/base/socket/socketoptions.h"
+#include "vantrel/service/vantrellistensockets.h"
 
 namespace vantrel::test {
 namespace {

@@ -22,6 +22,7 @@ CVantrelListenerSocket::~CVantrelListenerSocket() {
   Terminate();
   // The accept thread uses every member (the socket, the lock, the handler it
   // may be running): it must have ended before the first of them is destroyed.
+  if (!acceptThread_.Started()) return;
   VLOG_DEBUG("CVantrelListenerSocket::~CVantrelListenerSocket(%d) - waiting for the accept thread", socket_.Handle());
   JoinThread();
 }

@@ -15,8 +15,8 @@ std::string Quoted(std::string_view text) { return fmt::sprintf("\"%s\"", vantre
 
 }  // namespace
 
-std::optional<std::int64_t> ParseInteger(std::string_view text, std::int64_t min, std::int64_t max,
-                                         std::string* error, tIntegerForm form) {
+std::optional<std::int64_t> ParseInteger(std::string_view text, std::int64_t min, std::int64_t max, std::string* error,
+                                         tIntegerForm form) {
   const auto fail = [&](const char* why) -> std::optional<std::int64_t> {
     if (error != nullptr) *error = Quoted(text) + why;
     return std::nullopt;
@@ -40,8 +40,7 @@ std::optional<std::int64_t> ParseInteger(std::string_view text, std::int64_t min
     if (error != nullptr) *error = fmt::sprintf("%s is not between %d and %d", Quoted(text), min, max);
     return std::nullopt;
   }
-  const std::int64_t value =
-      negative ? static_cast<std::int64_t>(0 - magnitude) : static_cast<std::int64_t>(magnitude);
+  const std::int64_t value = negative ? static_cast<std::int64_t>(0 - magnitude) : static_cast<std::int64_t>(magnitude);
   if (value < min || value > max) {
     if (error != nullptr) *error = fmt::sprintf("%s is not between %d and %d", Quoted(text), min, max);
     return std::nullopt;
