@@ -1,8 +1,9 @@
 // A local client's first frame: the greeting block, and the reply the service
-// makes of it. Bytes after the block, if any, give the host text the reply
-// carries, so that long and odd host texts are tried too. The name read is the
-// name field up to its first zero; the reply changes only the host and port
-// fields, and a client reads back from them what the service wrote.
+// makes of it. The name read is the long name after the block when there is one,
+// else the name field up to its first zero. The same bytes serve as the host
+// text the reply carries, so that long and odd host texts are tried too; the
+// reply changes only the host and port fields, and a client reads back from them
+// what the service wrote.
 #include <cstring>
 #include <string>
 
@@ -22,9 +23,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     return 0;
   }
   const std::string field(data + kGreetingNameOffset, kGreetingFieldSize);
-  FUZZ_CHECK(name == field.substr(0, field.find('\0')));
+  const std::string tail(data + kGreetingSize, size - kGreetingSize);
+  FUZZ_CHECK(name == (tail.empty() ? field.substr(0, field.find('\0')) : tail));
 
-  const std::string host(data + kGreetingSize, size - kGreetingSize);
+  const std::string& host = tail.empty() ? field : tail;
   const std::uint16_t port = static_cast<std::uint16_t>(size * 7919);
   std::string reply(data, size);
   gFillGreetingReply(reply.data(), host, port);
@@ -32,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   std::string again;
   FUZZ_CHECK(gReadGreetingName(reply.data(), length, again) && again == name);
   FUZZ_CHECK(reply.compare(kGreetingNameOffset, kGreetingFieldSize, field) == 0);
-  FUZZ_CHECK(reply.compare(kGreetingSize, std::string::npos, host) == 0);
+  FUZZ_CHECK(reply.compare(kGreetingSize, std::string::npos, tail) == 0);
   const std::string written = host.substr(0, std::min<std::size_t>(host.find('\0'), kGreetingFieldSize));
   const std::string hostField = reply.substr(kGreetingHostOffset, kGreetingFieldSize);
   FUZZ_CHECK(hostField.substr(0, hostField.find('\0')) == written);

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "vantrel/base/env/integer.h"
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/manualevent.h"
 #include "vantrel/base/platform/process.h"
@@ -57,15 +58,6 @@ void WaitForPorts(unsigned short clientsPort, unsigned short netPort) {
   VLOG_WARN("vantrel - ports %d/%d still busy after %ld ms", clientsPort, netPort, kRelaunchWaitMs);
 }
 
-unsigned short DefaultClientsPort() {
-  const char* text = std::getenv("VANTREL_CLIENT_PORT");
-  if (text == nullptr || *text == '\0') return kDefaultClientsPort;
-  char* end = nullptr;
-  const long port = std::strtol(text, &end, 10);
-  if (*end != '\0' || port <= 0 || port > 65535) return kDefaultClientsPort;
-  return static_cast<unsigned short>(port);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -87,12 +79,13 @@ int main(int argc, char** argv) {
   }
 
   CLI::App app{"vantrel - the message bus service of this host"};
-  unsigned short clientsPort = DefaultClientsPort();
+  unsigned short clientsPort = kDefaultClientsPort;
   unsigned short netPort = kDefaultNetPort;
   std::string config;
   std::string logLevel;
   std::string logFile;
-  app.add_option("--clients-port", clientsPort, "port of the local clients (default 9010 or VANTREL_CLIENT_PORT)");
+  auto* clientsPortOption =
+      app.add_option("--clients-port", clientsPort, "port of the local clients (default 9010 or VANTREL_CLIENT_PORT)");
   app.add_option("--net-port", netPort, "port of the other hosts' services (default 9011)");
   app.add_option("--config", config, "the settings file (instead of the usual search for Vantrel.ini)");
   app.add_option("--log-level", logLevel, "trace, debug, info, warning, error, critical or off (default info)");
@@ -123,6 +116,18 @@ int main(int argc, char** argv) {
   // service's progress as it happens.
   vantrel::log::SetFlushEveryLine(true);
   vantrel::log::Configure(logLevel, logFile);
+  if (clientsPortOption->count() == 0) {
+    // Clients read the same variable the same way, so a bad value is refused
+    // here too rather than quietly listening where no client will look.
+    std::string error;
+    const auto fromEnv = vantrel::env::ClientPortFromEnvironment(kDefaultClientsPort, &error);
+    if (!fromEnv) {
+      VLOG_ERROR("vantrel - %s", error);
+      std::fprintf(stderr, "vantrel: %s\n", error.c_str());
+      return 2;
+    }
+    clientsPort = *fromEnv;
+  }
   // Must be set before the settings are read for the first time.
   if (!config.empty()) RQPSetEnvironment("VANTREL_INI", config);
 

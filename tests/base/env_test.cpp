@@ -9,10 +9,13 @@
 
 #include "tests/support/testutil.h"
 #include "vantrel/base/env/envcontainer.h"
+#include "vantrel/base/env/integer.h"
 #include "vantrel/base/env/settings.h"
 
 namespace {
 
+using vantrel::env::ParseInteger;
+using vantrel::env::tIntegerForm;
 using vantrel::test::LogCapture;
 using vantrel::test::ScopedEnv;
 using vantrel::test::TempDir;
@@ -163,6 +166,27 @@ TEST(SettingsTable, ConcurrentLoadsAndLookUpsSeeTheirOwnTables) {
   }
   for (auto& t : threads) t.join();
   EXPECT_EQ(mismatches, std::vector<int>(4, 0));
+}
+
+TEST(ParseInteger, WholeOrLeadingNumberWithinItsRangeElseAnErrorQuotingTheText) {
+  const struct {
+    std::string text;
+    tIntegerForm form;
+    std::optional<std::int64_t> value;  // within -100 to 65535
+    const char* error;                  // part of the error text when there is no value
+  } cases[] = {
+      {"-99", tIntegerForm::eWhole, -99, ""},
+      {"9011x", tIntegerForm::eWhole, std::nullopt, "\"9011x\" is not a whole number"},
+      {"+9011", tIntegerForm::eWhole, std::nullopt, "\"+9011\" is not a number"},
+      {"99999999999999999999", tIntegerForm::eWhole, std::nullopt, "is not between -100 and 65535"},
+      {"1\n2", tIntegerForm::eWhole, std::nullopt, "\"1\\n2\" is not"},
+      {" +250ms", tIntegerForm::eLeadingNumber, 250, ""},
+  };
+  for (const auto& c : cases) {
+    std::string error;
+    EXPECT_EQ(ParseInteger(c.text, -100, 65535, &error, c.form), c.value) << c.text;
+    EXPECT_NE(error.find(c.error), std::string::npos) << error;
+  }
 }
 
 }  // namespace

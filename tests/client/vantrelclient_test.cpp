@@ -10,10 +10,13 @@
 #include "tests/support/scriptedservice.h"
 #include "tests/support/testutil.h"
 #include "vantrel/base/config/vantrelini.h"
+#include "vantrel/base/platform/manualevent.h"
 #include "vantrel/client/vantrelclientobj.h"
 #include "vantrel/client/vantrelclientobjimp.h"
+#include "vantrel/message/clientname.h"
 #include "vantrel/message/wire.h"
 
+using vantrel::test::cFrame;
 using vantrel::test::LogCapture;
 using vantrel::test::ScopedEnv;
 using vantrel::test::ScriptedService;
@@ -42,23 +45,6 @@ class RegisteredClient : public ::testing::Test {
 
 }  // namespace
 
-TEST(ClientLibrary, GreetingAndReplyDecideWhoWeAre) {
-  ScriptedService service({.hostName = "lg01", .netPort = 9123});
-  cVantrelClientObject client;
-  ASSERT_TRUE(client.NETInitZ641("recorder", service.Port()));
-
-  auto greeting = service.NextFrame(0);
-  ASSERT_TRUE(greeting);
-  EXPECT_EQ(greeting->type, kGreeting);
-  EXPECT_EQ(greeting->subtype, 0);
-  ASSERT_EQ(greeting->data.size(), kGreetingSize);
-  EXPECT_STREQ(greeting->data.c_str() + kGreetingNameOffset, "recorder");
-
-  EXPECT_STREQ(client.NETLocalHostName(), "lg01");
-  const std::string expected = std::string("recorder@lg01") + gVantrelAddressPortDelimiter() + "9123";
-  EXPECT_EQ(expected, client.NETWhoAmI());
-}
-
 TEST(ClientLibrary, GreetingRefusedOrUnansweredFailsInit) {
   {
     ScriptedService service({.greetingReplyType = 0});
@@ -80,15 +66,42 @@ TEST(ClientLibrary, GreetingRefusedOrUnansweredFailsInit) {
   }
 }
 
-TEST(ClientLibrary, PortZeroTakesTheEnvironmentOrTheDefault) {
-  {
-    ScriptedService service;
-    ScopedEnv env("VANTREL_CLIENT_PORT", std::to_string(service.Port()));
-    LogCapture log;
+TEST(ClientLibrary, NameAndPortAreCheckedBeforeConnectingAndTheReplyDecidesWhoWeAre) {
+  ScriptedService service({.hostName = "lg01", .netPort = 9123});
+  const std::string port = std::to_string(service.Port());
+  const std::string longest(kMaxClientNameSize, 'n');
+  struct {
+    std::string name;
+    const char* env;  // VANTREL_CLIENT_PORT for a registration with port 0; null: the service's port
+    const char* why;  // in the error text; null: registered
+  } cases[] = {
+      {longest + "n", nullptr, "256 bytes long"},
+      {"two\nlines", nullptr, "control character 0x0a"},
+      {"tester", "9011x", "VANTREL_CLIENT_PORT \"9011x\" is not a whole number"},
+      {"tester", "70000", "not between 0 and 65535"},
+      // Registered last: its greeting is the first the service sees, so none of the above connected.
+      {longest, port.c_str(), nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.why ? c.why : "registered");
+    ScopedEnv env("VANTREL_CLIENT_PORT", c.env);
     cVantrelClientObject client;
-    EXPECT_TRUE(client.NETInitZ641("tester", 0));
-    EXPECT_TRUE(log.contains("port null"));
-    EXPECT_TRUE(service.WaitConnections(1));
+    EXPECT_EQ(client.NETInitZ641(c.name.c_str(), c.env ? 0 : service.Port()), c.why == nullptr);
+    const std::string error = client.NETGetLastErrorMessage();
+    if (c.why != nullptr) {
+      EXPECT_NE(error.find(c.why), std::string::npos) << error;
+      EXPECT_EQ(client.NETGetLastStatus(), kStatusNotInitialised);
+      continue;
+    }
+    EXPECT_EQ(error, "");
+    auto greeting = service.NextFrame(0);
+    ASSERT_TRUE(greeting);
+    EXPECT_EQ(greeting->type, kGreeting);
+    EXPECT_EQ(greeting->subtype, 0);
+    // A name too long for the greeting's field travels whole after it.
+    EXPECT_EQ(vantrel::GreetingClientName(greeting->data.data(), greeting->data.size()), longest);
+    EXPECT_STREQ(client.NETLocalHostName(), "lg01");
+    EXPECT_EQ(client.NETWhoAmI(), longest + "@lg01" + gVantrelAddressPortDelimiter() + "9123");
   }
   unsetenv("VANTREL_CLIENT_PORT");
   std::unique_ptr<ScriptedService> onDefault;
@@ -201,21 +214,24 @@ TEST_F(RegisteredClient, ReceivingByWaitAndFetch) {
   EXPECT_EQ(client_.NETGetLastStatus(), kStatusOk);
 }
 
-// Records the channels the hook sees and keeps channel-2 messages itself.
+// Records the channels the hook sees, keeps channel-2 messages itself and, when
+// told to, ends its session from the hook on a channel-0 message.
 class HookedClient : public cVantrelClientObject {
  public:
   ~HookedClient() { NETTerminate(); }
   bool NewMessageEvent(cTypedMessageObject* message, short channel) override {
-    std::lock_guard<std::mutex> lock(mutex);
-    channels.push_back(channel);
-    if (channel == kChannelNoWaitAnswers) {
-      delete message;
-      return false;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      channels.push_back(channel);
     }
-    return true;
+    if (channel == kChannelMessages && !onMessage) return true;
+    delete message;
+    if (channel == kChannelMessages) std::function<void(HookedClient*)>{onMessage}(this);  // may delete this
+    return false;
   }
   std::mutex mutex;
   std::vector<short> channels;
+  std::function<void(HookedClient*)> onMessage;
 };
 
 TEST(ClientLibrary, HookSeesChannelsZeroAndTwoOnlyAndBadSubtypesAreDropped) {
@@ -236,6 +252,30 @@ TEST(ClientLibrary, HookSeesChannelsZeroAndTwoOnlyAndBadSubtypesAreDropped) {
   EXPECT_TRUE(log.contains("subtype 7 dropped"));
   EXPECT_TRUE(log.contains("subtype -1 dropped"));
   EXPECT_EQ(client.NETFetchMessage(), nullptr);
+}
+
+TEST(ClientLibrary, HookMayRegisterAgainOrDeleteItsOwnClient) {
+  for (const bool deleteItself : {false, true}) {
+    ScriptedService service;
+    RQPManualEvent done;
+    auto* client = new HookedClient;
+    client->onMessage = [&](HookedClient* self) {
+      deleteItself ? delete self : void(self->NETInitZ641("again", service.Port()));
+      done.Set();
+    };
+    Register(*client, service, 0);
+    ASSERT_TRUE(service.SendRecord(0, kLocalSend, kChannelMessages, "end"));
+    ASSERT_EQ(done.Wait(10000), 1);
+    // The first session ended in order, whatever the hook did.
+    EXPECT_EQ(service.NextFrame(0).value_or(cFrame{}).type, kFarewell);
+    EXPECT_TRUE(service.WaitPeerClosed(0));
+    if (deleteItself) continue;
+    ASSERT_TRUE(client->Valid());
+    EXPECT_TRUE(client->NETSendMessageNoresponseZ1("x", 2, "peer@h"));
+    ASSERT_TRUE(service.NextFrame(1));  // the greeting
+    EXPECT_EQ(service.NextFrame(1).value_or(cFrame{}).type, kSendNoResponse);
+    delete client;
+  }
 }
 
 TEST(ClientLibrary, TurningOffEndsWaitsAndDropsTraffic) {

@@ -131,6 +131,16 @@ TEST_F(LocalServiceTest, SecondInstanceOnTheSamePortsGivesUp) {
   EXPECT_TRUE(second.waitLog("net port " + std::to_string(service.netPort()) + " is in use")) << second.log();
 }
 
+TEST(ServiceProgramTest, AClientsPortFromTheEnvironmentThatIsNoPortStopsTheStart) {
+  ServiceProcess service;
+  service.setPorts(0, service.netPort());
+  service.setEnv("VANTREL_CLIENT_PORT", std::to_string(service.clientsPort()) + "x");
+  ASSERT_TRUE(service.start());
+  EXPECT_EQ(service.waitExit(std::chrono::seconds(20)), 2);
+  EXPECT_TRUE(service.waitLog("VANTREL_CLIENT_PORT \"" + std::to_string(service.clientsPort()) + "x\" is not"))
+      << service.log();
+}
+
 TEST(ServiceProgramTest, ForeignProgramOnTheNetPortIsReported) {
   ServiceProcess service;
   // Bound but not listening: it holds the port and answers no ping.
@@ -142,7 +152,9 @@ TEST(ServiceProgramTest, ForeignProgramOnTheNetPortIsReported) {
   const auto code = service.waitExit(std::chrono::seconds(20));
   ::close(holder);
   EXPECT_NE(code.value_or(0), 0);
-  EXPECT_TRUE(service.waitLog("port " + std::to_string(service.netPort()))) << service.log();
+  // Exactly the report: the start-up lines name the port as well.
+  EXPECT_TRUE(service.waitLog("Port " + std::to_string(service.netPort()) + " is in use by other application"))
+      << service.log();
 }
 
 TEST(ServiceProgramTest, ClientWithoutGreetingMakesTheServiceRestartItself) {

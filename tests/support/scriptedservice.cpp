@@ -3,6 +3,8 @@
 #include <cstring>
 #include <deque>
 
+#include "vantrel/message/clientname.h"
+
 namespace vantrel::test {
 
 using namespace vantrel::wire;
@@ -67,11 +69,10 @@ void ScriptedService::ReadLoop(cConnection* connection) {
 }
 
 void ScriptedService::Answer(cConnection* connection, const cFrame& frame) {
-  if (frame.type == kGreeting && frame.data.size() == kGreetingSize) {
+  if (frame.type == kGreeting && frame.data.size() >= kGreetingSize) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      connection->clientName = std::string(frame.data.c_str() + kGreetingNameOffset,
-                                           strnlen(frame.data.c_str() + kGreetingNameOffset, kGreetingFieldSize));
+      connection->clientName = vantrel::GreetingClientName(frame.data.data(), frame.data.size());
     }
     if (!options_.replyToGreeting) return;
     std::string reply = frame.data;

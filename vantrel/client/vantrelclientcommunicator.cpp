@@ -14,10 +14,8 @@ CVantrelClientCommunicatorZ1::CVantrelClientCommunicatorZ1(iVantrelClientCommuni
 
 CVantrelClientCommunicatorZ1::~CVantrelClientCommunicatorZ1() {
   if (reader_.IsCurrentThread()) {
-    // The reader is tearing down its own owner from a callback: it cannot wait
-    // for itself, so it runs on detached and must not touch us again.
-    VLOG_ERROR("CVantrelClientCommunicatorZ1::~CVantrelClientCommunicatorZ1 - destroyed on its reader (%s)",
-               owner_ ? owner_->ClientName() : std::string());
+    // The owner's OnReaderExit: the reader returns straight from it and ends,
+    // so it runs on detached without touching us again.
     reader_.Detach();
     return;
   }
@@ -42,7 +40,8 @@ bool CVantrelClientCommunicatorZ1::Start() {
               static_cast<int>(owner_->ClientPort()), owner_->ClientName());
     return false;
   }
-  if (!sendMessage(owner_->GreetingBlock(), vantrel::wire::kGreetingSize, vantrel::wire::kGreeting, 0)) {
+  const std::string_view greeting = owner_->GreetingFrame();
+  if (!sendMessage(greeting.data(), static_cast<unsigned>(greeting.size()), vantrel::wire::kGreeting, 0)) {
     VLOG_ERROR("CVantrelClientCommunicatorZ1::Start - sendMessage failed.");
     return false;
   }
@@ -100,6 +99,8 @@ void CVantrelClientCommunicatorZ1::StartReader() {
   }
   VLOG_INFO("CVantrelClientCommunicatorZ1::StartReader - Done (%s,%d)", owner_->ClientName(), socket_.Handle());
   readerEnded_.Set();
+  // May destroy the owner and this communicator: nothing may follow.
+  owner_->OnReaderExit();
 }
 
 void CVantrelClientCommunicatorZ1::ReadLoop() {

@@ -12,12 +12,15 @@
 // never owns. Owns its socket, its reader thread and its lock.
 // Threads: the owner's application threads call Start, sendMessage and
 // Terminate; the reader thread runs StartReader and calls back into the owner
-// (new frames, termination, release of the queues). The lock guards only the
-// terminated flag and the closing of the socket; every call into the owner is
-// made with the lock released, because the owner calls Terminate in turn.
+// (new frames, termination, release of the queues, and last its exit). The lock
+// guards only the terminated flag and the closing of the socket; every call into
+// the owner is made with the lock released, because the owner calls Terminate
+// in turn. An owner torn down from inside a callback defers its destruction to
+// OnReaderExit, after which the reader touches neither owner nor communicator.
 #include <atomic>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "vantrel/base/platform/collectable.h"
 #include "vantrel/base/platform/manualevent.h"
@@ -34,8 +37,8 @@ class iVantrelClientCommunicatorOwner {
   virtual ~iVantrelClientCommunicatorOwner() = default;
   // Port of the local service's client listener.
   virtual unsigned short ClientPort() const = 0;
-  // The greeting block (vantrel::wire::kGreetingSize bytes) that Start sends.
-  virtual const char* GreetingBlock() const = 0;
+  // The greeting frame that Start sends (the block, and a long name after it).
+  virtual std::string_view GreetingFrame() const = 0;
   // The client name, for log lines.
   virtual std::string ClientName() const = 0;
   // A new frame: the owner takes `frame` and decides where it goes.
@@ -45,13 +48,17 @@ class iVantrelClientCommunicatorOwner {
   // The reader has ended: the owner wakes everybody waiting on its queues, also
   // when the session never became valid (no greeting reply arrived).
   virtual void OnReaderEnded() = 0;
+  // The reader's very last act: an owner whose destruction was put off because
+  // it was asked for on this thread may now destroy itself, and with it the
+  // communicator.
+  virtual void OnReaderExit() {}
 };
 
 class CVantrelClientCommunicatorZ1 : public RWCollectable {
  public:
   explicit CVantrelClientCommunicatorZ1(iVantrelClientCommunicatorOwner* owner);
-  // Terminates the connection and joins the reader; when the reader itself
-  // destroys its communicator (an owner torn down from inside a callback) the
+  // Terminates the connection and joins the reader. On the reader itself (only
+  // from the owner's OnReaderExit, when the reader has nothing left to do) the
   // reader is detached instead.
   ~CVantrelClientCommunicatorZ1() override;
   CVantrelClientCommunicatorZ1(const CVantrelClientCommunicatorZ1&) = delete;
@@ -75,6 +82,8 @@ class CVantrelClientCommunicatorZ1 : public RWCollectable {
 
   bool Started() const { return started_.load(std::memory_order_acquire); }
   bool Terminated() const { return terminated_.load(std::memory_order_acquire); }
+  // True on the reader thread, that is inside a callback to the owner.
+  bool OnReaderThread() const { return reader_.IsCurrentThread(); }
   // Waits up to `milliseconds` for the reader to have finished its work
   // (negative: no limit). True when it has.
   bool WaitReaderEnded(long milliseconds);

@@ -37,7 +37,7 @@ cVantrelClientObject& cVantrelClientObject::operator=(const cVantrelClientObject
 
 cVantrelClientObject::~cVantrelClientObject() {
   try {
-    delete implementation_;
+    cVantrelClientObjectImp::Dispose(implementation_);
   } catch (const std::exception& e) {
     VLOG_ERROR("cVantrelClientObject::~cVantrelClientObject - Exception: %s", e.what());
   } catch (...) {
@@ -51,8 +51,7 @@ bool cVantrelClientObject::NETInitZ641(const char* clientName, unsigned short po
     if (implementation_ != nullptr) {
       cVantrelClientObjectImp* previous = implementation_;
       implementation_ = nullptr;
-      previous->NETTerminate();
-      delete previous;
+      cVantrelClientObjectImp::Dispose(previous);
     }
     implementation_ = new cVantrelClientObjectImp(clientName, this);
     return implementation_->NETInit(clientName, port);

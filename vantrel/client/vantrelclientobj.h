@@ -66,8 +66,11 @@ class VANTREL_API cVantrelClientObject {
   // 0 means the environment variable VANTREL_CLIENT_PORT, or 9010 when it is
   // unset. Blocks while connecting and then until the service replies or closes
   // the connection. A second call first ends the previous session (the service
-  // gets its farewell). On false the object is not valid: the other operations
-  // fail with kStatusNotInitialised until a later NETInitZ641 succeeds.
+  // gets its farewell). A name longer than 255 bytes or holding a control
+  // character, and with port 0 a VANTREL_CLIENT_PORT that is not a port, fail
+  // at once without connecting: status kStatusNotInitialised, and
+  // NETGetLastErrorMessage says why. On false the object is not valid: the other
+  // operations fail with kStatusNotInitialised until a later NETInitZ641 succeeds.
   bool NETInitZ641(const char* clientName, unsigned short port);
 
   // Sends `length` bytes of `data` to `address` ("client@host") and waits for
@@ -135,8 +138,10 @@ class VANTREL_API cVantrelClientObject {
   // The status left by this object's most recent operation (see the table at
   // the top), or -1 when NETInitZ641 was never called. Never blocks; any thread.
   int NETGetLastStatus();
-  // The empty text once NETInitZ641 has been called (the library keeps no error
-  // text: the status and the log say what failed), null before. Never blocks.
+  // Why the last NETInitZ641 failed before it reached the service (a bad client
+  // name or VANTREL_CLIENT_PORT); otherwise the empty text (the status and the
+  // log say what failed). Null before the first NETInitZ641. Belongs to this
+  // object until its next NETInitZ641. Never blocks.
   const char* NETGetLastErrorMessage();
 
   // Turning off ends every wait at once (the wait returns null and, as after any
@@ -160,7 +165,10 @@ class VANTREL_API cVantrelClientObject {
   // wire::kChannelMessages and wire::kChannelNoWaitAnswers, before it is
   // queued. Return true to queue it for the receive calls; return false to keep
   // it out of the queue, in which case the override owns `message` and deletes
-  // it. The default queues channel kChannelMessages and deletes the rest. An
+  // it. The default queues channel kChannelMessages and deletes the rest. The
+  // override may end its own session - NETTerminate, NETInitZ641 again, or
+  // deleting its object - the old connection's reader then stops once the hook
+  // has returned (a message the hook accepted is dropped with it). An
   // override must be thread-safe and quick (the reader reads nothing meanwhile),
   // and its class must call NETTerminate() in its own destructor so that the
   // reader has stopped before the override goes away. An exception thrown by

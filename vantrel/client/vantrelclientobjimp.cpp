@@ -7,9 +7,11 @@
 
 #include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/env/envcontainer.h"
+#include "vantrel/base/env/integer.h"
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/socket/address.h"
 #include "vantrel/client/vantrelclientobj.h"
+#include "vantrel/message/clientname.h"
 
 namespace wire = vantrel::wire;
 
@@ -94,8 +96,32 @@ cVantrelClientObjectImp::cVantrelClientObjectImp(const char* clientName, cVantre
   communicator_ = std::make_unique<CVantrelClientCommunicatorZ1>(this);
 
   RQEnvContainerClass env;
-  if (const char* value = env.RQEGetEnv("VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT"))
-    ackWaitTimeout_ = std::atoi(value);
+  if (const char* value = env.RQEGetEnv("VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT")) {
+    std::string error;
+    if (const auto ms = vantrel::env::ParseInteger(value, 0, INT32_MAX, &error))
+      ackWaitTimeout_ = static_cast<long>(*ms);
+    else
+      VLOG_WARN("cVantrelClientObjectImp - VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT %s; %ld ms used", error,
+                ackWaitTimeout_);
+  }
+}
+
+void cVantrelClientObjectImp::Dispose(cVantrelClientObjectImp* imp) {
+  if (imp == nullptr) return;
+  if (!imp->communicator_->OnReaderThread()) {
+    delete imp;
+    return;
+  }
+  // The reader is inside the hook and will return through this object: end the
+  // session now (the reader cannot wait for itself) and let the reader delete
+  // the object when it has nothing left to do. The owner may be gone by then.
+  imp->owner_ = nullptr;
+  imp->disposeOnReaderExit_ = true;
+  imp->NETTerminate();
+}
+
+void cVantrelClientObjectImp::OnReaderExit() {
+  if (disposeOnReaderExit_) delete this;
 }
 
 cVantrelClientObjectImp::~cVantrelClientObjectImp() {
@@ -107,11 +133,6 @@ cVantrelClientObjectImp::~cVantrelClientObjectImp() {
 }
 
 std::string cVantrelClientObjectImp::ClientName() const { return clientName_; }
-
-std::string cVantrelClientObjectImp::GreetingClientName() const {
-  return std::string(greeting_ + wire::kGreetingNameOffset,
-                     strnlen(greeting_ + wire::kGreetingNameOffset, wire::kGreetingFieldSize));
-}
 
 std::string cVantrelClientObjectImp::GreetingHostName() const {
   return std::string(greeting_ + wire::kGreetingHostOffset,
@@ -138,26 +159,30 @@ void cVantrelClientObjectImp::DiscardCurrent() {
   currentMessage_ = nullptr;
 }
 
+bool cVantrelClientObjectImp::RefuseInit(std::string why) {
+  VLOG_ERROR("cVantrelClientObjectImp::NETInit - %s", why);
+  lastErrorMessage_ = std::move(why);
+  SetStatus(wire::kStatusNotInitialised);
+  return false;
+}
+
 bool cVantrelClientObjectImp::NETInit(const char* clientName, unsigned short port) {
+  lastErrorMessage_.clear();
   if (port == 0) {
     VLOG_INFO("port null");
-    RQEnvContainerClass env;
-    const char* value = env.RQEGetEnv("VANTREL_CLIENT_PORT");
-    const int fromEnv = value ? std::atoi(value) : 0;
-    port = (fromEnv > 0 && fromEnv <= 65535) ? static_cast<unsigned short>(fromEnv) : kDefaultClientPort;
+    std::string error;
+    const auto fromEnv = vantrel::env::ClientPortFromEnvironment(kDefaultClientPort, &error);
+    if (!fromEnv) return RefuseInit(error);
+    port = *fromEnv;
   }
   clientPort_ = port;
 
   for (auto& queue : queues_) queue->InitZ72();
   SetStatus(wire::kStatusOk);
-  const char* name = clientName ? clientName : "";
-  const std::size_t nameLength = strnlen(name, wire::kGreetingFieldSize);
-  if (nameLength >= wire::kGreetingFieldSize)
-    VLOG_WARN("cVantrelClientObjectImp::NETInit - client name longer than %d characters cut",
-              wire::kGreetingFieldSize - 1);
-  std::memset(greeting_ + wire::kGreetingNameOffset, 0, wire::kGreetingFieldSize);
-  std::memcpy(greeting_ + wire::kGreetingNameOffset, name,
-              std::min<std::size_t>(nameLength, wire::kGreetingFieldSize - 1));
+  const std::string_view name = clientName ? clientName : "";
+  if (const std::string problem = vantrel::ClientNameProblem(name); !problem.empty())
+    return RefuseInit(fmt::sprintf("client name \"%s\" refused: %s", vantrel::log::Escaped(name), problem));
+  greetingFrame_ = vantrel::MakeGreeting(name);
 
   if (!communicator_->Start()) return false;
 
@@ -174,6 +199,7 @@ bool cVantrelClientObjectImp::NETInit(const char* clientName, unsigned short por
     return false;
   }
   std::memcpy(greeting_, reply->getData(), wire::kGreetingSize);
+  registeredName_ = vantrel::GreetingClientName(reply->getData(), static_cast<std::size_t>(reply->getLength()));
   const bool accepted = reply->getType() != 0;
   delete reply;
   localHostName_ = GreetingHostName();
@@ -384,7 +410,7 @@ void cVantrelClientObjectImp::OnNewFrame(cTypedMessageObject* frame, short subty
     return;
   }
   bool accept = true;
-  if (subtype != wire::kChannelAnswers && owner_ != nullptr) {
+  if (subtype != wire::kChannelAnswers && owner_ != nullptr && !disposeOnReaderExit_) {
     try {
       accept = owner_->NewMessageEvent(frame, subtype);
     } catch (const std::exception& e) {
@@ -395,8 +421,13 @@ void cVantrelClientObjectImp::OnNewFrame(cTypedMessageObject* frame, short subty
       accept = true;
     }
   }
-  // A refused frame now belongs to the hook.
-  if (accept) queues_[subtype]->putMessage(frame);
+  // A refused frame now belongs to the hook. A hook that ended this object has
+  // ended the session too: nobody will take the frame.
+  if (!accept) return;
+  if (disposeOnReaderExit_)
+    delete frame;
+  else
+    queues_[subtype]->putMessage(frame);
 }
 
 void cVantrelClientObjectImp::OnReaderEnded() {

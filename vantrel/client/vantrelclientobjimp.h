@@ -52,14 +52,18 @@ class CVantrelClientQueue : public RQPEventQueue {
 };
 
 // Ownership: owned by the cVantrelClientObject that created it in NETInitZ641
-// (its owner, not owned). Owns its communicator, its three queues and the
-// current message.
+// (its owner, not owned), which ends it with Dispose. Owns its communicator, its
+// three queues and the current message. Disposed of on its own reader (the
+// application's hook re-registers or deletes its client object), it outlives
+// its owner until the reader's last callback, then deletes itself.
 // Threads: application threads call the NET operations; the communicator's
 // reader calls OnNewFrame, NETTerminate and OnReaderEnded. Shared between them
 // are the queues (thread-safe), the valid flag and the status (atomic). The
 // greeting block, local host name and who-am-I text are written by NETInit
 // before the object becomes valid and only read afterwards, so the sends that
-// need no acknowledgement may run on several threads. The current message and
+// need no acknowledgement may run on several threads. The owner pointer and the
+// dispose flag are read and written by the reader thread only (or by the
+// destroying thread once the reader has been joined). The current message and
 // the acknowledgement queue are for one application thread at a time: a record
 // returned by a wait stays valid until that thread's next wait or fetch.
 class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommunicatorOwner {
@@ -74,6 +78,10 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
   // Ends the session, joins the reader, then releases queues, communicator and
   // the current message.
   ~cVantrelClientObjectImp() override;
+  // How the owner ends `imp`: ends the session and destroys it now or, when
+  // called on its reader (from the hook), as soon as the hook has returned and
+  // the reader has ended; from then on `imp` never calls its owner again.
+  static void Dispose(cVantrelClientObjectImp* imp);
   cVantrelClientObjectImp(const cVantrelClientObjectImp&) = delete;
   cVantrelClientObjectImp& operator=(const cVantrelClientObjectImp&) = delete;
 
@@ -89,6 +97,8 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
   const char* NETWhoAmI();
   const char* NETLocalHostName();
   int NETGetLastStatus() const { return lastStatus_.load(std::memory_order_relaxed); }
+  // Why the last NETInit failed before it reached the service (a bad client
+  // name or VANTREL_CLIENT_PORT); empty otherwise.
   const char* NETGetLastErrorMessage() const { return lastErrorMessage_.c_str(); }
   bool NETTurnOn();
   bool NETTurnOff();
@@ -103,10 +113,11 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
 
   // iVantrelClientCommunicatorOwner
   unsigned short ClientPort() const override { return clientPort_; }
-  const char* GreetingBlock() const override { return greeting_; }
+  std::string_view GreetingFrame() const override { return greetingFrame_; }
   std::string ClientName() const override;
   void OnNewFrame(cTypedMessageObject* frame, short subtype) override;
   void OnReaderEnded() override;
+  void OnReaderExit() override;
 
   const char* nameOf() const override { return "cVantrelClientObjectImp"; }
 
@@ -115,8 +126,10 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
                    QType qtype, long timeout);
   bool sendMessageToVantrel(const cVantrelMessage& record);
   const cVantrelMessage* waitMessage(int queue);
+  // NETInit refused to start: the status and the error text say why.
+  bool RefuseInit(std::string why);
   // Greeting block fields; names may fill their field without a terminator.
-  std::string GreetingClientName() const;
+  const std::string& GreetingClientName() const { return registeredName_; }
   std::string GreetingHostName() const;
   unsigned short GreetingNetPort() const;
   bool IsLocalHost(const std::string& host) const;
@@ -125,14 +138,19 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
   const std::string& WhoAmIText() const;
   void DiscardCurrent();
 
-  cVantrelClientObject* const owner_;
+  cVantrelClientObject* owner_;
+  bool disposeOnReaderExit_ = false;
   std::unique_ptr<CVantrelClientCommunicatorZ1> communicator_;
   std::atomic<bool> valid_{false};
   // The name this object registers with; set before the reader starts and
   // never changed, so the reader may read it for its log lines.
   const std::string clientName_;
   std::string lastErrorMessage_;
+  // The reply's block; the name the service registered us under.
   char greeting_[vantrel::wire::kGreetingSize] = {};
+  std::string registeredName_;
+  // What Start sends; written by NETInit before the reader starts.
+  std::string greetingFrame_;
   // Written once by NETInit before the reader starts; read-only afterwards.
   std::string localHostName_;
   std::atomic<int> lastStatus_{0};

@@ -65,6 +65,12 @@ inline constexpr std::uint32_t kGreetingPortOffset = 0;
 inline constexpr std::uint32_t kGreetingNameOffset = 2;
 inline constexpr std::uint32_t kGreetingHostOffset = 130;
 inline constexpr std::uint32_t kGreetingFieldSize = 128;
+// Client names are at most this many bytes, none of them a control character.
+// A name too long for its field fills the field (cut, with its zero) and
+// follows the block whole: that greeting, and its reply, is kGreetingSize plus
+// the name's length bytes long. A peer that reads only the block sees the cut name.
+inline constexpr std::uint32_t kMaxClientNameSize = 255;
+inline constexpr std::uint32_t kGreetingLongNameOffset = kGreetingSize;
 
 // The subtype of a frame to a client names the channel it is received on.
 inline constexpr short kChannelMessages = 0;       // messages, and answers nobody waits on

@@ -89,7 +89,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
                                                                     const std::string& dstPath,
                                                                     const cVantrelMessage& request,
                                                                     const cCopyRequester& requester) {
-  VLOG_INFO("CFileTransferHandler::SendFile(dstFilePath=%s) - starting", dstPath);
+  VLOG_INFO("CFileTransferHandler::SendFile(dstFilePath=%s) - starting", vantrel::log::Escaped(dstPath));
   auto result = std::make_unique<cFileTransferResult>();
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -154,7 +154,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     const auto read = source.File().ReadFull(data, kFileChunkSize);
     if (!read) {
       const int error = vantrel::platform::gLastFileError();
-      VLOG_ERROR("CFileTransferHandler::SendFile - error reading %s: %s", localPath,
+      VLOG_ERROR("CFileTransferHandler::SendFile - error reading %s: %s", vantrel::log::Escaped(localPath),
                  vantrel::platform::gFileErrorText(error));
       break;
     }
@@ -166,8 +166,8 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     // two versions: the copy is abandoned instead.
     if (total > announced || (last && (total != announced || source.Changed()))) {
       VLOG_ERROR("CFileTransferHandler::SendFile - %s changed during the copy for %s (%llu bytes read, %llu announced)",
-                 localPath, requester.Who(), static_cast<unsigned long long>(total),
-                 static_cast<unsigned long long>(announced));
+                 vantrel::log::Escaped(localPath), vantrel::log::Escaped(requester.Who()),
+                 static_cast<unsigned long long>(total), static_cast<unsigned long long>(announced));
       break;
     }
     data[count] = last ? kFileLastChunk : kFileChunk;
@@ -240,7 +240,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
 
 int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrelMessage& request,
                                       std::optional<std::uint64_t> announcedSize, const cCopyRequester& requester) {
-  VLOG_INFO("CFileTransferHandler::ReceiveFile(dstFilePath=%s) - starting", dstPath);
+  VLOG_INFO("CFileTransferHandler::ReceiveFile(dstFilePath=%s) - starting", vantrel::log::Escaped(dstPath));
   int state = kStopped;
   bool stopped = false;
   {
@@ -274,7 +274,7 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
       const char* data = chunk->getData();
       if (length > 1 && !target.Write(data, length - 1)) {
         const int error = vantrel::platform::gLastFileError();
-        VLOG_ERROR("CFileTransferHandler::ReceiveFile - error writing %s: %s", dstPath,
+        VLOG_ERROR("CFileTransferHandler::ReceiveFile - error writing %s: %s", vantrel::log::Escaped(dstPath),
                    vantrel::platform::gFileErrorText(error));
         break;
       }
@@ -292,8 +292,8 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
       if (announcedSize && total != *announcedSize) {
         VLOG_ERROR(
             "CFileTransferHandler::ReceiveFile - %llu bytes arrived for %s from %s, %llu were announced; discarded",
-            static_cast<unsigned long long>(total), dstPath, requester.Who(),
-            static_cast<unsigned long long>(*announcedSize));
+            static_cast<unsigned long long>(total), vantrel::log::Escaped(dstPath),
+            vantrel::log::Escaped(requester.Who()), static_cast<unsigned long long>(*announcedSize));
         target.Discard();
         state = kSenderFailed;
       } else {
@@ -372,7 +372,7 @@ void CFileTransferHandler::HandleFileEvent(std::unique_ptr<VantrelHostEvent> eve
       int state = ParseFinalState(payload, payloadLength);
       if (state < 0) {
         VLOG_WARN("CFileTransferHandler::HandleFileEvent - final report '%s' is not a number, taken as a failure",
-                  std::string(payload, payloadLength));
+                  vantrel::log::Escaped(std::string(payload, payloadLength)));
       }
       finish(state);
       return;

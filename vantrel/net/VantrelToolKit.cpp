@@ -38,14 +38,16 @@ bool VantrelToolKit::CopyFileA(const std::string& source, const std::string& des
     const auto got = in.File().ReadFull(block.data(), block.size());
     if (!got) {
       const int error = errno;
-      VLOG_ERROR("VantrelToolKit::CopyFile - reading %s failed: %s", source, GetErrorString(error));
+      VLOG_ERROR("VantrelToolKit::CopyFile - reading %s failed: %s", vantrel::log::Escaped(source),
+                 GetErrorString(error));
       state = COPY_READ_FAILED;
       return false;
     }
     total += *got;
     if (*got > 0 && !out.Write(block.data(), *got)) {
       const int error = errno;
-      VLOG_ERROR("VantrelToolKit::CopyFile - writing %s failed: %s", destination, GetErrorString(error));
+      VLOG_ERROR("VantrelToolKit::CopyFile - writing %s failed: %s", vantrel::log::Escaped(destination),
+                 GetErrorString(error));
       state = COPY_WRITE_FAILED;
       failingPath = destination;
       return false;
@@ -54,7 +56,7 @@ bool VantrelToolKit::CopyFileA(const std::string& source, const std::string& des
   }
   // A source that changed meanwhile would land as a mixture of two versions.
   if (total != in.Status().size || in.Changed()) {
-    VLOG_ERROR("VantrelToolKit::CopyFile - %s changed during the copy", source);
+    VLOG_ERROR("VantrelToolKit::CopyFile - %s changed during the copy", vantrel::log::Escaped(source));
     state = COPY_READ_FAILED;
     return false;
   }
@@ -87,7 +89,7 @@ VantrelClientEvent* VantrelToolKit::CreateCopyResultEvent(const cVantrelMessage&
   auto answer = build(echoed, failingPath);
   if (static_cast<std::uint64_t>(answer->getPackedBufLen()) <= maxMessageSize) return answer.release();
   VLOG_WARN("VantrelToolKit::CreateCopyResultEvent - result of copy %u for %s too large, the request is not echoed",
-            request.getMessageId(), request.getFromClient());
+            request.getMessageId(), vantrel::log::Escaped(request.getFromClient()));
   std::string path = failingPath;
   for (;;) {
     answer = build(std::string(), path);

@@ -123,7 +123,8 @@ cCopyRequester cCopyRequester::Host(const std::string& hostText, std::shared_ptr
 }
 
 bool cCopyRequester::Refuse(const char* operation, const char* what, const std::string& path) const {
-  VLOG_WARN("%s - copy for %s refused: %s %s", operation, who_, what, path);
+  VLOG_WARN("%s - copy for %s refused: %s %s", operation, vantrel::log::Escaped(who_), what,
+            vantrel::log::Escaped(path));
   return false;
 }
 
@@ -134,7 +135,8 @@ int cCopyRequester::OpenFailed(const char* operation, const char* purpose, const
     Refuse(operation, purpose[0] == 'r' ? "its user may not read" : "its user may not write", path);
     return kCopyDenied;
   }
-  VLOG_ERROR("%s - cannot open %s for %s (copy for %s): %s", operation, path, purpose, who_, why);
+  VLOG_ERROR("%s - cannot open %s for %s (copy for %s): %s", operation, vantrel::log::Escaped(path), purpose,
+             vantrel::log::Escaped(who_), why);
   return kCopyOpenFailed;
 }
 
@@ -224,14 +226,15 @@ int cCopyTarget::Open(const cCopyRequester& requester, const std::string& path, 
   const bool allowed = requester.AsRequester("cCopyTarget::Open", path, [&] {
     const std::string name = NameOf(path);
     if (name.empty() || name == "." || name == "..") {
-      VLOG_ERROR("cCopyTarget::Open - cannot open %s for writing (copy for %s): no file name", path, requester.Who());
+      VLOG_ERROR("cCopyTarget::Open - cannot open %s for writing (copy for %s): no file name",
+                 vantrel::log::Escaped(path), vantrel::log::Escaped(requester.Who()));
       return;
     }
     const auto existing = platform::gFileStatus(path);
     if (existing && existing->kind != platform::tFileKind::eRegular) {
       // A device, pipe or folder is never written or replaced.
-      VLOG_ERROR("cCopyTarget::Open - cannot open %s for writing (copy for %s): not a regular file", path,
-                 requester.Who());
+      VLOG_ERROR("cCopyTarget::Open - cannot open %s for writing (copy for %s): not a regular file",
+                 vantrel::log::Escaped(path), vantrel::log::Escaped(requester.Who()));
       return;
     }
     // An existing destination is written where its links lead; a new one in
@@ -245,7 +248,8 @@ int cCopyTarget::Open(const cCopyRequester& requester, const std::string& path, 
     resolved_ = existing ? *resolved : Join(*resolved, name);
     if (source != nullptr &&
         ((existing && existing->SameFileAs(source->Status())) || resolved_ == source->Resolved())) {
-      VLOG_WARN("cCopyTarget::Open - copy for %s refused: %s is its own source", requester.Who(), path);
+      VLOG_WARN("cCopyTarget::Open - copy for %s refused: %s is its own source", vantrel::log::Escaped(requester.Who()),
+                vantrel::log::Escaped(path));
       state = kCopySameFile;
       return;
     }
@@ -288,7 +292,8 @@ int cCopyTarget::Commit() {
   if (temporary_.empty()) return kCopyOpenFailed;
   if (!file_.Close()) {
     const int error = platform::gLastFileError();
-    VLOG_ERROR("cCopyTarget::Commit - closing %s failed: %s", temporary_, platform::gFileErrorText(error));
+    VLOG_ERROR("cCopyTarget::Commit - closing %s failed: %s", vantrel::log::Escaped(temporary_),
+               platform::gFileErrorText(error));
     Discard();
     return kCopyCloseFailed;
   }
@@ -299,7 +304,8 @@ int cCopyTarget::Commit() {
     error = platform::gLastFileError();
   });
   if (!renamed) {
-    VLOG_ERROR("cCopyTarget::Commit - cannot put %s in place: %s", resolved_, platform::gFileErrorText(error));
+    VLOG_ERROR("cCopyTarget::Commit - cannot put %s in place: %s", vantrel::log::Escaped(resolved_),
+               platform::gFileErrorText(error));
     Discard();
     return kCopyCloseFailed;
   }
@@ -315,7 +321,8 @@ void cCopyTarget::Discard() {
   bool removed = false;
   if (requester_ != nullptr)
     requester_->AsRequester("cCopyTarget::Discard", temporary, [&] { removed = platform::gRemoveFile(temporary); });
-  if (!removed) VLOG_WARN("cCopyTarget::Discard - cannot remove the temporary file %s", temporary);
+  if (!removed)
+    VLOG_WARN("cCopyTarget::Discard - cannot remove the temporary file %s", vantrel::log::Escaped(temporary));
 }
 
 // ---- request data ---------------------------------------------------------------

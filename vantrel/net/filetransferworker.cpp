@@ -65,7 +65,7 @@ void cFileTransferWorker::OnPeerRequest(std::unique_ptr<VantrelHostEvent> reques
   if (readerClosed_) return;
   if (reader_.Started() && !reader_.Finished()) {
     VLOG_INFO("CVantrelHostConnection::doReading - new copy request from host %s, restarting the file reader",
-              link_->HostText());
+              vantrel::log::Escaped(link_->HostText()));
     readerRunning_ = false;
     handler_.AbortReceive();
   }
@@ -184,7 +184,7 @@ void cFileTransferWorker::sendOneFile(const VantrelHostEvent& event) {
   const std::string remoteFile = parameters.GetValueOfParameter(vantrel::wire::kCopyRemoteFile);
   if (!readable || localFile.empty() || remoteFile.empty()) {
     VLOG_ERROR("CVantrelHostConnection::doFileWriting - copy request of %s without source or destination",
-               request->getFromClient());
+               vantrel::log::Escaped(request->getFromClient()));
     result = std::make_unique<cFileTransferResult>();
     result->state = VantrelToolKit::COPY_OPEN_FAILED;
     result->fileName = localFile;
@@ -209,7 +209,7 @@ void cFileTransferWorker::sendOneFile(const VantrelHostEvent& event) {
       copies_ != nullptr ? copies_->maxMessageSize : nVantrelIni::kDefaultMaxMessageSize));
   if (router_ == nullptr || !router_->dispatchClientEvent(answer.get())) {
     VLOG_WARN("CVantrelHostConnection::doFileWriting - requester %s is gone, copy result dropped",
-              request->getFromClient());
+              vantrel::log::Escaped(request->getFromClient()));
     return;
   }
   answer.release();  // the requester's connection has it now

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "vantrel/message/clientname.h"
 #include "vantrel/message/wire.h"
 
 using namespace vantrel::wire;
@@ -9,7 +10,7 @@ using namespace vantrel::wire;
 bool gReadGreetingName(const char* data, unsigned length, std::string& name) {
   name.clear();
   if (data == nullptr || length < kGreetingSize) return false;
-  name.assign(data + kGreetingNameOffset, strnlen(data + kGreetingNameOffset, kGreetingFieldSize));
+  name = vantrel::GreetingClientName(data, length);
   return true;
 }
 

@@ -6,8 +6,9 @@
 #include <cstdint>
 #include <string>
 
-// The client's name from the greeting block `data` (`length` bytes): the name
-// field up to its first zero, or the whole field when it has none. False, with
+// The client's name from the greeting `data` (`length` bytes): a long name
+// after the block when there is one, else the name field up to its first zero
+// (or the whole field when it has none). False, with
 // `name` left empty, when the block is shorter than a greeting.
 bool gReadGreetingName(const char* data, unsigned length, std::string& name);
 

@@ -6,6 +6,7 @@
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/fileuser.h"
 #include "vantrel/base/socket/latency.h"
+#include "vantrel/message/clientname.h"
 #include "vantrel/message/wire.h"
 #include "vantrel/net/greeting.h"
 
@@ -52,13 +53,13 @@ void CVantrelClientConnection::runReader() {
     restartProcess();
   }
   Terminate(false);
-  VLOG_INFO("CVantrelClientConnection::StartReader - Done (%s,%d)", clientName(), port_);
+  VLOG_INFO("CVantrelClientConnection::StartReader - Done (%s,%d)", vantrel::log::Escaped(clientName()), port_);
 }
 
 void CVantrelClientConnection::runWriter() {
   doWriting();
   Terminate(false);
-  VLOG_INFO("CVantrelClientConnection::StartWriter - Done (%s,%d)", clientName(), port_);
+  VLOG_INFO("CVantrelClientConnection::StartWriter - Done (%s,%d)", vantrel::log::Escaped(clientName()), port_);
 }
 
 bool CVantrelClientConnection::greet(char* data, unsigned length, short type) {
@@ -69,6 +70,13 @@ bool CVantrelClientConnection::greet(char* data, unsigned length, short type) {
   }
   if (context_->sessions == nullptr) {
     VLOG_ERROR("CVantrelClientConnection::doReading - no session can be made, connection closed");
+    return false;
+  }
+  if (const std::string problem = vantrel::ClientNameProblem(name); !problem.empty()) {
+    VLOG_ERROR("CVantrelClientConnection::greet - client name \"%s\" refused: %s; connection closed (port %d)",
+               vantrel::log::Escaped(name), problem, port_);
+    // A reply of type 0 is the refusal that client libraries understand.
+    socket_.SendTypedMessageZ2(0, kChannelAnswers, data, kGreetingSize);
     return false;
   }
   gFillGreetingReply(data, context_->hostName, context_->netPort);
@@ -215,7 +223,7 @@ void CVantrelClientConnection::Terminate(bool wait) {
     RQPMutexGuard guard(lock_);
     if (!terminated_) {
       first = true;
-      VLOG_INFO("CVantrelClientConnection::Terminate (%s,%d)", clientName_, port_);
+      VLOG_INFO("CVantrelClientConnection::Terminate (%s,%d)", vantrel::log::Escaped(clientName_), port_);
       socket_.CloseSocket();
       terminated_ = true;
       eventQueue().TerminateZ72();

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "vantrel/base/env/envcontainer.h"
+#include "vantrel/base/env/integer.h"
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/socket/address.h"
 #include "vantrel/base/socket/latency.h"
@@ -72,16 +73,15 @@ long CVantrelHostConnection::PingTimeoutSeconds() {
   RQEnvContainerClass env;
   const char* text = env.RQEGetEnv("VANTREL_INTERNAL_PING_TIMEOUT_SECONDS");
   if (text == nullptr || *text == '\0') return kDefaultPingSeconds;
-  char* end = nullptr;
-  errno = 0;
-  const long seconds = std::strtol(text, &end, 10);
-  if (end == text || errno != 0) {
-    VLOG_WARN("CVantrelHostConnection - VANTREL_INTERNAL_PING_TIMEOUT_SECONDS '%s' is not a number, %ld used", text,
+  std::string error;
+  const auto seconds = vantrel::env::ParseInteger(text, INT32_MIN, INT32_MAX, &error);
+  if (!seconds) {
+    VLOG_WARN("CVantrelHostConnection - VANTREL_INTERNAL_PING_TIMEOUT_SECONDS %s, %ld used", error,
               kDefaultPingSeconds);
     return kDefaultPingSeconds;
   }
   // A shorter span would make the writer check faster than it can measure.
-  return seconds < 1 ? 1 : seconds;
+  return *seconds < 1 ? 1 : static_cast<long>(*seconds);
 }
 
 void CVantrelHostConnection::Start() {
@@ -121,7 +121,7 @@ void CVantrelHostConnection::runWriter() {
     VLOG_ERROR("CVantrelHostConnection::doWriting - Exception: %s", e.what());
   }
   Terminate(false);
-  VLOG_INFO("CVantrelHostConnection::StartWriter - Done(%s,%d)", HostText(), socket_.PeerPort());
+  VLOG_INFO("CVantrelHostConnection::StartWriter - Done(%s,%d)", vantrel::log::Escaped(HostText()), socket_.PeerPort());
 }
 
 void CVantrelHostConnection::connected() {
@@ -143,12 +143,12 @@ bool CVantrelHostConnection::connectToPeer() {
   if (!split.hasDelimiter) {
     VLOG_INFO("CVantrelHostConnection::connect - port not set");
   } else if (!split.port.has_value()) {
-    VLOG_ERROR("CVantrelHostConnection::connect - host text '%s' carries no valid port", text);
+    VLOG_ERROR("CVantrelHostConnection::connect - host text '%s' carries no valid port", vantrel::log::Escaped(text));
     return false;
   } else {
     port = *split.port;
   }
-  VLOG_INFO("Connecting to %s:%d.", split.host, port);
+  VLOG_INFO("Connecting to %s:%d.", vantrel::log::Escaped(split.host), port);
   try {
     if (!socket_.Connect(split.host, port, context_->netOptions)) return false;
   } catch (const std::exception& e) {
@@ -158,10 +158,10 @@ bool CVantrelHostConnection::connectToPeer() {
   }
   const std::string& me = context_->addressHostText;
   if (!socket_.SendTypedMessageZ2(kHostName, kVersionMarker, me.c_str(), static_cast<unsigned>(me.size() + 1))) {
-    VLOG_ERROR("Error sending host-name message to host %s.", text);
+    VLOG_ERROR("Error sending host-name message to host %s.", vantrel::log::Escaped(text));
     return false;
   }
-  VLOG_INFO("Connection to %s:%d Succeeded.", split.host, port);
+  VLOG_INFO("Connection to %s:%d Succeeded.", vantrel::log::Escaped(split.host), port);
   lastActivity_ = RQPSysTime();
   return true;
 }
@@ -189,7 +189,7 @@ bool CVantrelHostConnection::receiveHandshake() {
     VLOG_ERROR(
         "CVantrelHostConnection::doReading - Error receiving connection from host %s, Vantrel version there is "
         "Obsolete.",
-        peer);
+        vantrel::log::Escaped(peer));
     connectFailed();
     return false;
   }
@@ -205,7 +205,7 @@ bool CVantrelHostConnection::receiveHandshake() {
   }
   iVantrelRouter* router = context_->router;
   if (router != nullptr) router->registerHostEvent(peer.c_str(), this, postHandler_);
-  VLOG_INFO("CVantrelHostConnection::doReading - Received a connection from host: %s", peer);
+  VLOG_INFO("CVantrelHostConnection::doReading - Received a connection from host: %s", vantrel::log::Escaped(peer));
   connected();
   bool terminated = false;
   {
@@ -236,7 +236,8 @@ void CVantrelHostConnection::doReading() {
     // The records made from the frame take its buffer over rather than copy it.
     tFrameData frame(data);
     if (subtype != kVersionMarker) {
-      VLOG_ERROR("CVantrelHostConnection::doReading - Socket error while reading from host %s", HostText());
+      VLOG_ERROR("CVantrelHostConnection::doReading - Socket error while reading from host %s",
+                 vantrel::log::Escaped(HostText()));
       if (type == kDelivered || type == kNotDelivered) deliverAnswer(kNotDelivered, subtype, std::move(frame), length);
       return;
     }
@@ -266,7 +267,8 @@ void CVantrelHostConnection::dispatchReceived(short type, tFrameData data, unsig
     case kPing:
       break;
     default:
-      VLOG_WARN("CVantrelHostConnection::doReading - unknown message type %d from host %s dropped", type, HostText());
+      VLOG_WARN("CVantrelHostConnection::doReading - unknown message type %d from host %s dropped", type,
+                vantrel::log::Escaped(HostText()));
       break;
   }
 }
@@ -274,7 +276,8 @@ void CVantrelHostConnection::dispatchReceived(short type, tFrameData data, unsig
 void CVantrelHostConnection::deliverForward(short type, tFrameData data, unsigned length) {
   auto event = std::make_unique<VantrelClientEvent>(std::move(data), static_cast<long>(length), type, kVersionMarker);
   if (!event->isValid()) {
-    VLOG_WARN("CVantrelHostConnection::doReading - malformed record of type %d from host %s dropped", type, HostText());
+    VLOG_WARN("CVantrelHostConnection::doReading - malformed record of type %d from host %s dropped", type,
+              vantrel::log::Escaped(HostText()));
     return;
   }
   // Shares the event's bytes; stays valid after the event has been handed on.
@@ -282,8 +285,8 @@ void CVantrelHostConnection::deliverForward(short type, tFrameData data, unsigne
   const bool delivered = context_->router != nullptr && context_->router->dispatchClientEvent(event.get());
   if (delivered) event.release();  // the addressee's connection has it now
   VLOG_DEBUG("CVantrelHostConnection::doReading - message %u of type %d from %s@%s for %s %s", request.getMessageId(),
-             type, request.getFromClient(), request.getFromHost(), request.getToClient(),
-             delivered ? "delivered" : "not delivered");
+             type, vantrel::log::Escaped(request.getFromClient()), vantrel::log::Escaped(request.getFromHost()),
+             vantrel::log::Escaped(request.getToClient()), delivered ? "delivered" : "not delivered");
   if (!IsWaitedRequest(type)) return;
   // The sender's client gets a delivered answer on its acknowledgement subtype.
   queueOwn(std::make_unique<VantrelHostEvent>(static_cast<long>(request.getMessageId()), request.getFromHost(),
@@ -295,7 +298,8 @@ void CVantrelHostConnection::deliverForward(short type, tFrameData data, unsigne
 void CVantrelHostConnection::deliverAnswer(short type, short subtype, tFrameData data, unsigned length) {
   auto event = std::make_unique<VantrelClientEvent>(std::move(data), static_cast<long>(length), type, subtype);
   if (!event->isValid()) {
-    VLOG_WARN("CVantrelHostConnection::doReading - malformed answer from host %s dropped", HostText());
+    VLOG_WARN("CVantrelHostConnection::doReading - malformed answer from host %s dropped",
+              vantrel::log::Escaped(HostText()));
     return;
   }
   if (event->getType() != type) {
@@ -307,7 +311,7 @@ void CVantrelHostConnection::deliverAnswer(short type, short subtype, tFrameData
   }
   pending_.Settle(event->getMessageId(), event->getToClient());
   VLOG_DEBUG("CVantrelHostConnection::doReading - answer %d to message %u for %s from host %s", event->getType(),
-             event->getMessageId(), event->getToClient(), HostText());
+             event->getMessageId(), vantrel::log::Escaped(event->getToClient()), vantrel::log::Escaped(HostText()));
   if (context_->router != nullptr && context_->router->dispatchClientEvent(event.get())) event.release();
 }
 
@@ -315,7 +319,8 @@ void CVantrelHostConnection::onFileRequest(tFrameData data, unsigned length) {
   auto request =
       std::make_unique<VantrelHostEvent>(std::move(data), static_cast<long>(length), kFileRequest, kVersionMarker);
   if (!request->isValid()) {
-    VLOG_WARN("CVantrelHostConnection::doReading - malformed copy request from host %s dropped", HostText());
+    VLOG_WARN("CVantrelHostConnection::doReading - malformed copy request from host %s dropped",
+              vantrel::log::Escaped(HostText()));
     return;
   }
   files_.OnPeerRequest(std::move(request));
@@ -335,13 +340,15 @@ int CVantrelHostConnection::post(BaseEvent* base) {
     RQPMutexGuard guard(lock_);
     if (!terminated_) {
       VLOG_DEBUG("CVantrelHostConnection::post - message %u of type %d for %s@%s queued", message->getMessageId(),
-                 message->getType(), message->getToClient(), message->getToHost());
+                 message->getType(), vantrel::log::Escaped(message->getToClient()),
+                 vantrel::log::Escaped(message->getToHost()));
       enqueueLocked(std::move(message));
       return 1;
     }
   }
   VLOG_DEBUG("CVantrelHostConnection::post - link to %s is terminated, message %u of type %d for %s refused",
-             HostText(), message->getMessageId(), message->getType(), message->getToClient());
+             vantrel::log::Escaped(HostText()), message->getMessageId(), message->getType(),
+             vantrel::log::Escaped(message->getToClient()));
   if (IsWaitedRequest(message->getType())) {
     answerBroken(message->getMessageId(), message->getType(), message->getToHost(), message->getToClient(),
                  message->getFromHost(), message->getFromClient());
@@ -370,7 +377,7 @@ bool CVantrelHostConnection::sendEvent(std::unique_ptr<VantrelHostEvent> event) 
     return false;
   }
   VLOG_DEBUG("CVantrelHostConnection::doWriting - sending message %u of type %d to host %s", event->getMessageId(),
-             type, HostText());
+             type, vantrel::log::Escaped(HostText()));
   bool sent = false;
   try {
     sent = socket_.SendTypedMessageZ2(type, kVersionMarker, event->getPackedBuf(), event->getPackedBufLen());
@@ -409,15 +416,15 @@ void CVantrelHostConnection::doWriting() {
       const bool sent = sendEvent(std::unique_ptr<VantrelHostEvent>(event));
       unsent_.fetch_sub(1, std::memory_order_acq_rel);
       if (!sent) {
-        VLOG_ERROR("CVantrelHostConnection::doWriting - send to host %s failed", HostText());
+        VLOG_ERROR("CVantrelHostConnection::doWriting - send to host %s failed", vantrel::log::Escaped(HostText()));
         return;
       }
       lastActivity_ = RQPSysTime();
     } else if (result == htTimeout) {
       const std::string host = HostText();
-      VLOG_DEBUG("CVantrelHostConnection::doWriting, Checking for Ping to host %s", host);
+      VLOG_DEBUG("CVantrelHostConnection::doWriting, Checking for Ping to host %s", vantrel::log::Escaped(host));
       if (RQPSysTime() - lastActivity_.load() > static_cast<double>(pingSeconds)) {
-        VLOG_INFO("Sending Ping to host %s", host);
+        VLOG_INFO("Sending Ping to host %s", vantrel::log::Escaped(host));
         try {
           socket_.SendTypedMessageZ2(kPing, kVersionMarker, "", 1);
         } catch (const std::exception& e) {
@@ -443,7 +450,7 @@ void CVantrelHostConnection::answerBroken(std::uint32_t messageId, short type, c
   const bool delivered = context_->router != nullptr && context_->router->dispatchClientEvent(answer.get());
   if (delivered) answer.release();  // the requester's connection has it now
   VLOG_DEBUG("CVantrelHostConnection - message %u of type %d from %s answered as broken link%s", messageId, type,
-             fromClient, delivered ? "" : ", requester gone");
+             vantrel::log::Escaped(fromClient), delivered ? "" : ", requester gone");
 }
 
 void CVantrelHostConnection::breakLink() {
@@ -469,7 +476,7 @@ void CVantrelHostConnection::Terminate(bool wait) {
     RQPMutexGuard guard(lock_);
     if (!terminated_) {
       first = true;
-      VLOG_INFO("CVantrelHostConnection::Terminate(%s,%d)", HostText(), socket_.PeerPort());
+      VLOG_INFO("CVantrelHostConnection::Terminate(%s,%d)", vantrel::log::Escaped(HostText()), socket_.PeerPort());
       connectedEvent_.Set();
       files_.Abort();
       socket_.CloseSocket();
@@ -490,7 +497,8 @@ void CVantrelHostConnection::Terminate(bool wait) {
 }
 
 void CVantrelHostConnection::restartProcess(const char* what) {
-  VLOG_ERROR("CVantrelHostConnection - socket exception while %s with host %s", what, HostText());
+  VLOG_ERROR("CVantrelHostConnection - socket exception while %s with host %s", what,
+             vantrel::log::Escaped(HostText()));
   if (context_->restartProcess) context_->restartProcess();
 }
 
@@ -522,7 +530,7 @@ void CVantrelHostConnection::PostFileEvent(std::unique_ptr<VantrelHostEvent> eve
   unsent_.fetch_sub(1, std::memory_order_acq_rel);
   if (!sent) {
     // As when the writer fails: the reader's next wait fails and ends the link.
-    VLOG_ERROR("CVantrelHostConnection::PostFileEvent - send to host %s failed", HostText());
+    VLOG_ERROR("CVantrelHostConnection::PostFileEvent - send to host %s failed", vantrel::log::Escaped(HostText()));
     socket_.CloseSocket();
   }
 }

@@ -19,7 +19,7 @@ constexpr const char* kHostDispatchText = "Error dispatching host event";
 VantrelClientInstance::VantrelClientInstance(const std::string& name, iVantrelClientLink* connection,
                                              iVantrelRouter* router, std::shared_ptr<const cCopyPolicy> copies)
     : name_(name), connection_(connection), router_(router), copies_(std::move(copies)) {
-  VLOG_INFO("VantrelClientInstance::VantrelClientInstance(%s)", name_);
+  VLOG_INFO("VantrelClientInstance::VantrelClientInstance(%s)", vantrel::log::Escaped(name_));
   const int handler = signOn([this](BaseEvent* event) { return deliver(event); });
   if (router_ != nullptr) router_->registerClientEvent(name_.c_str(), this, handler);
 }
@@ -52,7 +52,7 @@ bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length
       routeToHost(data, length, type, subtype);
       return true;
     case kFarewell: {
-      VLOG_INFO("VantrelClientInstance::handleMessage(%s) - farewell", name_);
+      VLOG_INFO("VantrelClientInstance::handleMessage(%s) - farewell", vantrel::log::Escaped(name_));
       iVantrelClientLink* connection = connection_.exchange(nullptr, std::memory_order_acq_rel);
       if (connection != nullptr) connection->Terminate(false);
       detach();
@@ -69,7 +69,8 @@ bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length
     case kIgnored:
       return true;
     default:
-      VLOG_WARN("VantrelClientInstance::handleMessage(%s) - unknown message type %d dropped", name_, type);
+      VLOG_WARN("VantrelClientInstance::handleMessage(%s) - unknown message type %d dropped",
+                vantrel::log::Escaped(name_), type);
       return true;
   }
 }
@@ -81,7 +82,8 @@ void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, 
                    : std::make_unique<VantrelHostEvent>(data, static_cast<long>(length), type, subtype);
   if (!event->isValid()) {
     // Logged by the record itself; there is nobody to answer.
-    VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed record of type %d dropped", name_, type);
+    VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed record of type %d dropped",
+              vantrel::log::Escaped(name_), type);
     return;
   }
   if (router_ != nullptr && router_->isLocalHost(event->getToHost())) {
@@ -94,8 +96,8 @@ void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, 
     return;
   }
   const std::uint32_t messageId = event->getMessageId();
-  VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - message %u of type %d for %s@%s", name_, messageId, type,
-             event->getToClient(), event->getToHost());
+  VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - message %u of type %d for %s@%s", vantrel::log::Escaped(name_),
+             messageId, type, vantrel::log::Escaped(event->getToClient()), vantrel::log::Escaped(event->getToHost()));
   if (router_ != nullptr && router_->dispatchHostEvent(event.get())) {
     event.release();  // the link has it now
     return;
@@ -110,14 +112,15 @@ void VantrelClientInstance::routeToClient(const char* data, std::uint32_t length
   // The record keeps the type its sender gave it; `kind` is the local kind.
   auto event = std::make_unique<VantrelClientEvent>(data, static_cast<long>(length), type, subtype);
   if (!event->isValid()) {
-    VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed record of type %d dropped", name_, type);
+    VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed record of type %d dropped",
+              vantrel::log::Escaped(name_), type);
     return;
   }
   const std::uint32_t messageId = event->getMessageId();
   const bool delivered = router_ != nullptr && router_->dispatchClientEvent(event.get());
   if (delivered) event.release();  // the addressee's connection has it now
-  VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - local message %u of type %d %s", name_, messageId, type,
-             delivered ? "delivered" : "not delivered");
+  VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - local message %u of type %d %s", vantrel::log::Escaped(name_),
+             messageId, type, delivered ? "delivered" : "not delivered");
   if (kind == kLocalSendNoResponse) return;
   // A delivered answer travels on the acknowledgement subtype so that it ends the
   // sender's wait; a failure arrives with the ordinary messages. The text does not
@@ -135,20 +138,23 @@ void VantrelClientInstance::localFileCopy(const char* data, std::uint32_t length
                                           bool echo) {
   const cVantrelMessage request(data, length, type, subtype);
   if (!request.isValid()) {
-    VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed copy request dropped", name_);
+    VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed copy request dropped",
+              vantrel::log::Escaped(name_));
     return;
   }
   CAssociativeArray parameters(11);
   const bool readable = parameters.FromString(request.getData(), static_cast<long>(request.getDatalen()));
   if (!readable) {
-    VLOG_WARN("VantrelClientInstance::localFileCopy(%s) - copy request without readable parameters", name_);
+    VLOG_WARN("VantrelClientInstance::localFileCopy(%s) - copy request without readable parameters",
+              vantrel::log::Escaped(name_));
   }
   const std::string source = parameters.GetValueOfParameter(kCopyLocalFile);
   const std::string destination = parameters.GetValueOfParameter(kCopyRemoteFile);
   VantrelToolKit::CopyFileCompletionState state = VantrelToolKit::COPY_DONE;
   std::string failingPath;
   if (source.empty() || destination.empty()) {
-    VLOG_ERROR("VantrelClientInstance::localFileCopy(%s) - copy request without source or destination", name_);
+    VLOG_ERROR("VantrelClientInstance::localFileCopy(%s) - copy request without source or destination",
+               vantrel::log::Escaped(name_));
     state = VantrelToolKit::COPY_OPEN_FAILED;
     failingPath = source;
   } else {

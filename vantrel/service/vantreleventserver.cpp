@@ -26,7 +26,8 @@ void CVantrelEventServer::registerClientEvent(const char* name, iVantrelClientSe
   clients_.push_back(session);
   auto* key = new VantrelClientEvent(name, session, handler);
   if (!registerEvent(key)) {
-    VLOG_ERROR("CVantrelEventServer::registerClientEvent - registration of client %s refused", name);
+    VLOG_ERROR("CVantrelEventServer::registerClientEvent - registration of client %s refused",
+               vantrel::log::Escaped(name));
     delete key;
   }
 }
@@ -37,7 +38,7 @@ void CVantrelEventServer::registerHostEvent(const char* name, iVantrelHostLink* 
   hosts_.push_back(link);
   auto* key = new VantrelHostEvent(name, link, handler);
   if (!registerEvent(key)) {
-    VLOG_ERROR("CVantrelEventServer::registerHostEvent - registration of host %s refused", name);
+    VLOG_ERROR("CVantrelEventServer::registerHostEvent - registration of host %s refused", vantrel::log::Escaped(name));
     delete key;
   }
 }
@@ -47,7 +48,7 @@ void CVantrelEventServer::removeClient(iVantrelClientSession* session) {
   unRegisterClient(session);
   auto it = std::find(clients_.begin(), clients_.end(), session);
   if (it != clients_.end()) {
-    VLOG_INFO("CVantrelEventServer::removeClient - Removing client %s", session->name());
+    VLOG_INFO("CVantrelEventServer::removeClient - Removing client %s", vantrel::log::Escaped(session->name()));
     clients_.erase(it);
   }
 }
@@ -57,7 +58,7 @@ void CVantrelEventServer::removeHost(iVantrelHostLink* link) {
   unRegisterClient(link);
   auto it = std::find(hosts_.begin(), hosts_.end(), link);
   if (it != hosts_.end()) {
-    VLOG_INFO("CVantrelEventServer::removeHost - Removing host %s", link->HostText());
+    VLOG_INFO("CVantrelEventServer::removeHost - Removing host %s", vantrel::log::Escaped(link->HostText()));
     hosts_.erase(it);
   }
 }
@@ -73,9 +74,10 @@ bool CVantrelEventServer::dispatchHostEvent(VantrelHostEvent* event) {
   RQPMutexGuard guard(lock_);
   if (dispatchEvent(event)) return true;
   const std::string host = event->getToHost();
-  VLOG_INFO("CVantrelEventServer::dispatchHostEvent, Creating new CVantrelHostConnection(%s)", host);
+  VLOG_INFO("CVantrelEventServer::dispatchHostEvent, Creating new CVantrelHostConnection(%s)",
+            vantrel::log::Escaped(host));
   if (!linkFactory_) {
-    VLOG_ERROR("CVantrelEventServer::dispatchHostEvent - no way to open a link to %s", host);
+    VLOG_ERROR("CVantrelEventServer::dispatchHostEvent - no way to open a link to %s", vantrel::log::Escaped(host));
     return false;
   }
   // The new link registers itself under the host text on this thread, while the
@@ -83,7 +85,7 @@ bool CVantrelEventServer::dispatchHostEvent(VantrelHostEvent* event) {
   iVantrelHostLink* link = linkFactory_(host);
   if (link == nullptr) return false;
   if (dispatchEvent(event)) return true;
-  VLOG_ERROR("CVantrelEventServer::dispatchHostEvent - new link to %s did not register", host);
+  VLOG_ERROR("CVantrelEventServer::dispatchHostEvent - new link to %s did not register", vantrel::log::Escaped(host));
   return false;
 }
 
@@ -100,11 +102,11 @@ void CVantrelEventServer::cleanUp() {
   // Terminating joins the objects' threads, which may be waiting for this very
   // lock (a reader dispatching), so it runs outside it.
   for (auto* link : hosts) {
-    VLOG_INFO("CVantrelEventServer::cleanUp - Removing host %s", link->HostText());
+    VLOG_INFO("CVantrelEventServer::cleanUp - Removing host %s", vantrel::log::Escaped(link->HostText()));
     link->Terminate(true);
   }
   for (auto* session : clients) {
-    VLOG_INFO("CVantrelEventServer::cleanUp - Removing client %s", session->name());
+    VLOG_INFO("CVantrelEventServer::cleanUp - Removing client %s", vantrel::log::Escaped(session->name()));
     session->detach();
   }
 }

@@ -18,7 +18,14 @@ CVantrelListenerSocket::CVantrelListenerSocket(bool useTls, const char* name, c_
       threadAttributes_(std::move(threadAttributes)),
       onAccept_(std::move(onAccept)) {}
 
-CVantrelListenerSocket::~CVantrelListenerSocket() { Terminate(); }
+CVantrelListenerSocket::~CVantrelListenerSocket() {
+  Terminate();
+  // The accept thread uses every member (the socket, the lock, the handler it
+  // may be running): it must have ended before the first of them is destroyed.
+  if (!acceptThread_.Started()) return;
+  VLOG_DEBUG("CVantrelListenerSocket::~CVantrelListenerSocket(%d) - waiting for the accept thread", socket_.Handle());
+  JoinThread();
+}
 
 bool CVantrelListenerSocket::Listen() {
   try {

@@ -8,7 +8,8 @@
 // the service's connection keeper at once; the listener keeps none.
 //
 // Owner: the service (CVantrelClass), which sets the port, listens, starts
-// accepting, terminates, joins (through JoinThread) and deletes the listeners.
+// accepting, terminates, joins (through JoinThread or the destructor) and
+// deletes the listeners.
 // Owns: the listening socket and the accept thread.
 // Threads: Listen, StartAccepting and JoinThread on the main thread; the accept
 // thread; Terminate from the main thread and from the accept thread itself.
@@ -34,7 +35,9 @@ class CVantrelListenerSocket {
   // Accepted sockets get `options`; the accept thread gets `threadAttributes`.
   CVantrelListenerSocket(bool useTls, const char* name, c_Socket::tBindScope scope, cSocketOptions options,
                          cThreadAttributes threadAttributes, tAcceptHandler onAccept);
-  // Terminates; does not join (the owner joins before deleting).
+  // Terminates and joins the accept thread (at once when the owner has joined
+  // it already); blocks while the accept handler runs. Never call it from the
+  // handler.
   virtual ~CVantrelListenerSocket();
   CVantrelListenerSocket(const CVantrelListenerSocket&) = delete;
   CVantrelListenerSocket& operator=(const CVantrelListenerSocket&) = delete;

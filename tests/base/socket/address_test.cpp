@@ -45,7 +45,7 @@ TEST(CVantrelAddressTest, SplitsHostAndPortAtTheFirstDelimiter) {
   hp = gSplitHostPort("h::12", "::");
   EXPECT_EQ(hp.host, "h");
   EXPECT_EQ(hp.port.value_or(0), 12);
-  for (const char* bad : {"h~", "h~x1", "h~70000", "h~0", "h~12~13"}) {
+  for (const char* bad : {"h~", "h~x1", "h~70000", "h~0", "h~12~13", "h~+12", "h~ 12"}) {
     hp = gSplitHostPort(bad, "~");
     EXPECT_EQ(hp.host, "h") << bad;
     EXPECT_TRUE(hp.hasDelimiter) << bad;

@@ -6,17 +6,19 @@
 #include <sstream>
 
 #include "vantrel/base/env/envcontainer.h"
+#include "vantrel/base/env/integer.h"
 #include "vantrel/base/env/settings.h"
 #include "vantrel/base/log/log.h"
 
 namespace nVantrelIni {
 namespace {
 
+// The file's documented form: a 32-bit number at the start of the value ("250ms" is 250).
 std::optional<int> ExtractInt(const std::string& text) {
-  std::istringstream in(text);
-  std::int32_t value = 0;
-  if (!(in >> value)) return std::nullopt;
-  return value;
+  const auto value =
+      vantrel::env::ParseInteger(text, INT32_MIN, INT32_MAX, nullptr, vantrel::env::tIntegerForm::eLeadingNumber);
+  if (!value) return std::nullopt;
+  return static_cast<int>(*value);
 }
 
 // A present value that is not an integer: reported, and 0 stands in for it.
@@ -71,17 +73,18 @@ std::string gReadWordRequired(int table, const char* key) {
 std::vector<nTime::cDiff> gParseSimulatedLatency(const std::string& text, const char* what) {
   std::vector<nTime::cDiff> list;
   std::istringstream in(text);
-  for (;;) {
-    std::int32_t value = 0;
-    if (!(in >> value)) {
-      if (in.eof())
-        VLOG_WARN("cVantrelIni - %s \"%s\" does not end with -1; the list ends at the end of the text", what, text);
-      else
-        VLOG_WARN("cVantrelIni - %s \"%s\": a value is not an integer; the list ends before it", what, text);
+  for (std::string word;;) {
+    if (!(in >> word)) {
+      VLOG_WARN("cVantrelIni - %s \"%s\" does not end with -1; the list ends at the end of the text", what, text);
       break;
     }
-    if (value == -1) break;
-    list.push_back(nTime::cDiff::FromMilliseconds(static_cast<double>(value)));
+    const auto value = vantrel::env::ParseInteger(word, INT32_MIN, INT32_MAX);
+    if (!value) {
+      VLOG_WARN("cVantrelIni - %s \"%s\": a value is not an integer; the list ends before it", what, text);
+      break;
+    }
+    if (*value == -1) break;
+    list.push_back(nTime::cDiff::FromMilliseconds(static_cast<double>(*value)));
   }
   return list;
 }

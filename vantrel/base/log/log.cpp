@@ -15,6 +15,11 @@
 namespace vantrel::log {
 namespace {
 
+bool NeedsEscape(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte < 0x20 || byte == 0x7f;
+}
+
 // The logger is created on first use from the environment and replaced by
 // Configure. Writers copy the shared pointer under the mutex, so a Configure
 // that runs while other threads log never frees a logger in use.
@@ -192,6 +197,38 @@ void SetCaptureSink(CaptureSink sink, void* context) {
   state().sink = sink;
   state().sinkContext = context;
   gCapturing.store(sink != nullptr);
+}
+
+cEscapedText::cEscapedText(std::string_view text) : std::string_view(text) {
+  const auto first = std::find_if(text.begin(), text.end(), NeedsEscape);
+  if (first == text.end()) return;
+  static constexpr char kHex[] = "0123456789abcdef";
+  escaped_.reserve(text.size() + 8);
+  escaped_.assign(text.begin(), first);
+  for (auto it = first; it != text.end(); ++it) {
+    const char c = *it;
+    if (!NeedsEscape(c)) {
+      escaped_.push_back(c);
+      continue;
+    }
+    switch (c) {
+      case '\n':
+        escaped_.append("\\n");
+        break;
+      case '\r':
+        escaped_.append("\\r");
+        break;
+      case '\t':
+        escaped_.append("\\t");
+        break;
+      default: {
+        const auto byte = static_cast<unsigned char>(c);
+        const char code[] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 0xf]};
+        escaped_.append(code, sizeof code);
+      }
+    }
+  }
+  static_cast<std::string_view&>(*this) = escaped_;
 }
 
 }  // namespace vantrel::log

@@ -50,6 +50,32 @@ void SetFlushEveryLine(bool enabled);
 void SetThreadName(const std::string& name);
 std::string ThreadName();
 
+// A text that came from a peer (a client name, a host text, an address, a path,
+// a payload), made safe to quote in a log line: every control character (below
+// 0x20, and 0x7f) is written as an escape (\n, \r, \t, else \x1b style), so a
+// peer can neither start a line of its own nor send the terminal commands.
+// Everything else, also bytes above 0x7f, stays as it is. Formats with %s.
+//
+//   VLOG_INFO("CVantrelEventServer::removeClient - Removing client %s", vantrel::log::Escaped(name));
+//
+// A text that needs no escape is viewed, not copied. The object views the text
+// it was made from, so it lives in the log statement only, never in a variable
+// that outlives that text.
+class cEscapedText : public std::string_view {
+ public:
+  explicit cEscapedText(std::string_view text);
+  cEscapedText(const cEscapedText&) = delete;
+  cEscapedText& operator=(const cEscapedText&) = delete;
+
+ private:
+  std::string escaped_;  // used only when `text` needed an escape
+};
+inline cEscapedText Escaped(std::string_view text) { return cEscapedText(text); }
+// A null text is logged as the empty text.
+inline cEscapedText Escaped(const char* text) {
+  return cEscapedText(text ? std::string_view(text) : std::string_view());
+}
+
 // Tests capture what is logged: every line written while a sink is installed is
 // also handed to it (text only, without decoration). Not for production use.
 using CaptureSink = void (*)(void* context, tQXLogMessageSeverity severity, std::string_view text);

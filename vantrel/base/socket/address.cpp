@@ -1,6 +1,6 @@
 #include "vantrel/base/socket/address.h"
 
-#include <charconv>
+#include "vantrel/base/env/integer.h"
 
 CVantrelAddress::CVantrelAddress(std::string_view address) {
   const auto at = address.rfind('@');
@@ -33,10 +33,7 @@ cHostPort gSplitHostPort(std::string_view text, std::string_view delimiter) {
   result.hasDelimiter = true;
   result.host.assign(text.substr(0, at));
   const std::string_view digits = text.substr(at + delimiter.size());
-  unsigned value = 0;
-  const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-  if (ec == std::errc() && end == digits.data() + digits.size() && value >= 1 && value <= 65535)
-    result.port = static_cast<unsigned short>(value);
+  result.port = vantrel::env::ParsePort(digits);
   return result;
 }
 

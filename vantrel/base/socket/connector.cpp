@@ -32,7 +32,8 @@ platform::cUniqueSocket cConnector::Connect(const std::string& host, unsigned sh
                                             const cSocketOptions& options) const {
   const platform::cLookupResult found = platform::gLookUp(host, port, platform::tLookup::eAnyFamily);
   if (found.addresses.empty()) {
-    VLOG_ERROR("StreamSocket::Connect(%s) - cannot resolve host %s: %s", name_, host, found.error);
+    VLOG_ERROR("StreamSocket::Connect(%s) - cannot resolve host %s: %s", name_, vantrel::log::Escaped(host),
+               found.error);
     return {};
   }
 
@@ -59,7 +60,8 @@ platform::cUniqueSocket cConnector::Connect(const std::string& host, unsigned sh
       }
     }
     if (!refused || gSteadyNowUs() >= reactivationDeadline) {
-      VLOG_ERROR("StreamSocket::Connect(%s) - cannot connect to %s:%d: %s", name_, host, port, lastFailure.Text());
+      VLOG_ERROR("StreamSocket::Connect(%s) - cannot connect to %s:%d: %s", name_, vantrel::log::Escaped(host), port,
+                 lastFailure.Text());
       return {};
     }
     // The peer is not listening (yet); a restarting service comes back shortly.

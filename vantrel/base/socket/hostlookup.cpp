@@ -15,7 +15,7 @@ std::optional<nTime::cDiff> gPing(const std::string& host, unsigned short port, 
   const std::int64_t deadline = start + timeout.Microseconds();
   const platform::cLookupResult found = platform::gLookUp(host, port, platform::tLookup::eAnyFamily);
   if (found.addresses.empty()) {
-    VLOG_INFO("gPing - cannot resolve %s", host);
+    VLOG_INFO("gPing - cannot resolve %s", vantrel::log::Escaped(host));
     return std::nullopt;
   }
   for (const platform::cSocketAddress& address : found.addresses) {
@@ -33,7 +33,7 @@ std::optional<std::string> gGetHostByName(const std::string& name) {
   if (name.empty()) return std::nullopt;
   const platform::cLookupResult found = platform::gLookUp(name, 0, platform::tLookup::eIPv4Only);
   if (found.addresses.empty()) {
-    VLOG_INFO("gGetHostByName - cannot resolve %s: %s", name, found.error);
+    VLOG_INFO("gGetHostByName - cannot resolve %s: %s", vantrel::log::Escaped(name), found.error);
     return std::nullopt;
   }
   std::string text = platform::gFormatAddress(found.addresses.front()).address;

@@ -76,7 +76,7 @@ bool StreamSocket::Connect(const std::string& host, unsigned short port, const c
 
   auto session = std::make_unique<cTlsSession>(*clientContext, socket, "StreamSocket::Connect");
   if (!session->ConnectTo(host, tlsSettings_.verifyServerCertificate)) {
-    VLOG_ERROR("StreamSocket::Connect(%s) - cannot verify against host name %s", name_, host);
+    VLOG_ERROR("StreamSocket::Connect(%s) - cannot verify against host name %s", name_, vantrel::log::Escaped(host));
     CloseSocket();
     return false;
   }
