@@ -141,15 +141,18 @@ cVantrelConnectionKeeper::tClock::time_point cVantrelConnectionKeeper::ExpireLoc
   return next;
 }
 
-void cVantrelConnectionKeeper::TrimIfDue(std::unique_lock<std::mutex>& lock) {
-  if (reapedSinceTrim_ < kTrimAfterReaped || !ended_.empty()) return;
+cVantrelConnectionKeeper::tClock::time_point cVantrelConnectionKeeper::TrimIfDue(std::unique_lock<std::mutex>& lock) {
+  if (reapedSinceTrim_ < kTrimAfterReaped) return tClock::time_point::max();
   const tClock::time_point now = tClock::now();
-  if (now - lastTrim_ < kTrimInterval) return;
+  // Rate-limited, but never forgotten: a crowd that leaves just after a trim is
+  // trimmed for when the interval has passed.
+  if (now - lastTrim_ < kTrimInterval) return lastTrim_ + kTrimInterval;
   reapedSinceTrim_ = 0;
   lastTrim_ = now;
   lock.unlock();
   vantrel::platform::gReturnFreeMemory();
   lock.lock();
+  return tClock::time_point::max();
 }
 
 void cVantrelConnectionKeeper::ReaperLoop() {
@@ -168,12 +171,13 @@ void cVantrelConnectionKeeper::ReaperLoop() {
       continue;
     }
     if (ended_.empty()) {
-      TrimIfDue(lock);
+      const tClock::time_point wakeAt = std::min(next, TrimIfDue(lock));
+      if (!ended_.empty() || !close_.empty() || stopping_) continue;
       const auto ready = [this] { return stopping_ || !ended_.empty() || !close_.empty(); };
-      if (next == tClock::time_point::max()) {
+      if (wakeAt == tClock::time_point::max()) {
         wake_.wait(lock, ready);
       } else {
-        wake_.wait_until(lock, next, ready);
+        wake_.wait_until(lock, wakeAt, ready);
       }
       continue;
     }

@@ -98,7 +98,10 @@ class cVantrelConnectionKeeper : public iVantrelConnectionOwner {
   // Moves the started pending connections whose deadline has passed to close_;
   // returns the earliest deadline still ahead (max when none).
   tClock::time_point ExpireLocked(tClock::time_point now);
-  void TrimIfDue(std::unique_lock<std::mutex>& lock);
+  // Returns freed memory once enough connections have been deleted since the
+  // last time; when that is too recent, returns when to try again (max: nothing
+  // to do). Unlocks `lock` while trimming.
+  tClock::time_point TrimIfDue(std::unique_lock<std::mutex>& lock);
 
   std::mutex mutex_;
   std::condition_variable wake_;
