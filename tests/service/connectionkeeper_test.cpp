@@ -1,8 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
 
 #include "tests/support/testutil.h"
 #include "vantrel/service/vantrelconnectionkeeper.h"
@@ -51,6 +56,92 @@ TEST(ConnectionKeeperTest, ReaperJoinsAndDeletesWhatEndedAndShutdownTheRest) {
   keeper.Shutdown();
   EXPECT_EQ(deleted.load(), 3);
   EXPECT_EQ(keeper.Count(), 0u);
+}
+
+// Accepted connections that end themselves when closed, as real ones do, and
+// record who was closed by the keeper (the reaper's thread).
+class AdmissionTest : public ::testing::Test {
+ protected:
+  using tPort = cVantrelConnectionKeeper::tPort;
+  ~AdmissionTest() override { keeper.Shutdown(); }
+
+  // The connection named `name`, adopted as pending and started; false when refused.
+  bool Accept(const std::string& name, tPort port, bool start = true) {
+    auto* connection = new CountedConnection(&deleted);
+    connection->onTerminate = [this, connection, name] {
+      {
+        // The reaper's join before deleting terminates it once more.
+        std::lock_guard<std::mutex> guard(mutex);
+        if (std::find(closed.begin(), closed.end(), name) != closed.end()) return;
+        closed.push_back(name);
+      }
+      keeper.Ended(connection);
+    };
+    if (!keeper.AdoptPending(std::unique_ptr<iVantrelConnection>(connection), port, name)) return false;
+    byName.emplace_back(name, connection);
+    if (start) keeper.Started(connection);
+    return true;
+  }
+  iVantrelConnection* Named(const std::string& name) {
+    for (auto& [n, connection] : byName)
+      if (n == name) return connection;
+    return nullptr;
+  }
+  std::vector<std::string> Closed() {
+    std::lock_guard<std::mutex> guard(mutex);
+    return closed;
+  }
+  bool ClosedAre(const std::vector<std::string>& expected) {
+    return WaitUntil([&] { return Closed() == expected; }, std::chrono::seconds(5));
+  }
+
+  std::atomic<int> deleted{0};
+  cVantrelConnectionKeeper keeper;
+  std::mutex mutex;
+  std::vector<std::string> closed;
+  std::vector<std::pair<std::string, iVantrelConnection*>> byName;
+};
+
+TEST_F(AdmissionTest, TheOldestSilentNetConnectionMakesRoomButNeverForANetOneAtTheCostOfAClient) {
+  keeper.SetAdmissionLimits({3, std::chrono::hours(1)});
+  keeper.Start();
+  LogCapture log;
+  ASSERT_TRUE(Accept("net1", tPort::eNet));
+  ASSERT_TRUE(Accept("net2", tPort::eNet));
+  ASSERT_TRUE(Accept("local1", tPort::eClients));
+  ASSERT_TRUE(Accept("net3", tPort::eNet));  // net1 gives way
+  EXPECT_TRUE(ClosedAre({"net1"}));
+  EXPECT_TRUE(log.contains("the oldest, from net1, is closed for one from net3"));
+  keeper.Admitted(Named("net2"));  // handshake done: no longer pending, never displaced
+  ASSERT_TRUE(Accept("local2", tPort::eClients));
+  ASSERT_TRUE(Accept("local3", tPort::eClients));            // net3 gives way to a client
+  ASSERT_TRUE(Accept("unstarted", tPort::eClients, false));  // local1 gives way, not net2
+  EXPECT_TRUE(ClosedAre({"net1", "net3", "local1"}));
+  // Only clients wait, one of them not yet started: a net connection is refused
+  // and deleted at once; a client displaces the oldest started client.
+  EXPECT_FALSE(Accept("net4", tPort::eNet));
+  ASSERT_TRUE(Accept("local4", tPort::eClients));
+  EXPECT_TRUE(ClosedAre({"net1", "net3", "local1", "local2"}));
+  EXPECT_EQ(keeper.PendingCount(), 3u);
+  EXPECT_TRUE(WaitUntil([&] { return deleted.load() == 4; }));  // the displaced, joined first
+  EXPECT_EQ(keeper.Count(), 4u);                                // net2, local3, unstarted, local4
+}
+
+TEST_F(AdmissionTest, ConnectionsThatDoNotSpeakInTimeAreClosed) {
+  keeper.SetAdmissionLimits({10, std::chrono::milliseconds(200)});
+  keeper.Start();
+  LogCapture log;
+  ASSERT_TRUE(Accept("silent", tPort::eNet));
+  ASSERT_TRUE(Accept("greeted", tPort::eClients));
+  ASSERT_TRUE(Accept("starting", tPort::eNet, false));
+  keeper.Admitted(Named("greeted"));
+  EXPECT_TRUE(ClosedAre({"silent"}));
+  EXPECT_TRUE(log.contains("connection from silent has not completed its handshake or greeting within 200 ms"));
+  // One that is still being started is given its time once it runs.
+  keeper.Started(Named("starting"));
+  EXPECT_TRUE(ClosedAre({"silent", "starting"}));
+  EXPECT_EQ(keeper.PendingCount(), 0u);
+  EXPECT_TRUE(WaitUntil([&] { return keeper.Count() == 1u; }));
 }
 
 }  // namespace

@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "tests/service/servicefakes.h"
+#include "vantrel/message/packmsg.h"
 #include "vantrel/service/vantrelclientinstance.h"
 #include "vantrel/service/vantreleventserver.h"
 
@@ -34,6 +37,70 @@ TEST(EventServerTest, CleanUpStopsEveryHostBeforeAnyClient) {
   // A second clean-up finds empty tables.
   server.cleanUp();
   EXPECT_EQ(log.size(), 4u);
+}
+
+TEST(EventServerTest, EveryAddressOfThisServiceIsLocalWithItsNetPortOrNone) {
+  namespace platform = vantrel::platform;
+  const auto ip = [](const char* text) { return *platform::gParseNumericAddress(text); };
+  CVantrelEventServer all;
+  all.setLocalHost({"Here", "Here~9011", "~", 9011, std::nullopt, {ip("10.1.2.3"), ip("fe80::1")}});
+  CVantrelEventServer one;  // listening on one address only
+  one.setLocalHost({"Here", "Here~9011", "~", 9011, ip("10.1.2.3"), {ip("10.1.2.3"), ip("127.0.0.1")}});
+  const struct {
+    const char* host;
+    bool local;     // listening on all addresses
+    bool localOne;  // listening on 10.1.2.3 only
+  } rows[] = {
+      {"Here~9011", true, true},
+      {"here", true, true},
+      {"HERE~9011", true, true},
+      {"localhost~9011", true, true},
+      {"127.0.0.1~9011", true, false},
+      {"127.0.3.4~9011", true, false},
+      {"127.1~9011", true, false},
+      {"::1~9011", true, false},
+      {"::ffff:127.0.0.1~9011", true, false},
+      {"0.0.0.0~9011", true, false},
+      {"10.1.2.3~9011", true, true},
+      {"10.1.2.3", true, true},
+      {"fe80::1~9011", true, false},
+      {"Here~9012", false, false},
+      {"127.0.0.1~9012", false, false},
+      {"127.0.0.1~x", false, false},
+      {"10.1.2.4~9011", false, false},
+      {"there~9011", false, false},
+      {"localhost.example~9011", false, false},
+      {"", false, false},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(all.isLocalHost(row.host), row.local) << row.host;
+    EXPECT_EQ(one.isLocalHost(row.host), row.localOne) << row.host;
+  }
+}
+
+TEST(EventServerTest, MessagesToAnAddressOfThisServiceAreDeliveredWithoutALink) {
+  CVantrelEventServer server;
+  int linksOpened = 0;
+  server.setLinkFactory([&linksOpened](const std::string&) -> iVantrelHostLink* {
+    ++linksOpened;
+    return nullptr;
+  });
+  server.setLocalHost({"here", "here~9011", "~", 9011, std::nullopt, {}});
+  FakeClientLink aliceLink("alice"), bobLink("bob");
+  VantrelClientInstance alice("alice", &aliceLink, &server);
+  VantrelClientInstance bob("bob", &bobLink, &server);
+  for (int i = 0; i < 500; ++i) {
+    const std::string host = "127.0." + std::to_string(i / 250) + "." + std::to_string(i % 250 + 1) + "~9011";
+    const cVantrelMessage record(i, host.c_str(), "bob", "here~9011", "alice", QTYPE_CLIENT, wire::kSendNoResponse, 0,
+                                 "hi", 3);
+    ASSERT_TRUE(alice.handleMessage(record.getPackedBuf(), record.getPackedBufLen(), wire::kSendNoResponse, 0));
+    auto delivered = bobLink.take();
+    ASSERT_NE(delivered, nullptr) << host;
+    EXPECT_STREQ(delivered->getData(), "hi");
+  }
+  EXPECT_EQ(linksOpened, 0);
+  EXPECT_EQ(server.hostCount(), 0u);
+  EXPECT_EQ(aliceLink.take(), nullptr);  // no answers to no-response sends
 }
 
 }  // namespace

@@ -5,16 +5,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <latch>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/testutil.h"
 #include "vantrel/base/platform/hostinfo.h"
 #include "vantrel/base/platform/process.h"
 #include "vantrel/supervision/processcheck.h"
+#include "vantrel/supervision/restart.h"
 
 namespace {
 
@@ -138,6 +142,34 @@ TEST(VantrelProcessCheck, AnotherUserElevationOrSessionIsReported) {
     EXPECT_EQ(Check({Self(), row.entry}, row.direct, message), row.result) << row.name;
     EXPECT_EQ(message, row.message) << row.name;
   }
+}
+
+TEST(RelaunchGuard, ManyFailuresAtOnceLetOneThreadOfOneProcessRelaunch) {
+  using tClaim = nSupervision::cRelaunchGuard::tClaim;
+  TempDir dir;
+  nSupervision::cRelaunchGuard guard(dir.path());
+  constexpr int kThreads = 30;
+  std::latch start(kThreads);
+  std::atomic<int> relaunch{0}, here{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&] {
+      start.arrive_and_wait();
+      const tClaim claim = guard.Claim(9011);
+      if (claim == tClaim::eRelaunch) ++relaunch;
+      if (claim == tClaim::eThisProcess) ++here;
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(relaunch.load(), 1);
+  EXPECT_EQ(here.load(), kThreads - 1);
+
+  // The lock stays with the relauncher: another process (a guard of its own)
+  // on the same port leaves the successor to it; one on another port does not.
+  nSupervision::cRelaunchGuard other(dir.path());
+  EXPECT_EQ(other.Claim(9011), tClaim::eOtherProcess);
+  nSupervision::cRelaunchGuard otherPort(dir.path());
+  EXPECT_EQ(otherPort.Claim(9021), tClaim::eRelaunch);
 }
 
 // A stand-in for systemctl, put first in PATH. It answers from files in its

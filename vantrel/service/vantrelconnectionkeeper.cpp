@@ -90,7 +90,8 @@ void cVantrelConnectionKeeper::Started(iVantrelConnection* connection) {
   for (cPending& p : pending_) {
     if (p.connection == connection) {
       p.started = true;
-      wake_.notify_all();  // its deadline may be the next one
+      recheck_ = true;  // its deadline may be the next one, or past
+      wake_.notify_all();
       return;
     }
   }
@@ -158,6 +159,7 @@ cVantrelConnectionKeeper::tClock::time_point cVantrelConnectionKeeper::TrimIfDue
 void cVantrelConnectionKeeper::ReaperLoop() {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
+    recheck_ = false;
     const tClock::time_point next = ExpireLocked(tClock::now());
     if (stopping_) return;
     if (!close_.empty()) {
@@ -172,8 +174,8 @@ void cVantrelConnectionKeeper::ReaperLoop() {
     }
     if (ended_.empty()) {
       const tClock::time_point wakeAt = std::min(next, TrimIfDue(lock));
-      if (!ended_.empty() || !close_.empty() || stopping_) continue;
-      const auto ready = [this] { return stopping_ || !ended_.empty() || !close_.empty(); };
+      if (!ended_.empty() || !close_.empty() || stopping_ || recheck_) continue;
+      const auto ready = [this] { return stopping_ || recheck_ || !ended_.empty() || !close_.empty(); };
       if (wakeAt == tClock::time_point::max()) {
         wake_.wait(lock, ready);
       } else {

@@ -116,6 +116,7 @@ class cVantrelConnectionKeeper : public iVantrelConnectionOwner {
   std::size_t reapedSinceTrim_ = 0;
   tClock::time_point lastTrim_{};
   bool stopping_ = false;
+  bool recheck_ = false;  // a pending connection was started: deadlines to look at again
   cAdmissionLimits limits_;
   vantrel::platform::cThread reaper_;
 };
