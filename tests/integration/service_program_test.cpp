@@ -1,15 +1,22 @@
 // One service as a process: start-up failures, restart, stop, the local road
 // of a message, and what it does with clients and peers that do not follow the
 // protocol.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <string>
+#include <vector>
 
 #include "tests/support/servicehelper.h"
+#include "tests/support/tlscerts.h"
 
 namespace vantrel::test {
 namespace {
@@ -162,6 +169,99 @@ TEST(ServiceProgramTest, ClientWithoutGreetingMakesTheServiceRestartItself) {
   EXPECT_TRUE(late.NETInitZ641("late", service.clientsPort()));
   late.NETTerminate();
   ASSERT_FALSE(service.successors().empty());
+}
+
+// The number of threads of a process, from /proc.
+long ThreadsOf(RQPProcessId pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(in, line);)
+    if (line.rfind("Threads:", 0) == 0) return std::atol(line.c_str() + 8);
+  return -1;
+}
+
+TEST(ServiceProgramTest, IdleConnectionsOnTheNetPortHoldNoThreadsAndShutNobodyOut) {
+  constexpr int kIdle = 1000;
+  constexpr int kMaxPending = 64;
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  if (limit.rlim_max < kIdle + 200) GTEST_SKIP() << "needs " << kIdle + 200 << " descriptors";
+  limit.rlim_cur = limit.rlim_max;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  setenv("VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT", "5000", 1);
+  ServiceProcess flooded("MaxPendingConnections = " + std::to_string(kMaxPending)), peer;
+  ASSERT_TRUE(flooded.launch()) << flooded.log();
+  ASSERT_TRUE(peer.launch()) << peer.log();
+  const long threadsAtStart = ThreadsOf(flooded.pid());
+
+  std::vector<int> idle;
+  sockaddr_in address{AF_INET, htons(flooded.netPort()), {htonl(INADDR_LOOPBACK)}, {}};
+  for (int i = 0; i < kIdle; ++i) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << i;
+    idle.push_back(fd);
+  }
+  // Every connection has been taken: all but the newest few were closed again.
+  const auto closedByService = [&] {
+    int closed = 0;
+    for (int fd : idle) {
+      pollfd one{fd, POLLIN, 0};
+      char byte;
+      if (::poll(&one, 1, 0) == 1 && ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0) ++closed;
+    }
+    return closed;
+  };
+  EXPECT_TRUE(WaitUntil([&] { return closedByService() >= kIdle - kMaxPending; }, std::chrono::seconds(30)));
+  EXPECT_LE(ThreadsOf(flooded.pid()), threadsAtStart + kMaxPending + 4);
+
+  // A local client registers, and a peer's new link gets in while the idle
+  // connections still wait; acknowledged sends cross it both ways.
+  TestClient alice, bob;
+  ASSERT_TRUE(alice.NETInitZ641("alice", flooded.clientsPort()));
+  ASSERT_TRUE(bob.NETInitZ641("bob", peer.clientsPort()));
+  EXPECT_TRUE(bob.NETSendMessageZ1("in", 3, alice.NETWhoAmI())) << flooded.log();
+  EXPECT_TRUE(alice.NETSendMessageZ1("out", 4, ("bob@" + peer.hostText()).c_str())) << peer.log();
+  EXPECT_EQ(alice.nextText(), "2 in");
+  EXPECT_EQ(bob.nextText(), "2 out");
+  EXPECT_TRUE(flooded.waitLog("is closed for one from"));
+  EXPECT_EQ(flooded.logCount("listens on every address without client-certificate verification"), 1u);
+  for (int fd : idle) ::close(fd);
+}
+
+TEST(ServiceProgramTest, TheNetPortAdmitsOnlyPeersThatMayUseTheNameTheyGive) {
+  TestAuthority ca("vantrel test ca");
+  TempDir certs;
+  ca.WriteHostFolder(certs.file("service"), {LocalHostName(), "localhost"}, {"127.0.0.1"});
+  ca.WriteHostFolder(certs.file("peer"), {"peer.example"}, {});
+  ServiceProcess tls("UseOpenSsl = 1\nCertificatesPath = " + certs.file("service") + "\nVerifyClientCertificate = 1");
+  ServiceProcess loopback("NetListenAddress = 127.0.0.1");
+  ASSERT_TRUE(tls.launch()) << tls.log();
+  ASSERT_TRUE(loopback.launch()) << loopback.log();
+  const std::string itself = "127.0.0.1~" + std::to_string(loopback.netPort());
+  const struct {
+    ServiceProcess* service;
+    std::string host;
+    std::string log;
+  } rows[] = {
+      {&tls, "peer.example~1", "Received a connection from host: peer.example~1"},
+      {&tls, "other.example~1", "host other.example~1 from 127.0.0.1 is not named by its certificate; link refused"},
+      {&loopback, "peer.example~1", "Received a connection from host: peer.example~1"},
+      {&loopback, loopback.hostText(), "host " + loopback.hostText() + " from 127.0.0.1 names this service itself"},
+      {&loopback, itself, "host " + itself + " from 127.0.0.1 names this service itself; link refused"},
+  };
+  for (const auto& row : rows) {
+    const bool useTls = row.service == &tls;
+    StreamSocket link(useTls, "test peer");
+    if (useTls) link.SetTlsSettings({certs.file("peer"), false, false});
+    ASSERT_TRUE(link.Connect("127.0.0.1", row.service->netPort(), gSocketOptionsNet())) << row.host;
+    ASSERT_TRUE(link.SendTypedMessageZ2(kHostName, kVersionMarker, row.host.c_str(), row.host.size() + 1));
+    EXPECT_TRUE(row.service->waitLog(row.log)) << row.service->log();
+  }
+  // Neither can be reached by any peer without a certificate: no warning.
+  EXPECT_EQ(tls.logCount("without client-certificate verification") + loopback.logCount("client-certificate"), 0u);
+
+  ServiceProcess elsewhere("NetListenAddress = 192.0.2.1");  // not this host's
+  ASSERT_TRUE(elsewhere.start());
+  EXPECT_EQ(elsewhere.waitExit(std::chrono::seconds(20)), 2) << elsewhere.log();
 }
 
 }  // namespace
