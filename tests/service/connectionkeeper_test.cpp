@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -58,48 +59,41 @@ TEST(ConnectionKeeperTest, ReaperJoinsAndDeletesWhatEndedAndShutdownTheRest) {
   EXPECT_EQ(keeper.Count(), 0u);
 }
 
-// Accepted connections that end themselves when closed, as real ones do, and
-// record who was closed by the keeper (the reaper's thread).
+// Accepted connections that end themselves when closed, as real ones do; the
+// names of those the keeper closed are recorded (on the reaper's thread).
 class AdmissionTest : public ::testing::Test {
  protected:
   using tPort = cVantrelConnectionKeeper::tPort;
   ~AdmissionTest() override { keeper.Shutdown(); }
 
-  // The connection named `name`, adopted as pending and started; false when refused.
+  // Adopts `name` as pending (and starts it); false when refused.
   bool Accept(const std::string& name, tPort port, bool start = true) {
     auto* connection = new CountedConnection(&deleted);
     connection->onTerminate = [this, connection, name] {
-      {
-        // The reaper's join before deleting terminates it once more.
-        std::lock_guard<std::mutex> guard(mutex);
-        if (std::find(closed.begin(), closed.end(), name) != closed.end()) return;
-        closed.push_back(name);
-      }
+      std::unique_lock<std::mutex> guard(mutex);
+      // The reaper's join before deleting terminates it once more.
+      if (std::find(closed.begin(), closed.end(), name) != closed.end()) return;
+      closed.push_back(name);
+      guard.unlock();
       keeper.Ended(connection);
     };
     if (!keeper.AdoptPending(std::unique_ptr<iVantrelConnection>(connection), port, name)) return false;
-    byName.emplace_back(name, connection);
     if (start) keeper.Started(connection);
+    named[name] = connection;
     return true;
   }
-  iVantrelConnection* Named(const std::string& name) {
-    for (auto& [n, connection] : byName)
-      if (n == name) return connection;
-    return nullptr;
-  }
-  std::vector<std::string> Closed() {
-    std::lock_guard<std::mutex> guard(mutex);
-    return closed;
-  }
   bool ClosedAre(const std::vector<std::string>& expected) {
-    return WaitUntil([&] { return Closed() == expected; }, std::chrono::seconds(5));
+    return WaitUntil([&] {
+      std::lock_guard<std::mutex> guard(mutex);
+      return closed == expected;
+    });
   }
 
   std::atomic<int> deleted{0};
   cVantrelConnectionKeeper keeper;
   std::mutex mutex;
   std::vector<std::string> closed;
-  std::vector<std::pair<std::string, iVantrelConnection*>> byName;
+  std::map<std::string, iVantrelConnection*> named;
 };
 
 TEST_F(AdmissionTest, TheOldestSilentNetConnectionMakesRoomButNeverForANetOneAtTheCostOfAClient) {
@@ -112,7 +106,7 @@ TEST_F(AdmissionTest, TheOldestSilentNetConnectionMakesRoomButNeverForANetOneAtT
   ASSERT_TRUE(Accept("net3", tPort::eNet));  // net1 gives way
   EXPECT_TRUE(ClosedAre({"net1"}));
   EXPECT_TRUE(log.contains("the oldest, from net1, is closed for one from net3"));
-  keeper.Admitted(Named("net2"));  // handshake done: no longer pending, never displaced
+  keeper.Admitted(named["net2"]);  // handshake done: no longer pending, never displaced
   ASSERT_TRUE(Accept("local2", tPort::eClients));
   ASSERT_TRUE(Accept("local3", tPort::eClients));            // net3 gives way to a client
   ASSERT_TRUE(Accept("unstarted", tPort::eClients, false));  // local1 gives way, not net2
@@ -134,11 +128,11 @@ TEST_F(AdmissionTest, ConnectionsThatDoNotSpeakInTimeAreClosed) {
   ASSERT_TRUE(Accept("silent", tPort::eNet));
   ASSERT_TRUE(Accept("greeted", tPort::eClients));
   ASSERT_TRUE(Accept("starting", tPort::eNet, false));
-  keeper.Admitted(Named("greeted"));
+  keeper.Admitted(named["greeted"]);
   EXPECT_TRUE(ClosedAre({"silent"}));
   EXPECT_TRUE(log.contains("connection from silent has not completed its handshake or greeting within 200 ms"));
   // One that is still being started is given its time once it runs.
-  keeper.Started(Named("starting"));
+  keeper.Started(named["starting"]);
   EXPECT_TRUE(ClosedAre({"silent", "starting"}));
   EXPECT_EQ(keeper.PendingCount(), 0u);
   EXPECT_TRUE(WaitUntil([&] { return keeper.Count() == 1u; }));
