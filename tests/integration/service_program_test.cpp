@@ -1,7 +1,6 @@
 // One service as a process: start-up failures, restart, stop, the local road
 // of a message, and what it does with clients and peers that do not follow the
 // protocol.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
@@ -175,7 +174,6 @@ TEST(ServiceProgramTest, IdleConnectionsOnTheNetPortHoldNoThreadsAndShutNobodyOu
   if (limit.rlim_max < kIdle + 200) GTEST_SKIP() << "needs " << kIdle + 200 << " descriptors";
   limit.rlim_cur = limit.rlim_max;
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  setenv("VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT", "5000", 1);
   ServiceProcess flooded("MaxPendingConnections = " + std::to_string(kMaxPending)), peer;
   ASSERT_TRUE(flooded.launch()) << flooded.log();
   ASSERT_TRUE(peer.launch()) << peer.log();
