@@ -1,5 +1,6 @@
 // What a crowd of short-lived clients leaves behind in the service: resident
 // memory and threads at start, at the peak and after every client has left.
+// The scenario fails when the service keeps more than twice its memory at start.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -83,6 +84,10 @@ bool RunCrowd(const cBenchOptions& options, cBenchTable& table) {
              "batches of " + std::to_string(kBatch)});
   table.Add({"crowd", "service RSS after", clientsText, "MB", afterKb / 1024.0, std::nullopt, false,
              std::to_string(StatusField(pid, "Threads")) + " threads"});
+  if (afterKb > 2 * startKb) {
+    std::fprintf(stderr, "crowd: the service kept %ld kB after the crowd left (%ld kB at start)\n", afterKb, startKb);
+    return false;
+  }
   return service.Stop() == 0;
 }
 
