@@ -73,11 +73,15 @@ std::string cRelaunchGuard::LockPath(unsigned short netPort) const {
 cRelaunchGuard::tClaim cRelaunchGuard::Claim(unsigned short netPort) {
   if (claimed_.exchange(true, std::memory_order_acq_rel)) return tClaim::eThisProcess;
   std::string error;
-  const int handle = RQPLockFileExclusive(LockPath(netPort), &error);
-  if (handle < 0) {
+  bool lockedElsewhere = false;
+  const int handle = RQPLockFileExclusive(LockPath(netPort), &error, &lockedElsewhere);
+  if (handle < 0 && lockedElsewhere) {
     VLOG_ERROR("cRelaunchGuard::Claim - no relaunch from this process: %s", error);
     return tClaim::eOtherProcess;
   }
+  // A lock that cannot be had at all must not leave the service without a
+  // successor: relaunch, unserialised against other processes.
+  if (handle < 0) VLOG_ERROR("cRelaunchGuard::Claim - relaunching without the lock: %s", error);
   std::lock_guard<std::mutex> lock(mutex_);
   lockHandle_ = handle;  // held until the process ends
   return tClaim::eRelaunch;
