@@ -7,6 +7,7 @@
 // share. The interfaces it points to belong to the service and outlive every
 // connection. Threads: read by any connection thread; never changed.
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "vantrel/base/platform/thread.h"
@@ -15,6 +16,7 @@
 class iVantrelRouter;
 class iVantrelConnectionOwner;
 class iVantrelClientSessionFactory;
+struct cCopyPolicy;
 
 // What a host link needs to know about TLS.
 struct cVantrelTlsChoice {
@@ -47,4 +49,6 @@ struct cVantrelConnectionContext {
   nParallel::nImplementation_sho::cThreadAttributes threadAttributes;
   // Seconds of silence after which a link's writer sends a ping.
   long pingSeconds = 120;
+  // What file copies may touch; null: no limits beyond the requester's rights.
+  std::shared_ptr<const cCopyPolicy> copies;
 };

@@ -35,7 +35,7 @@ CVantrelHostConnection::CVantrelHostConnection(const std::string& hostText,
       host_(hostText),
       socket_(context_->tls.useOpenSsl, "link " + hostText),
       lastActivity_(RQPSysTime()),
-      files_(this, context_->router, context_->threadAttributes) {
+      files_(this, context_->router, context_->threadAttributes, context_->copies) {
   if (context_->tls.useOpenSsl) socket_.SetTlsSettings(TlsSettings(context_->tls));
   postHandler_ = signOn([this](BaseEvent* event) { return post(event); });
   if (context_->router != nullptr) context_->router->registerHostEvent(hostText.c_str(), this, postHandler_);
@@ -47,7 +47,7 @@ CVantrelHostConnection::CVantrelHostConnection(cSocketHandle&& accepted, cTlsCon
       outgoing_(false),
       socket_(std::move(accepted), tlsState, "link"),
       lastActivity_(RQPSysTime()),
-      files_(this, context_->router, context_->threadAttributes) {
+      files_(this, context_->router, context_->threadAttributes, context_->copies) {
   if (tlsState) socket_.SetTlsSettings(TlsSettings(context_->tls));
   postHandler_ = signOn([this](BaseEvent* event) { return post(event); });
 }
@@ -76,15 +76,22 @@ long CVantrelHostConnection::PingTimeoutSeconds() {
 }
 
 void CVantrelHostConnection::Start() {
-  RQPMutexGuard guard(lock_);
-  if (terminated_) return;
-  if (outgoing_) {
-    writer_.Start([this] { runWriter(); }, "VTHstWrtr", "CVantrelHostConnection:WriterThread",
-                  context_->threadAttributes);
-  } else {
-    reader_.Start([this] { runReader(); }, "VTHstRdr", "CVantrelHostConnection:ReaderThread",
-                  context_->threadAttributes);
+  try {
+    RQPMutexGuard guard(lock_);
+    if (terminated_) return;
+    if (outgoing_) {
+      writer_.Start([this] { runWriter(); }, "VTHstWrtr", "CVantrelHostConnection:WriterThread",
+                    context_->threadAttributes);
+    } else {
+      reader_.Start([this] { runReader(); }, "VTHstRdr", "CVantrelHostConnection:ReaderThread",
+                    context_->threadAttributes);
+    }
+    return;
+  } catch (const std::exception& e) {
+    VLOG_ERROR("CVantrelHostConnection::Start - Exception: %s", e.what());
   }
+  // A link without its thread would stay registered and never end.
+  Terminate(false);
 }
 
 void CVantrelHostConnection::runReader() {
@@ -99,7 +106,11 @@ void CVantrelHostConnection::runReader() {
 }
 
 void CVantrelHostConnection::runWriter() {
-  doWriting();
+  try {
+    doWriting();
+  } catch (const std::exception& e) {
+    VLOG_ERROR("CVantrelHostConnection::doWriting - Exception: %s", e.what());
+  }
   Terminate(false);
   VLOG_INFO("CVantrelHostConnection::StartWriter - Done(%s,%d)", HostText(), socket_.PeerPort());
 }

@@ -89,7 +89,7 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
                                                              iVantrelClientLink* link) override {
     // The greeting has arrived: the connection no longer counts as pending.
     keeper.Admitted(link);
-    return std::make_unique<VantrelClientInstance>(name, link, &eventServer);
+    return std::make_unique<VantrelClientInstance>(name, link, &eventServer, context->copies);
   }
 
   // Once the net port is known and before any listener accepts.
@@ -108,6 +108,7 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
     built->netOptions = netOptions;
     built->threadAttributes = settings.CommunicationThreadAttributes();
     built->pingSeconds = CVantrelHostConnection::PingTimeoutSeconds();
+    built->copies = cCopyPolicy::Make(settings.CopyRoots(), settings.CertificatesPath(), settings.MaxMessageSize());
     context = std::move(built);
 
     cLocalIdentity identity;

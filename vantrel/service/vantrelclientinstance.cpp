@@ -3,6 +3,7 @@
 #include <cstring>
 #include <memory>
 
+#include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/log/log.h"
 #include "vantrel/message/wire.h"
 #include "vantrel/net/VantrelToolKit.h"
@@ -16,8 +17,8 @@ constexpr const char* kHostDispatchText = "Error dispatching host event";
 }  // namespace
 
 VantrelClientInstance::VantrelClientInstance(const std::string& name, iVantrelClientLink* connection,
-                                             iVantrelRouter* router)
-    : name_(name), connection_(connection), router_(router) {
+                                             iVantrelRouter* router, std::shared_ptr<const cCopyPolicy> copies)
+    : name_(name), connection_(connection), router_(router), copies_(std::move(copies)) {
   VLOG_INFO("VantrelClientInstance::VantrelClientInstance(%s)", name_);
   const int handler = signOn([this](BaseEvent* event) { return deliver(event); });
   if (router_ != nullptr) router_->registerClientEvent(name_.c_str(), this, handler);
@@ -63,7 +64,7 @@ bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length
       routeToClient(data, length, type, subtype, type);
       return true;
     case kLocalFileCopy:
-      localFileCopy(data, length, type, subtype);
+      localFileCopy(data, length, type, subtype, false);
       return true;
     case kIgnored:
       return true;
@@ -74,16 +75,22 @@ bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length
 }
 
 void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, short type, short subtype) {
-  auto event = std::make_unique<VantrelHostEvent>(data, static_cast<long>(length), type, subtype);
+  // A copy carries its client's rights to the link's file thread, which opens the source.
+  auto event = type == kFileCopy
+                   ? std::make_unique<cFileCopyRequest>(data, static_cast<long>(length), type, subtype, requester())
+                   : std::make_unique<VantrelHostEvent>(data, static_cast<long>(length), type, subtype);
   if (!event->isValid()) {
     // Logged by the record itself; there is nobody to answer.
     VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed record of type %d dropped", name_, type);
     return;
   }
-  if (router_ != nullptr && type != kFileCopy && router_->isLocalHost(event->getToHost())) {
-    // Addressed to this very service by its host text: no link to itself.
+  if (router_ != nullptr && router_->isLocalHost(event->getToHost())) {
+    // Addressed to this very service: no link to itself.
     event.reset();
-    routeToClient(data, length, type, subtype, LocalForm(type));
+    if (type == kFileCopy)
+      localFileCopy(data, length, type, subtype, true);
+    else
+      routeToClient(data, length, type, subtype, LocalForm(type));
     return;
   }
   const std::uint32_t messageId = event->getMessageId();
@@ -119,33 +126,41 @@ void VantrelClientInstance::routeToClient(const char* data, std::uint32_t length
         delivered ? kChannelAnswers : kChannelMessages, kClientDispatchText);
 }
 
-void VantrelClientInstance::localFileCopy(const char* data, std::uint32_t length, short type, short subtype) {
+cCopyRequester VantrelClientInstance::requester() const {
+  iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
+  return cCopyRequester::LocalClient(name_, connection != nullptr ? connection->PeerUser() : std::nullopt, copies_);
+}
+
+void VantrelClientInstance::localFileCopy(const char* data, std::uint32_t length, short type, short subtype,
+                                          bool echo) {
   const cVantrelMessage request(data, length, type, subtype);
   if (!request.isValid()) {
     VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed copy request dropped", name_);
     return;
   }
   CAssociativeArray parameters(11);
-  if (!parameters.FromString(request.getData(), static_cast<long>(request.getDatalen()))) {
+  const bool readable = parameters.FromString(request.getData(), static_cast<long>(request.getDatalen()));
+  if (!readable) {
     VLOG_WARN("VantrelClientInstance::localFileCopy(%s) - copy request without readable parameters", name_);
   }
   const std::string source = parameters.GetValueOfParameter(kCopyLocalFile);
   const std::string destination = parameters.GetValueOfParameter(kCopyRemoteFile);
   VantrelToolKit::CopyFileCompletionState state = VantrelToolKit::COPY_DONE;
   std::string failingPath;
-  // The completion state tells the client the outcome; the bool adds nothing.
-  (void)VantrelToolKit::CopyFileA(source, destination, state, failingPath);
-
-  CAssociativeArray result(11);
-  result.AddCouple(kCopyState, static_cast<long>(state));
-  result.AddCouple(kCopyFileName, failingPath);
-  std::string text;
-  long textLength = 0;
-  result.ToString(text, textLength, false, false);
+  if (source.empty() || destination.empty()) {
+    VLOG_ERROR("VantrelClientInstance::localFileCopy(%s) - copy request without source or destination", name_);
+    state = VantrelToolKit::COPY_OPEN_FAILED;
+    failingPath = source;
+  } else {
+    // The completion state tells the client the outcome; the bool adds nothing.
+    (void)VantrelToolKit::CopyFileA(source, destination, state, failingPath, requester());
+  }
   iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
   if (connection == nullptr) return;
-  connection->SendAnswer(std::unique_ptr<VantrelClientEvent>(VantrelToolKit::CreateReturnClientEvent(
-      request, text.data(), static_cast<unsigned>(textLength), kDelivered, QTYPE_ASYNC)));
+  const std::string echoed = echo && readable ? std::string(request.getData(), request.getDatalen()) : std::string();
+  const std::uint32_t maxSize = copies_ != nullptr ? copies_->maxMessageSize : nVantrelIni::kDefaultMaxMessageSize;
+  connection->SendAnswer(std::unique_ptr<VantrelClientEvent>(
+      VantrelToolKit::CreateCopyResultEvent(request, echoed, state, failingPath, maxSize)));
 }
 
 void VantrelClientInstance::detach() {

@@ -12,17 +12,21 @@
 // detach runs on the reader (farewell) or the main thread (cleanUp).
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <ostream>
 #include <string>
 
 #include "vantrel/base/events/events.h"
 #include "vantrel/message/vantrelevents.h"
+#include "vantrel/net/filecopy.h"
 #include "vantrel/net/vantrellinks.h"
 
 class VantrelClientInstance : public iVantrelClientSession {
  public:
   // Registers itself with `router` (may be null: nothing is routed) under `name`.
-  VantrelClientInstance(const std::string& name, iVantrelClientLink* connection, iVantrelRouter* router);
+  // `copies` limits the client's file copies (null: its user's rights only).
+  VantrelClientInstance(const std::string& name, iVantrelClientLink* connection, iVantrelRouter* router,
+                        std::shared_ptr<const cCopyPolicy> copies = nullptr);
   ~VantrelClientInstance() override;
   VantrelClientInstance(const VantrelClientInstance&) = delete;
   VantrelClientInstance& operator=(const VantrelClientInstance&) = delete;
@@ -39,13 +43,17 @@ class VantrelClientInstance : public iVantrelClientSession {
   void routeToHost(const char* data, std::uint32_t length, short type, short subtype);
   void routeToClient(const char* data, std::uint32_t length, short type, short subtype, short kind);
   // The client asked for a file copy on this host; answered with a copy result.
-  void localFileCopy(const char* data, std::uint32_t length, short type, short subtype);
+  // `echo` repeats the request's parameters in the result, as a copy between
+  // hosts does.
+  void localFileCopy(const char* data, std::uint32_t length, short type, short subtype, bool echo);
+  cCopyRequester requester() const;
   void reply(std::uint32_t messageId, QType qtype, short type, short subtype, const char* text);
 
   const std::string name_;
   // Cleared by the farewell so that nothing is queued on a departing connection.
   std::atomic<iVantrelClientLink*> connection_;
   iVantrelRouter* const router_;
+  const std::shared_ptr<const cCopyPolicy> copies_;
   std::atomic<bool> detached_{false};
 };
 

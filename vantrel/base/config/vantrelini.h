@@ -86,6 +86,9 @@ class cVantrelIni {
   bool VerifyServerCertificate() const { return verifyServerCertificate_; }
   bool VerifyClientCertificate() const { return verifyClientCertificate_; }
   std::uint32_t MaxMessageSize() const { return maxMessageSize_; }
+  // Folders that copies asked for by other hosts may write into (';' or ','
+  // between them); empty: anywhere.
+  const std::string& CopyRoots() const { return copyRoots_; }
 
   // Admission on the service's ports.
   // The one address the net port listens on; empty: all addresses.
@@ -114,6 +117,7 @@ class cVantrelIni {
   bool verifyServerCertificate_ = false;
   bool verifyClientCertificate_ = false;
   std::uint32_t maxMessageSize_ = nVantrelIni::kDefaultMaxMessageSize;
+  std::string copyRoots_;
   std::string netListenAddress_;
   std::uint32_t maxPendingConnections_ = nVantrelIni::kDefaultMaxPendingConnections;
 };
