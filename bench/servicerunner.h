@@ -29,6 +29,8 @@ class cBenchService {
   int Stop();
 
   unsigned short ClientsPort() const { return clientsPort_; }
+  // The service's process id while it runs (0 before Start and after Stop).
+  long Pid() const { return pid_; }
   unsigned short NetPort() const { return netPort_; }
   const std::string& Error() const { return error_; }
   std::string LogFile() const { return folder_ + "/vantrel.log"; }

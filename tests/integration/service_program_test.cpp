@@ -3,13 +3,19 @@
 // protocol.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
+#include <iterator>
 #include <string>
+#include <vector>
 
 #include "tests/support/servicehelper.h"
+#include "tests/support/tlscerts.h"
 
 namespace vantrel::test {
 namespace {
@@ -61,8 +67,6 @@ TEST_F(LocalServiceTest, SendsArriveWithTheirTypeAndIdAndOnlyTheAnswersGoBack) {
   EXPECT_EQ(alice.nextText(), "1036 answer");  // addressed without a host: a local send
   // Nothing but the acknowledgements went back to the senders.
   EXPECT_EQ(alice.pending() + bob.pending(), 0u);
-  // Addressed by its own host text, the service never opened a link to itself.
-  EXPECT_EQ(service.logCount("Creating new CVantrelHostConnection"), 0u);
 }
 
 TEST_F(LocalServiceTest, SendsToClientsThatLeftOrNeverCameAreNotDelivered) {
@@ -93,7 +97,7 @@ TEST_F(LocalServiceTest, HundredsOfMessagesArriveInOrder) {
   for (int i = 0; i < kCount; ++i) ASSERT_EQ(bob.nextText(), "3 message " + std::to_string(i));
 }
 
-TEST_F(LocalServiceTest, GarbageAndObsoletePeersEndOnlyTheirOwnConnection) {
+TEST_F(LocalServiceTest, GarbagePeersEndOnlyTheirOwnConnection) {
   {
     RawLink rogue;
     ASSERT_TRUE(rogue.connectClient(service.clientsPort()));
@@ -103,13 +107,6 @@ TEST_F(LocalServiceTest, GarbageAndObsoletePeersEndOnlyTheirOwnConnection) {
     ASSERT_TRUE(rogue.send(kLocalSend, 0, "\x07\x07\x07"));
     ASSERT_GT(::send(rogue.handle(), "NOT A FRAME AT ALL.....", 23, MSG_NOSIGNAL), 0);
     ASSERT_TRUE(service.waitLog("Removing client rogue")) << service.log();
-  }
-  {
-    RawLink old;
-    ASSERT_TRUE(old.connectPeer(service.netPort(), "oldhost~1", 0));
-    ASSERT_TRUE(service.waitLog("Vantrel version there is Obsolete"));
-    EXPECT_FALSE(old.next().has_value());  // no answer: the service closes the link
-    EXPECT_TRUE(old.closed());
   }
   RawLink junk;  // a well-formed handshake followed by a record that is no record
   ASSERT_TRUE(junk.connectPeer(service.netPort(), "junkhost~1", kVersionMarker));
@@ -174,6 +171,97 @@ TEST(ServiceProgramTest, ClientWithoutGreetingMakesTheServiceRestartItself) {
   EXPECT_TRUE(late.NETInitZ641("late", service.clientsPort()));
   late.NETTerminate();
   ASSERT_FALSE(service.successors().empty());
+}
+
+long ThreadsOf(RQPProcessId pid) {
+  const auto tasks = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task");
+  return std::distance(begin(tasks), end(tasks));
+}
+
+TEST(ServiceProgramTest, IdleConnectionsOnTheNetPortHoldNoThreadsAndShutNobodyOut) {
+  constexpr int kIdle = 1000;
+  constexpr int kMaxPending = 64;
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  if (limit.rlim_max < kIdle + 200) GTEST_SKIP() << "needs " << kIdle + 200 << " descriptors";
+  limit.rlim_cur = limit.rlim_max;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  ServiceProcess flooded("MaxPendingConnections = " + std::to_string(kMaxPending)), peer;
+  ASSERT_TRUE(flooded.launch()) << flooded.log();
+  ASSERT_TRUE(peer.launch()) << peer.log();
+  const long threadsAtStart = ThreadsOf(flooded.pid());
+
+  std::vector<int> idle;
+  sockaddr_in address{AF_INET, htons(flooded.netPort()), {htonl(INADDR_LOOPBACK)}, {}};
+  for (int i = 0; i < kIdle; ++i) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << i;
+    idle.push_back(fd);
+  }
+  // Every connection has been taken: all but the newest few were closed again.
+  const auto closedByService = [&] {
+    char byte;
+    return std::count_if(idle.begin(), idle.end(), [&](int fd) { return ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0; });
+  };
+  EXPECT_TRUE(WaitUntil([&] { return closedByService() >= kIdle - kMaxPending; }, std::chrono::seconds(30)));
+  EXPECT_LE(ThreadsOf(flooded.pid()), threadsAtStart + kMaxPending + 4);
+
+  // A local client registers, and a peer's new link gets in while the idle
+  // connections still wait; acknowledged sends cross it both ways.
+  TestClient alice, bob;
+  ASSERT_TRUE(alice.NETInitZ641("alice", flooded.clientsPort()));
+  ASSERT_TRUE(bob.NETInitZ641("bob", peer.clientsPort()));
+  EXPECT_TRUE(bob.NETSendMessageZ1("in", 3, alice.NETWhoAmI())) << flooded.log();
+  EXPECT_TRUE(alice.NETSendMessageZ1("out", 4, ("bob@" + peer.hostText()).c_str())) << peer.log();
+  EXPECT_EQ(alice.nextText(), "2 in");
+  EXPECT_EQ(bob.nextText(), "2 out");
+  EXPECT_TRUE(flooded.waitLog("is closed for one from"));
+  EXPECT_EQ(flooded.logCount("listens on every address without client-certificate verification"), 1u);
+  for (int fd : idle) ::close(fd);
+}
+
+TEST(ServiceProgramTest, TheNetPortAdmitsOnlyPeersThatMayUseTheNameTheyGive) {
+  TestAuthority ca("vantrel test ca");
+  TempDir certs;
+  ca.WriteHostFolder(certs.file("service"), {LocalHostName(), "localhost"}, {"127.0.0.1"});
+  ca.WriteHostFolder(certs.file("peer"), {"peer.example"}, {});
+  ServiceProcess tls("UseOpenSsl = 1\nCertificatesPath = " + certs.file("service") + "\nVerifyClientCertificate = 1");
+  ServiceProcess loopback("NetListenAddress = 127.0.0.1");
+  ASSERT_TRUE(tls.launch()) << tls.log();
+  ASSERT_TRUE(loopback.launch()) << loopback.log();
+  const std::string itself = "127.0.0.1~" + std::to_string(loopback.netPort());
+  const struct {
+    ServiceProcess* service;
+    std::string host;
+    short marker;
+    std::string log;
+  } rows[] = {
+      {&tls, "peer.example~1", kVersionMarker, "Received a connection from host: peer.example~1"},
+      {&tls, "other.example~1", kVersionMarker, "host other.example~1 from 127.0.0.1 is not named by its certificate"},
+      {&loopback, "peer.example~1", kVersionMarker, "Received a connection from host: peer.example~1"},
+      {&loopback, loopback.hostText(), kVersionMarker, "host " + loopback.hostText() + " from 127.0.0.1 names this"},
+      {&loopback, itself, kVersionMarker, "host " + itself + " from 127.0.0.1 names this service itself; link refused"},
+      {&loopback, "oldhost~1", 0, "Vantrel version there is Obsolete"},
+  };
+  for (const auto& row : rows) {
+    StreamSocket link(row.service == &tls, "test peer");
+    if (row.service == &tls) link.SetTlsSettings({certs.file("peer"), false, false});
+    ASSERT_TRUE(link.Connect("127.0.0.1", row.service->netPort(), gSocketOptionsNet())) << row.host;
+    ASSERT_TRUE(link.SendTypedMessageZ2(kHostName, row.marker, row.host.c_str(), row.host.size() + 1));
+    EXPECT_TRUE(row.service->waitLog(row.log)) << row.service->log();
+    if (row.log.find("Received") != std::string::npos) continue;
+    // Refused: no answer, the service closes the link.
+    short type, subtype;
+    char* data = nullptr;
+    unsigned length = 0;
+    EXPECT_FALSE(link.WaitTypedMessageZ1(type, subtype, data, length, nullptr)) << row.host;
+  }
+  // Neither can be reached by any peer without a certificate: no warning.
+  EXPECT_EQ(tls.logCount("without client-certificate verification") + loopback.logCount("client-certificate"), 0u);
+
+  ServiceProcess elsewhere("NetListenAddress = 192.0.2.1");  // not this host's
+  ASSERT_TRUE(elsewhere.start());
+  EXPECT_EQ(elsewhere.waitExit(std::chrono::seconds(20)), 2) << elsewhere.log();
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ TEST_F(ClientInstanceTest, EachSendTypeGetsItsAnswerOrNone) {
   // Remote hosts cannot be reached: their sends must be answered (or not) here.
   // This service's own names need no link at all.
   server.setLinkFactory([](const std::string&) -> iVantrelHostLink* { return nullptr; });
-  server.setLocalHost("here", "here~1");
+  server.setLocalHost({"here", "here~1", "~", 1, {}, {}});
   struct Case {
     short type;
     const char* toClient;

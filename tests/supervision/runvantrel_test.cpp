@@ -5,16 +5,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <latch>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/testutil.h"
 #include "vantrel/base/platform/hostinfo.h"
 #include "vantrel/base/platform/process.h"
 #include "vantrel/supervision/processcheck.h"
+#include "vantrel/supervision/restart.h"
 
 namespace {
 
@@ -31,13 +35,15 @@ std::string WriteScript(const TempDir& dir, const std::string& name, const std::
   return path;
 }
 
-// A sleeping process whose name begins with "vantrel", started from a link to
-// sleep; optionally through setpriv, as another user (its options given). The
-// test owns it and its child, which it kills and reaps; test thread only.
+// A sleeping process with the given name, started from a link to sleep; optionally through setpriv, as another user
+// (its options given). The test owns it and its child, which it kills and reaps; test thread only.
 class FakeService {
  public:
   FakeService(const TempDir& dir, const std::string& name, std::vector<std::string> asUser = {}) {
-    const std::string link = dir.file(name);
+    // A folder of its own, so that several fakes may share one name.
+    const std::string folder = dir.file(std::to_string(++made_));
+    mkdir(folder.c_str(), 0755);
+    const std::string link = folder + "/" + name;
     symlink("/bin/sleep", link.c_str());
     asUser.insert(asUser.end(), {"--", link, "30"});
     child_ =
@@ -52,6 +58,7 @@ class FakeService {
   const RQPProcessEntry& entry() const { return entry_; }
 
  private:
+  static inline int made_ = 0;
   RQPSpawnResult child_;
   bool started_ = false;
   RQPProcessEntry entry_;
@@ -67,35 +74,32 @@ int Check(const std::vector<RQPProcessEntry>& entries, const char* direct, char*
   return nSupervision::gCheckVantrelProcesses(entries, getpid(), direct, message);
 }
 
-TEST(VantrelProcessCheck, FoundByNamePrefixExceptTheCallerOtherNamesAndZombies) {
+TEST(VantrelProcessCheck, OnlyTheServiceProgramCountsNotTheCallerZombiesOrProgramsSharingItsPrefix) {
   TempDir dir;
-  FakeService fake(dir, "vantrel-fake");
-  FakeService upper(dir, "VANTREL2");
-  FakeService other(dir, "servicevantrel");
-  ASSERT_TRUE(fake.started() && upper.started() && other.started());
+  FakeService service(dir, "vantrel");
+  FakeService windows(dir, "VANTREL.EXE");
+  FakeService cli(dir, "vantrel-cli");
+  FakeService tests(dir, "vantrel_tests");
+  ASSERT_TRUE(service.started() && windows.started() && cli.started() && tests.started());
   {
     ScopedEnv direct("DIRECT_SNAREWAY_EXECUTION", nullptr);
     char message[kVantrelProcessMessageSize] = "untouched";
     EXPECT_EQ(IsVantrelProcessRunning(message), 0);
     EXPECT_STREQ(message, "untouched");
   }
-  {
-    ScopedEnv direct("DIRECT_SNAREWAY_EXECUTION", "YES");
-    EXPECT_EQ(IsVantrelProcessRunning(nullptr), 0);
-  }
 
   // The test program's own name begins with "vantrel" too: it must not count.
   const RQPProcessEntry self = Self();
-  ASSERT_TRUE(nSupervision::gIsVantrelImage(self));
-  EXPECT_EQ(Check({self, upper.entry()}, nullptr, nullptr), 0) << "the prefix ignores case";
-  char message[kVantrelProcessMessageSize] = "";
-  EXPECT_EQ(Check({self, other.entry()}, "yes", message), 3);
-  EXPECT_STREQ(message, "The Vantrel process was not found.");
-  EXPECT_EQ(Check({self}, nullptr, nullptr), 3);
+  EXPECT_FALSE(nSupervision::gIsVantrelImage(self));
+  EXPECT_EQ(Check({self, windows.entry()}, nullptr, nullptr), 0) << "case does not matter";
+  for (const RQPProcessEntry& other : {cli.entry(), tests.entry()}) {
+    char message[kVantrelProcessMessageSize] = "";
+    EXPECT_EQ(Check({self, other}, "yes", message), 3) << other.imageName;
+    EXPECT_STREQ(message, "The Vantrel process was not found.");
+  }
 
   // A service process that has ended but was not reaped serves nobody.
-  RQPProcessEntry zombie = self;
-  zombie.pid = getpid() + 1;
+  RQPProcessEntry zombie = service.entry();
   zombie.state = 'Z';
   EXPECT_EQ(Check({self, zombie}, nullptr, nullptr), 3);
 }
@@ -104,10 +108,10 @@ TEST(VantrelProcessCheck, AnotherUserElevationOrSessionIsReported) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to start processes as user nobody";
   TempDir dir;
   chmod(dir.path().c_str(), 0755);
-  FakeService foreign(dir, "vantrel-nobody", {"--reuid=65534", "--regid=65534", "--clear-groups"});
+  FakeService foreign(dir, "vantrel", {"--reuid=65534", "--regid=65534", "--clear-groups"});
   // Real user root, effective user nobody: the same user, not elevated.
-  FakeService lowered(dir, "vantrel-lowered", {"--ruid=0", "--euid=65534", "--regid=65534", "--clear-groups"});
-  FakeService same(dir, "vantrel-same");
+  FakeService lowered(dir, "vantrel", {"--ruid=0", "--euid=65534", "--regid=65534", "--clear-groups"});
+  FakeService same(dir, "vantrel");
   ASSERT_TRUE(foreign.started() && lowered.started() && same.started());
   RQPProcessEntry elsewhere = same.entry();
   elsewhere.sessionId = Self().sessionId + 1;
@@ -138,6 +142,31 @@ TEST(VantrelProcessCheck, AnotherUserElevationOrSessionIsReported) {
     EXPECT_EQ(Check({Self(), row.entry}, row.direct, message), row.result) << row.name;
     EXPECT_EQ(message, row.message) << row.name;
   }
+}
+
+TEST(RelaunchGuard, ManyFailuresAtOnceLetOneThreadOfOneProcessRelaunch) {
+  using tClaim = nSupervision::cRelaunchGuard::tClaim;
+  TempDir dir;
+  nSupervision::cRelaunchGuard guard(dir.path());
+  std::vector<tClaim> claims(30);
+  std::latch start(static_cast<std::ptrdiff_t>(claims.size()));
+  std::vector<std::thread> threads;
+  for (tClaim& claim : claims) {
+    threads.emplace_back([&] {
+      start.arrive_and_wait();
+      claim = guard.Claim(9011);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(std::count(claims.begin(), claims.end(), tClaim::eRelaunch), 1);
+  EXPECT_EQ(std::count(claims.begin(), claims.end(), tClaim::eThisProcess), 29);
+
+  // The lock stays with the relauncher: another process (a guard of its own)
+  // on the same port leaves the successor to it; one on another port does not.
+  nSupervision::cRelaunchGuard other(dir.path());
+  EXPECT_EQ(other.Claim(9011), tClaim::eOtherProcess);
+  nSupervision::cRelaunchGuard otherPort(dir.path());
+  EXPECT_EQ(otherPort.Claim(9021), tClaim::eRelaunch);
 }
 
 // A stand-in for systemctl, put first in PATH. It answers from files in its

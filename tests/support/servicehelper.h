@@ -57,6 +57,8 @@ class ServiceProcess {
   bool freeze(std::chrono::milliseconds timeout = std::chrono::seconds(10));
   bool running();
 
+  // The process's id while it runs (-1 otherwise).
+  RQPProcessId pid() const { return pid_; }
   unsigned short clientsPort() const { return clientsPort_; }
   unsigned short netPort() const { return netPort_; }
   // This service's host text as clients and peers use it ("name~port").

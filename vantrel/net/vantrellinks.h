@@ -92,8 +92,9 @@ class iVantrelRouter {
   // none. True: the event belongs to the link. False only when no link could be
   // made; the caller still owns the event.
   virtual bool dispatchHostEvent(VantrelHostEvent* event) = 0;
-  // True when `host` names this service itself (its host name, or its host text
-  // with the net port).
+  // True when `host` names this service itself: its host name, "localhost" or
+  // one of its own addresses, with its net port or none. Never asks a resolver
+  // and takes no lock, so it may be called anywhere, also per message.
   virtual bool isLocalHost(const char* host) const = 0;
 };
 
@@ -107,6 +108,10 @@ class iVantrelConnectionOwner {
   // The connection has terminated by itself; the owner joins its threads and
   // deletes it later, on a thread of its own. Unknown connections are ignored.
   virtual void Ended(iVantrelConnection* connection) = 0;
+  // An accepted connection has completed its handshake (a link) or greeting (a
+  // client): from now on no admission deadline applies to it. Unknown or
+  // already admitted connections are ignored.
+  virtual void Admitted(iVantrelConnection* /*connection*/) {}
 };
 
 // Makes the session of a client connection once the client has greeted.

@@ -156,6 +156,14 @@ bool CVantrelHostConnection::connectToPeer() {
     VLOG_ERROR("CVantrelHostConnection::connect - %s", e.what());
     return false;
   }
+  // A name that resolves to one of this host's own addresses leads back here;
+  // such messages are delivered locally, never over a link to itself.
+  const std::string reached = socket_.PeerAddress() + context_->addressPortDelimiter + std::to_string(port);
+  if (context_->router != nullptr && context_->router->isLocalHost(reached.c_str())) {
+    VLOG_ERROR("CVantrelHostConnection::connect - %s leads back to this service (%s); link refused",
+               vantrel::log::Escaped(text), reached);
+    return false;
+  }
   const std::string& me = context_->addressHostText;
   if (!socket_.SendTypedMessageZ2(kHostName, kVersionMarker, me.c_str(), static_cast<unsigned>(me.size() + 1))) {
     VLOG_ERROR("Error sending host-name message to host %s.", vantrel::log::Escaped(text));
@@ -199,12 +207,17 @@ bool CVantrelHostConnection::receiveHandshake() {
     connectFailed();
     return false;
   }
+  if (!admitPeer(peer)) {
+    connectFailed();
+    return false;
+  }
   {
     std::lock_guard<std::mutex> guard(hostMutex_);
     host_ = peer;
   }
   iVantrelRouter* router = context_->router;
   if (router != nullptr) router->registerHostEvent(peer.c_str(), this, postHandler_);
+  if (context_->owner != nullptr) context_->owner->Admitted(this);
   VLOG_INFO("CVantrelHostConnection::doReading - Received a connection from host: %s", vantrel::log::Escaped(peer));
   connected();
   bool terminated = false;
@@ -222,6 +235,22 @@ bool CVantrelHostConnection::receiveHandshake() {
     return false;
   }
   return true;
+}
+
+bool CVantrelHostConnection::admitPeer(const std::string& peer) {
+  // Registered under its own name, a peer would take this service's messages.
+  if (context_->router != nullptr && context_->router->isLocalHost(peer.c_str())) {
+    VLOG_ERROR("CVantrelHostConnection::doReading - host %s from %s names this service itself; link refused",
+               vantrel::log::Escaped(peer), socket_.PeerAddress());
+    return false;
+  }
+  if (!context_->tls.useOpenSsl || !context_->tls.verifyClientCertificate) return true;
+  // The name a peer gives itself must be one its verified certificate proves.
+  const std::string host = gSplitHostPort(peer, context_->addressPortDelimiter).host;
+  if (socket_.PeerCertificateNames(host)) return true;
+  VLOG_ERROR("CVantrelHostConnection::doReading - host %s from %s is not named by its certificate; link refused",
+             vantrel::log::Escaped(peer), socket_.PeerAddress());
+  return false;
 }
 
 void CVantrelHostConnection::doReading() {

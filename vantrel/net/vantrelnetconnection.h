@@ -79,6 +79,10 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   void doWriting();
   bool connectToPeer();
   bool receiveHandshake();
+  // Whether a peer that named itself `peer` in its handshake may have a link:
+  // not under this service's own name, and with client-certificate
+  // verification only under a name its certificate proves. Logs a refusal.
+  bool admitPeer(const std::string& peer);
   // After a successful connect or handshake: open for requests, wake the file threads.
   void connected();
   void connectFailed();

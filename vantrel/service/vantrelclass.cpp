@@ -1,5 +1,6 @@
 #include "vantrel/service/vantrelclass.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -7,6 +8,7 @@
 
 #include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/log/log.h"
+#include "vantrel/base/platform/localaddress.h"
 #include "vantrel/base/platform/lockfile.h"
 #include "vantrel/base/platform/manualevent.h"
 #include "vantrel/base/platform/process.h"
@@ -34,6 +36,23 @@ using nCommunication::nSocket::nImplementation_sho::gPing;
 namespace {
 constexpr long kBusyCheckWaitMs = 5000;
 constexpr double kBusyPingSeconds = 300;
+// How long an accepted connection may take for its handshake or greeting when
+// the communication time-out is off.
+constexpr std::chrono::milliseconds kDefaultAdmissionDeadline{10000};
+
+cVantrelConnectionKeeper::cAdmissionLimits AdmissionLimits(const cVantrelIni& settings) {
+  cVantrelConnectionKeeper::cAdmissionLimits limits;
+  limits.maxPending = settings.MaxPendingConnections();
+  const auto timeout = std::chrono::milliseconds(settings.SocketCommunicationTimeout().Milliseconds());
+  limits.deadline = timeout.count() > 0 ? timeout : kDefaultAdmissionDeadline;
+  return limits;
+}
+
+// The peer of an accepted connection, for log lines.
+std::string PeerText(const cSocketHandle& handle) {
+  const vantrel::platform::cEndpoint peer = vantrel::platform::gPeerEndpoint(handle.Native());
+  return peer.address + ":" + std::to_string(peer.port);
+}
 }  // namespace
 
 // Everything the service object owns, and the factory of client sessions.
@@ -55,6 +74,8 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
                          CreateClientConnection(std::move(handle));
                        }) {
     eventServer.setLinkFactory([this](const std::string& hostText) { return CreateOutgoingHostLink(hostText); });
+    keeper.SetAdmissionLimits(AdmissionLimits(settings));
+    netListener.Socket().SetListenAddress(settings.NetListenAddress());
   }
 
   ~cCore() override {
@@ -66,6 +87,8 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
 
   std::unique_ptr<iVantrelClientSession> CreateClientSession(const std::string& name,
                                                              iVantrelClientLink* link) override {
+    // The greeting has arrived: the connection no longer counts as pending.
+    keeper.Admitted(link);
     return std::make_unique<VantrelClientInstance>(name, link, &eventServer, context->copies);
   }
 
@@ -87,7 +110,30 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
     built->pingSeconds = CVantrelHostConnection::PingTimeoutSeconds();
     built->copies = cCopyPolicy::Make(settings.CopyRoots(), settings.CertificatesPath(), settings.MaxMessageSize());
     context = std::move(built);
-    eventServer.setLocalHost(hostName, addressHostText);
+
+    cLocalIdentity identity;
+    identity.hostName = hostName;
+    identity.addressHostText = addressHostText;
+    identity.delimiter = settings.AddressPortDelimiter();
+    identity.netPort = netPort;
+    identity.listenAddress = vantrel::platform::gParseNumericAddress(settings.NetListenAddress());
+    std::string error;
+    identity.interfaceAddresses = vantrel::platform::gInterfaceAddresses(&error);
+    if (!error.empty()) VLOG_WARN("CVantrelClass::Init - this host's addresses are unknown: %s", error);
+    eventServer.setLocalHost(std::move(identity));
+  }
+
+  // Said once at start: who may use a net port that other hosts can reach.
+  void WarnIfOpenToOtherHosts() {
+    const auto address = vantrel::platform::gParseNumericAddress(settings.NetListenAddress());
+    if (address && vantrel::platform::gIsLoopback(*address)) return;
+    if (tls.useOpenSsl && tls.verifyClientCertificate) return;
+    VLOG_WARN(
+        "CVantrelClass::Init - net port %d listens on %s without client-certificate verification: any peer that "
+        "reaches it may send messages to this host's clients under any host name, and ask this service to write and "
+        "read files within CopyRoots (anywhere when CopyRoots is empty). Set NetListenAddress, or UseOpenSsl and "
+        "VerifyClientCertificate, to limit it",
+        netPort, address ? settings.NetListenAddress() : std::string("every address"));
   }
 
   // Make, adopt and start a connection. The router opens outgoing links while
@@ -99,17 +145,32 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
     started->Start();
     return started;
   }
+  // Accepted connections are pending until their handshake or greeting; the
+  // keeper bounds how many wait and for how long.
   void CreateIncomingHostLink(cSocketHandle&& handle, cTlsConnectionState tlsState) {
+    const std::string peer = PeerText(handle);
     auto link = std::make_unique<CVantrelHostConnection>(std::move(handle), std::move(tlsState), context);
     CVantrelHostConnection* started = link.get();
-    keeper.Adopt(std::move(link));
-    started->Start();
+    if (!keeper.AdoptPending(std::move(link), cVantrelConnectionKeeper::tPort::eNet, peer)) return;
+    StartPending(started);
   }
   void CreateClientConnection(cSocketHandle&& handle) {
+    const std::string peer = PeerText(handle);
     auto connection = std::make_unique<CVantrelClientConnection>(std::move(handle), context);
     CVantrelClientConnection* started = connection.get();
-    keeper.Adopt(std::move(connection));
-    started->Start();
+    if (!keeper.AdoptPending(std::move(connection), cVantrelConnectionKeeper::tPort::eClients, peer)) return;
+    StartPending(started);
+  }
+  template <typename tConnection>
+  void StartPending(tConnection* connection) {
+    try {
+      connection->Start();
+    } catch (...) {
+      // Not running, but its deadline still ends it.
+      keeper.Started(connection);
+      throw;
+    }
+    keeper.Started(connection);
   }
 
   void ReportPortBusyText(unsigned short port) {
@@ -244,6 +305,7 @@ bool CVantrelClass::vInitZ1() {
       // Every connection, from the first accepted one on, gets the final port.
       core.BuildConnectionContext();
       core.netListener.StartAccepting();
+      core.WarnIfOpenToOtherHosts();
     }
   } catch (const std::exception& e) {
     VLOG_ERROR("CVantrelClass::Init - cannot listen on net port %d: %s", core.netPort, e.what());

@@ -1,9 +1,13 @@
 #include "vantrel/service/vantreleventserver.h"
 
 #include <algorithm>
+#include <cctype>
 #include <utility>
 
 #include "vantrel/base/log/log.h"
+#include "vantrel/base/socket/address.h"
+
+using nCommunication::nSocket::nImplementation_sho::gSplitHostPort;
 
 CVantrelEventServer::CVantrelEventServer() : ServerObj(37) {}
 
@@ -14,10 +18,9 @@ void CVantrelEventServer::setLinkFactory(tLinkFactory factory) {
   linkFactory_ = std::move(factory);
 }
 
-void CVantrelEventServer::setLocalHost(const std::string& hostName, const std::string& addressHostText) {
+void CVantrelEventServer::setLocalHost(cLocalIdentity identity) {
   RQPMutexGuard guard(lock_);
-  hostName_ = hostName;
-  addressHostText_ = addressHostText;
+  local_ = std::move(identity);
 }
 
 void CVantrelEventServer::registerClientEvent(const char* name, iVantrelClientSession* session, int handler) {
@@ -111,9 +114,39 @@ void CVantrelEventServer::cleanUp() {
   }
 }
 
+namespace {
+bool SameName(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+         });
+}
+}  // namespace
+
 bool CVantrelEventServer::isLocalHost(const char* host) const {
-  if (host == nullptr || hostName_.empty()) return false;
-  return hostName_ == host || addressHostText_ == host;
+  if (host == nullptr || local_.hostName.empty()) return false;
+  if (local_.addressHostText == host || local_.hostName == host) return true;
+  const auto split = gSplitHostPort(host, local_.delimiter);
+  // A host text without a port is reached on this service's own net port.
+  if (split.hasDelimiter && split.port != local_.netPort) return false;
+  return isOwnHostPart(split.host);
+}
+
+bool CVantrelEventServer::isOwnHostPart(const std::string& host) const {
+  namespace platform = vantrel::platform;
+  if (SameName(host, local_.hostName) || SameName(host, "localhost")) return true;
+  // Names other than these would need the resolver, which must not run here
+  // (callers may hold the router's lock); a link that still leads back to this
+  // service is refused when it connects.
+  // Every numeric form a connect accepts starts with a digit or holds a colon;
+  // other names skip the parse on this per-message path.
+  if (host.empty() || (!std::isdigit(static_cast<unsigned char>(host[0])) && host.find(':') == std::string::npos))
+    return false;
+  const auto address = platform::gParseNumericAddress(host);
+  if (!address) return false;
+  if (local_.listenAddress) return *address == *local_.listenAddress;
+  return platform::gIsLoopback(*address) || platform::gIsUnspecified(*address) ||
+         std::find(local_.interfaceAddresses.begin(), local_.interfaceAddresses.end(), *address) !=
+             local_.interfaceAddresses.end();
 }
 
 std::size_t CVantrelEventServer::clientCount() {

@@ -14,13 +14,31 @@
 // registers itself from dispatchHostEvent, and when a terminating link or
 // detaching session removes itself.
 #include <functional>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "vantrel/base/events/events.h"
+#include "vantrel/base/platform/localaddress.h"
 #include "vantrel/message/vantrelevents.h"
 #include "vantrel/net/vantrellinks.h"
 #include "vantrel/support/sync.h"
+
+// The names and addresses under which a service is reached. An address names
+// the service when its port (after the delimiter; none means the net port) is
+// the net port and its host is the host name, "localhost", the host text, or a
+// numeric address of this machine: a loopback or unspecified address or one of
+// the interface addresses - or, when the net port listens on one address only,
+// that address alone.
+struct cLocalIdentity {
+  std::string hostName;
+  std::string addressHostText;
+  std::string delimiter = "~";
+  unsigned short netPort = 0;
+  std::optional<vantrel::platform::cIpAddress> listenAddress;
+  std::vector<vantrel::platform::cIpAddress> interfaceAddresses;
+};
 
 class CVantrelEventServer : public ServerObj, public iVantrelRouter {
  public:
@@ -40,7 +58,7 @@ class CVantrelEventServer : public ServerObj, public iVantrelRouter {
   void setLinkFactory(tLinkFactory factory);
   // The names under which this service is addressed; set before the listeners
   // start, read without the lock afterwards.
-  void setLocalHost(const std::string& hostName, const std::string& addressHostText);
+  void setLocalHost(cLocalIdentity identity);
 
   void registerClientEvent(const char* name, iVantrelClientSession* session, int handler) override;
   void registerHostEvent(const char* name, iVantrelHostLink* link, int handler) override;
@@ -63,7 +81,8 @@ class CVantrelEventServer : public ServerObj, public iVantrelRouter {
   RQPMutex lock_;
   std::vector<iVantrelClientSession*> clients_;
   std::vector<iVantrelHostLink*> hosts_;
+  bool isOwnHostPart(const std::string& host) const;
+
   tLinkFactory linkFactory_;
-  std::string hostName_;
-  std::string addressHostText_;
+  cLocalIdentity local_;
 };

@@ -22,8 +22,8 @@ struct cProcessIdentity {
 // "no such user" is printed).
 bool gIdentityOf(const RQPProcessEntry& entry, cProcessIdentity& identity);
 
-// True when the process's command name or executable file name begins with
-// "vantrel", without regard to case.
+// True when the process's command name or executable file name is the service
+// program's, "vantrel" or "vantrel.exe", without regard to case.
 bool gIsVantrelImage(const RQPProcessEntry& entry);
 
 // Applies the service-process rules to `entries` (which should hold the caller,

@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <cstdlib>
 #include <mutex>
+#include <utility>
 
 #include "vantrel/base/env/envcontainer.h"
 #include "vantrel/base/log/log.h"
+#include "vantrel/base/platform/lockfile.h"
+#include "vantrel/base/platform/manualevent.h"
 #include "vantrel/base/platform/process.h"
 
 namespace nSupervision {
@@ -61,9 +64,42 @@ std::vector<std::string> gRelaunchArguments() {
   return arguments;
 }
 
-void gRestartVantrelProcess() {
+cRelaunchGuard::cRelaunchGuard(std::string lockFolder) : lockFolder_(std::move(lockFolder)) {}
+
+std::string cRelaunchGuard::LockPath(unsigned short netPort) const {
+  return lockFolder_ + "/QXVantrel-relaunch-" + std::to_string(netPort) + ".lock";
+}
+
+cRelaunchGuard::tClaim cRelaunchGuard::Claim(unsigned short netPort) {
+  if (claimed_.exchange(true, std::memory_order_acq_rel)) return tClaim::eThisProcess;
+  std::string error;
+  bool lockedElsewhere = false;
+  const int handle = RQPLockFileExclusive(LockPath(netPort), &error, &lockedElsewhere);
+  if (handle < 0 && lockedElsewhere) {
+    VLOG_ERROR("cRelaunchGuard::Claim - no relaunch from this process: %s", error);
+    return tClaim::eOtherProcess;
+  }
+  // A lock that cannot be had at all must not leave the service without a
+  // successor: relaunch, unserialised against other processes.
+  if (handle < 0) VLOG_ERROR("cRelaunchGuard::Claim - relaunching without the lock: %s", error);
+  std::lock_guard<std::mutex> lock(mutex_);
+  lockHandle_ = handle;  // held until the process ends
+  return tClaim::eRelaunch;
+}
+
+void gRestartVantrelProcess(unsigned short netPort) {
+  // Never destroyed: the lock it holds must outlive every other thread.
+  static cRelaunchGuard* const guard = new cRelaunchGuard(RQPRuntimeFolder(true));
+  const cRelaunchGuard::tClaim claim = guard->Claim(netPort);
+  if (claim == cRelaunchGuard::tClaim::eThisProcess) {
+    // The winning thread ends the process; nothing must happen here meanwhile.
+    RQPManualEvent never;
+    for (;;) never.Wait();
+  }
   if (gIsSystemdMainProcess()) {
     VLOG_ERROR("exiting vantrel service with error. Should restart automatically");
+  } else if (claim == cRelaunchGuard::tClaim::eOtherProcess) {
+    VLOG_ERROR("exiting vantrel service with error. Another process is relaunching it");
   } else {
     VLOG_ERROR("relaunching vantrel and exiting with erro. Should have a new process");
     // The successor keeps this process's working folder, so that relative paths

@@ -1,9 +1,12 @@
 #include "vantrel/supervision/runvantrel.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "vantrel/base/env/envcontainer.h"
@@ -217,10 +220,14 @@ bool gIdentityOf(const RQPProcessEntry& entry, cProcessIdentity& identity) {
 }
 
 bool gIsVantrelImage(const RQPProcessEntry& entry) {
-  static constexpr char kPrefix[] = "vantrel";
-  const auto matches = [](const std::string& name) {
-    return name.size() >= sizeof(kPrefix) - 1 && strncasecmp(name.c_str(), kPrefix, sizeof(kPrefix) - 1) == 0;
+  // Only the service program itself: the command-line client, benchmarks and
+  // test programs share the prefix but serve nobody.
+  const auto same = [](const std::string& name, std::string_view wanted) {
+    return name.size() == wanted.size() && std::equal(name.begin(), name.end(), wanted.begin(), [](char a, char b) {
+             return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+           });
   };
+  const auto matches = [&same](const std::string& name) { return same(name, "vantrel") || same(name, "vantrel.exe"); };
   return matches(entry.imageName) || matches(entry.exeName);
 }
 

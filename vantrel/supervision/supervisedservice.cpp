@@ -5,7 +5,7 @@
 
 void cSupervisedVantrelClass::RememberProcessArguments(int argc, char** argv) { gRememberProcessArguments(argc, argv); }
 
-void cSupervisedVantrelClass::RestartProcess() { gRestartVantrelProcess(); }
+void cSupervisedVantrelClass::RestartProcess() { gRestartVantrelProcess(GetNetPortZ5181()); }
 
 bool cSupervisedVantrelClass::IsOtherServiceProcessRunning() {
   return IsVantrelProcessRunning(nullptr) == 0 || IsVantrlServiceRunning(false) != 0;

@@ -163,6 +163,20 @@ void cVantrelIni::Read() {
   } else {
     maxMessageSize_ = static_cast<std::uint32_t>(maxSize);
   }
+
+  // Blank (the default) listens on every address.
+  std::istringstream listen(gReadStringOptional(t, "NetListenAddress", ""));
+  listen >> netListenAddress_;
+  const int maxPending =
+      ReadIntWithDefault(t, "MaxPendingConnections", static_cast<int>(kDefaultMaxPendingConnections), parsed);
+  if (!parsed || maxPending < 1) {
+    if (parsed)
+      VLOG_WARN("cVantrelIni - MaxPendingConnections %d is below 1; %u is used", maxPending,
+                kDefaultMaxPendingConnections);
+    maxPendingConnections_ = kDefaultMaxPendingConnections;
+  } else {
+    maxPendingConnections_ = static_cast<std::uint32_t>(maxPending);
+  }
 }
 
 const cVantrelIni& cVantrelIni::Instance() {

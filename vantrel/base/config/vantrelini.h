@@ -24,6 +24,7 @@ namespace nVantrelIni {
 inline constexpr std::uint32_t kDefaultMaxMessageSize = 4194304;
 // A file chunk (51200 bytes) with the record around it must fit in one frame.
 inline constexpr std::uint32_t kMinMaxMessageSize = 65536;
+inline constexpr std::uint32_t kDefaultMaxPendingConnections = 256;
 
 // Reading one key from a settings table. Integers are 32-bit signed decimals,
 // extracted as a stream extraction does it (leading blanks skipped, reading stops
@@ -89,6 +90,13 @@ class cVantrelIni {
   // between them); empty: anywhere.
   const std::string& CopyRoots() const { return copyRoots_; }
 
+  // Admission on the service's ports.
+  // The one address the net port listens on; empty: all addresses.
+  const std::string& NetListenAddress() const { return netListenAddress_; }
+  // Connections that may wait for their handshake or greeting at once (both
+  // ports together; at least 1).
+  std::uint32_t MaxPendingConnections() const { return maxPendingConnections_; }
+
  private:
   void Read();
 
@@ -110,6 +118,8 @@ class cVantrelIni {
   bool verifyClientCertificate_ = false;
   std::uint32_t maxMessageSize_ = nVantrelIni::kDefaultMaxMessageSize;
   std::string copyRoots_;
+  std::string netListenAddress_;
+  std::uint32_t maxPendingConnections_ = nVantrelIni::kDefaultMaxPendingConnections;
 };
 
 // The simulated latencies of host links, parsed from SimulatedLatencyNet_debug.

@@ -4,10 +4,12 @@
 // kernel drops the lock of a process that dies, so a stale file never blocks.
 #include <string>
 
-// A handle (>= 0) that holds an exclusive lock on `path` (created when missing),
-// or -1 when another process holds the lock or the file cannot be opened; then
-// `error` (when given) says which. The handle is close-on-exec.
-int RQPLockFileExclusive(const std::string& path, std::string* error);
+// A handle (>= 0) that holds an exclusive lock on `path` (created when missing,
+// readable by every user so that any user's process can lock it), or -1 when
+// another process holds the lock or the file cannot be opened; then `error`
+// (when given) says which, and `lockedElsewhere` (when given) tells the first
+// case from the second. Never blocks. The handle is close-on-exec.
+int RQPLockFileExclusive(const std::string& path, std::string* error, bool* lockedElsewhere = nullptr);
 void RQPUnlockFile(int handle);
 
 // Where per-instance files go: for names visible to every user a system-wide

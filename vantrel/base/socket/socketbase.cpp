@@ -1,6 +1,7 @@
 #include "vantrel/base/socket/socketbase.h"
 
 #include "vantrel/base/log/log.h"
+#include "vantrel/base/platform/localaddress.h"
 
 namespace platform = vantrel::platform;
 
@@ -70,8 +71,16 @@ void c_Socket::CloseSocket() {
 
 void c_Socket::CreateListenerSocket(unsigned short port, tBindScope scope) {
   if (Handle() >= 0) throw cSocketError("c_Socket::CreateListenerSocket - socket is already in use");
+  std::optional<platform::cIpAddress> address;
+  if (!listenAddress_.empty()) {
+    address = platform::gParseNumericAddress(listenAddress_);
+    if (!address)
+      throw cSocketError("c_Socket::CreateListenerSocket - listen address '" + listenAddress_ +
+                         "' is not a numeric address");
+  }
   platform::cSocketResult result;
-  platform::cUniqueSocket listener(platform::gOpenStreamSocket(platform::tAddressFamily::eIPv4, result));
+  platform::cUniqueSocket listener(
+      platform::gOpenStreamSocket(address ? address->family : platform::tAddressFamily::eIPv4, result));
   if (!listener.Valid()) throw cSocketError("c_Socket::CreateListenerSocket - socket failed: " + result.Text());
   platform::gSetReuseAddress(listener.Get());
   const auto fail = [port](const char* what, const platform::cSocketResult& failure) {
@@ -79,9 +88,13 @@ void c_Socket::CreateListenerSocket(unsigned short port, tBindScope scope) {
     throw cSocketError(
         fmt::sprintf("c_Socket::CreateListenerSocket - %s port %d failed: %s", what, port, failure.Text()));
   };
-  result = platform::gBindIPv4(
-      listener.Get(), scope == eLoopbackOnly ? platform::tListenAddress::eLoopback : platform::tListenAddress::eAny,
-      port);
+  if (address) {
+    result = platform::gBindAddress(listener.Get(), *address, port);
+  } else {
+    result = platform::gBindIPv4(
+        listener.Get(), scope == eLoopbackOnly ? platform::tListenAddress::eLoopback : platform::tListenAddress::eAny,
+        port);
+  }
   if (!result.Ok()) fail("bind to", result);
   result = platform::gListen(listener.Get());
   if (!result.Ok()) fail("listen on", result);

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "vantrel/base/platform/socket.h"
 #include "vantrel/base/socket/closesignal.h"
@@ -80,6 +81,10 @@ class c_Socket {
   // all addresses. Throws cAlreadyInUse when the port is taken, cSocketError on
   // any other failure.
   virtual void CreateListenerSocket(unsigned short port, tBindScope scope = eAllAddresses);
+  // A numeric address (IPv4 or IPv6) to listen on instead of `scope`'s; empty
+  // keeps the scope. Set before CreateListenerSocket, which throws cSocketError
+  // when it is not a numeric address of this host.
+  void SetListenAddress(std::string address) { listenAddress_ = std::move(address); }
 
   // Shuts the connection (or listener) down and wakes every blocked operation at
   // once. Idempotent; the descriptor stays open until destruction.
@@ -107,4 +112,5 @@ class c_Socket {
   std::string peerAddress_;
   std::atomic<unsigned short> localPort_{0};
   std::atomic<unsigned short> peerPort_{0};
+  std::string listenAddress_;  // set before listening, by the owner's thread
 };

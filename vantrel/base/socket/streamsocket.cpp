@@ -145,6 +145,10 @@ bool StreamSocket::CompleteAcceptHandshake(const cSocketOptions& options) {
   return RunHandshake(std::move(session), gDeadlineAfter(options.communicationTimeout), "accept");
 }
 
+bool StreamSocket::PeerCertificateNames(const std::string& host) const {
+  return useTls_ && transport_->PeerCertificateNames(host);
+}
+
 bool StreamSocket::WaitTypedMessageZ1(short& type, short& subtype, char*& data, unsigned& length,
                                       iLatencyConfiguration* latency) {
   data = nullptr;

@@ -112,6 +112,11 @@ class StreamSocket : public c_Socket {
   // by the communication time-out. True at once for a plain connection.
   bool CompleteAcceptHandshake(const cSocketOptions& options);
 
+  // After CompleteAcceptHandshake (or a TLS Connect): true when the peer's
+  // certificate was verified and names `host`; false on a plain connection.
+  // Used to tie the name a peer gives itself to the certificate it proved.
+  bool PeerCertificateNames(const std::string& host) const;
+
   // Sends one frame. `data` may be null only when `length` is 0.
   bool SendTypedMessageZ2(short type, short subtype, const char* data, unsigned length);
 

@@ -32,6 +32,15 @@ void cTlsSession::AcceptFrom(std::optional<bool> verifyClient) {
     SSL_set_verify(ssl_, *verifyClient ? SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT : SSL_VERIFY_NONE, nullptr);
 }
 
+bool cTlsSession::PeerCertificateNames(const std::string& host) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (host.empty() || SSL_get_verify_result(ssl_) != X509_V_OK) return false;
+  X509* certificate = SSL_get0_peer_certificate(ssl_);
+  if (certificate == nullptr) return false;
+  if (vantrel::platform::gIsNumericAddress(host)) return X509_check_ip_asc(certificate, host.c_str(), 0) == 1;
+  return X509_check_host(certificate, host.data(), host.size(), X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS, nullptr) == 1;
+}
+
 cTlsSession::tIo cTlsSession::Outcome(int rc) const {
   switch (SSL_get_error(ssl_, rc)) {
     case SSL_ERROR_WANT_READ:

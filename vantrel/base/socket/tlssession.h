@@ -40,6 +40,12 @@ class cTlsSession {
   // a client certificate for this connection.
   void AcceptFrom(std::optional<bool> verifyClient);
 
+  // After the handshake: true when the peer presented a certificate that was
+  // verified and names `host` (a DNS name or, for a numeric address, an IP
+  // address among its subject alternative names; the common name when it has
+  // no DNS names). Partial wildcards ("a*.example") never match.
+  bool PeerCertificateNames(const std::string& host);
+
   // One step of the handshake. eFailed: `failure` says why (OpenSSL's errors,
   // the certificate verdict, the system's error).
   tIo Handshake(std::string& failure);

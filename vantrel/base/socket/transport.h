@@ -42,6 +42,11 @@ class cTransport final : public iByteSource, public iByteSink {
   bool Handshake(std::unique_ptr<cTlsSession> session, std::int64_t deadlineUs, const char* what);
   // Whether the TLS handshake has completed.
   bool SessionReady() const { return sessionReady_.load(std::memory_order_acquire); }
+  // After the handshake: the peer's verified certificate names `host`
+  // (cTlsSession::PeerCertificateNames); false without TLS.
+  bool PeerCertificateNames(const std::string& host) const {
+    return SessionReady() && session_->PeerCertificateNames(host);
+  }
 
   std::size_t Read(char* buffer, std::size_t size, bool inFrame, cFrameDeadline& deadline) override;
   bool Writable() const override;
