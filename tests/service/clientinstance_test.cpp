@@ -13,10 +13,21 @@ namespace vantrel::test {
 namespace {
 using namespace vantrel::wire;
 
-// Sends `record` from the instance's client, as the connection's reader does.
+// What a client writes into a record; by default what the client library writes.
+struct Written {
+  short recordType = 0;              // 0: the frame's type
+  const char* fromClient = nullptr;  // null: the sender's own name
+  const char* fromHost = "here";
+  short subtype = 0;
+};
+
+// Sends a record from the instance's client as a frame of `type`, as the
+// connection's reader hands it on.
 bool Send(VantrelClientInstance& from, std::uint32_t id, const char* toClient, short type,
-          const char* toHost = "here~1") {
-  const cVantrelMessage record(id, toHost, toClient, "here~1", from.name().c_str(), QTYPE_CLIENT, type, 0, "hello", 6);
+          const char* toHost = "here~1", Written written = {}) {
+  const cVantrelMessage record(id, toHost, toClient, written.fromHost,
+                               written.fromClient ? written.fromClient : from.name().c_str(), QTYPE_CLIENT,
+                               written.recordType ? written.recordType : type, written.subtype, "hello", 6);
   return from.handleMessage(record.getPackedBuf(), record.getPackedBufLen(), type, 0);
 }
 
@@ -25,10 +36,12 @@ class ClientInstanceTest : public ::testing::Test {
   CVantrelEventServer server;
   FakeClientLink aliceLink{"alice"};
   FakeClientLink bobLink{"bob"};
-  VantrelClientInstance alice{"alice", &aliceLink, &server};
-  VantrelClientInstance bob{"bob", &bobLink, &server};
+  VantrelClientInstance alice{"alice", &aliceLink, &server, "here"};
+  VantrelClientInstance bob{"bob", &bobLink, &server, "here"};
 };
 
+// A delivered answer goes out only once the addressee's writer has written the
+// message; one that is dropped unwritten is answered as not delivered.
 TEST_F(ClientInstanceTest, EachSendTypeGetsItsAnswerOrNone) {
   // Remote hosts cannot be reached: their sends must be answered (or not) here.
   // This service's own names need no link at all.
@@ -65,6 +78,9 @@ TEST_F(ClientInstanceTest, EachSendTypeGetsItsAnswerOrNone) {
       EXPECT_EQ(forwarded->getType(), c.type);
       EXPECT_STREQ(forwarded->getData(), "hello");
       EXPECT_STREQ(forwarded->getFromClient(), "alice");
+      EXPECT_EQ(aliceLink.take(), nullptr) << "answered before it was written";
+      forwarded->settle(true);
+      forwarded->settle(false);  // a second settlement answers nothing
     }
     auto answer = aliceLink.take();
     if (c.answerType == 0) {
@@ -82,6 +98,58 @@ TEST_F(ClientInstanceTest, EachSendTypeGetsItsAnswerOrNone) {
     }
     EXPECT_EQ(aliceLink.take(), nullptr);
   }
+}
+
+TEST_F(ClientInstanceTest, AMessageDroppedUnwrittenIsNotDelivered) {
+  for (short type : {kLocalSend, kLocalSendNoWait}) {
+    ASSERT_TRUE(Send(alice, 7, "bob", type));
+    bobLink.take().reset();  // the client left, or its queue was full
+    auto answer = aliceLink.take();
+    ASSERT_NE(answer, nullptr);
+    EXPECT_EQ(answer->getType(), kNotDelivered);
+    EXPECT_EQ(answer->getQtype(), type == kLocalSend ? QTYPE_SYNC : QTYPE_ASYNC);
+  }
+  // Once the sender has gone, a late settlement answers nobody.
+  ASSERT_TRUE(Send(alice, 8, "bob", kLocalSend));
+  auto held = bobLink.take();
+  alice.detach();
+  held->settle(true);
+  EXPECT_EQ(aliceLink.take(), nullptr);
+}
+
+// A client can neither answer in a service's place nor pose as another client.
+TEST_F(ClientInstanceTest, AnswersAndSendersAreNotTakenFromTheClient) {
+  struct Case {
+    const char* name;
+    short frameType;
+    Written written;
+    bool forwarded;
+    short answerType;  // 0: none
+  } cases[] = {
+      {"answer inside a fire-and-forget frame", kLocalSendNoResponse, {kDelivered}, false, 0},
+      {"failure answer inside a send", kLocalSend, {kNotDelivered}, false, kNotDelivered},
+      {"other kind inside a no-wait send", kLocalSendNoWait, {kLocalSendNoResponse}, false, kNotDelivered},
+      {"another client's name and host", kLocalSendNoResponse, {0, "boss", "lg99~9011"}, true, 0},
+      {"the acknowledgement channel", kLocalSendNoResponse, {0, nullptr, "here", kChannelAnswers}, true, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_TRUE(Send(alice, 9, "bob", c.frameType, "here~1", c.written));
+    auto forwarded = bobLink.take();
+    ASSERT_EQ(forwarded != nullptr, c.forwarded);
+    if (forwarded) {
+      EXPECT_STREQ(forwarded->getFromClient(), "alice");
+      EXPECT_STREQ(forwarded->getFromHost(), "here");
+      EXPECT_EQ(forwarded->getSubtype(), kChannelMessages);
+      EXPECT_STREQ(forwarded->getData(), "hello");
+    }
+    auto answer = aliceLink.take();
+    EXPECT_EQ(answer ? answer->getType() : 0, c.answerType);
+  }
+  // Answer frames themselves are refused outright.
+  for (short type : {kDelivered, kNotDelivered}) EXPECT_TRUE(Send(alice, 10, "bob", type));
+  EXPECT_EQ(bobLink.take(), nullptr);
+  EXPECT_EQ(aliceLink.take(), nullptr);
 }
 
 TEST_F(ClientInstanceTest, FarewellUnregistersAndEndsReading) {

@@ -13,6 +13,7 @@
 #include "vantrel/base/platform/thread.h"
 #include "vantrel/base/socket/hostlookup.h"
 #include "vantrel/base/socket/socketoptions.h"
+#include "vantrel/message/wire.h"
 #include "vantrel/net/VantrelToolKit.h"
 #include "vantrel/net/vantrelclientconnection.h"
 #include "vantrel/net/vantrelconnectioncontext.h"
@@ -66,7 +67,10 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
 
   std::unique_ptr<iVantrelClientSession> CreateClientSession(const std::string& name,
                                                              iVantrelClientLink* link) override {
-    return std::make_unique<VantrelClientInstance>(name, link, &eventServer);
+    // The host name as the greeting's fixed field gave it to the client, so that
+    // the sender fields the service writes are the ones the client library wrote.
+    return std::make_unique<VantrelClientInstance>(name, link, &eventServer,
+                                                   hostName.substr(0, vantrel::wire::kGreetingFieldSize));
   }
 
   // Once the net port is known and before any listener accepts.
@@ -85,6 +89,10 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
     built->netOptions = netOptions;
     built->threadAttributes = settings.CommunicationThreadAttributes();
     built->pingSeconds = CVantrelHostConnection::PingTimeoutSeconds();
+    built->maxClientQueueBytes = settings.MaxClientQueueBytes();
+    built->maxLinkQueueBytes = settings.MaxLinkQueueBytes();
+    built->linkSilenceSeconds = settings.LinkSilenceLimitSeconds();
+    built->answerTimeoutSeconds = settings.AnswerTimeoutSeconds();
     context = std::move(built);
     eventServer.setLocalHost(hostName, addressHostText);
   }
