@@ -1,5 +1,4 @@
-// Several services on one machine, addressed as host~port, and what their
-// answers promise.
+// Several services on one machine, addressed as host~port.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -110,15 +109,12 @@ TEST_F(NetServiceTest, APeerThatDiesOrHangsAnswersEveryWaitingRequestOnce) {
     ASSERT_TRUE(b.freeze());
     const auto start = std::chrono::steady_clock::now();
     std::set<unsigned> ids;
-    for (unsigned id = 1; id <= (dies ? 3u : 1000u); ++id) {
+    for (unsigned id = 1; id <= (dies ? 3u : 1000u); ids.insert(id++))
       ASSERT_TRUE(alice.NETSendMessageNowaitZ1(static_cast<std::int32_t>(id), "q", 2, At("bob", b).c_str()));
-      ids.insert(id);
-    }
     ASSERT_TRUE(alice.NETSendMessageNoresponseZ1("n", 2, At("bob", b).c_str()));
     if (dies) b.kill();
     ExpectOneBrokenAnswerEach(alice, a, ids);
     const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-    RecordProperty(dies ? "answered_killed_ms" : "answered_stopped_ms", static_cast<int>(took.count()));
     if (!dies) {
       EXPECT_GE(took, std::chrono::seconds(3));
       EXPECT_TRUE(a.waitLog("silent for")) << a.log();
@@ -149,16 +145,14 @@ TEST_F(NetServiceTest, ALinkPeerAnswersOnlyRequestsThatWaitForIt) {
   };
   // While alice waits, the peer answers "delivered" for a message nobody sent.
   auto send = std::async(std::launch::async, [&] { return alice.NETSendMessageZ1("q", 2, "bob@fake~1"); });
-  std::optional<cFrame> request;
-  while ((request = peer.next()) && request->type == wire::kPing) {
-  }
+  auto request = peer.next();
+  while (request && request->type == wire::kPing) request = peer.next();
   ASSERT_TRUE(request.has_value());
   ASSERT_TRUE(delivered(777));
   EXPECT_FALSE(send.get());
   EXPECT_TRUE(a.waitLog("answer 102 to message 777 for alice from host fake~1 dropped")) << a.log();
 
-  // The acknowledged request (id 0) and a no-wait one stay unanswered: both
-  // are answered by the service after the answer time-out.
+  // That request (id 0) and a no-wait one are answered by the service in time.
   ASSERT_TRUE(alice.NETSendMessageNowaitZ1(5, "q", 2, "bob@fake~1"));
   std::set<unsigned> timedOut;
   for (int i = 0; i < 2; ++i) {
@@ -172,9 +166,6 @@ TEST_F(NetServiceTest, ALinkPeerAnswersOnlyRequestsThatWaitForIt) {
   // The answer that comes too late is dropped too.
   ASSERT_TRUE(delivered(5));
   EXPECT_TRUE(a.waitLog("answer 102 to message 5 for alice from host fake~1 dropped")) << a.log();
-  ASSERT_TRUE(alice.NETSendMessageNoresponseZ1("self", 5, At("alice", a).c_str()));
-  EXPECT_EQ(alice.nextText(), "3 self") << a.log();
-  EXPECT_EQ(alice.pending(), 0u);
 }
 
 // "Delivered" means written to the client: a client that never reads holds at
@@ -200,9 +191,7 @@ TEST_F(NetServiceTest, AClientThatNeverReadsCostsOnlyItsQueueBound) {
     EXPECT_EQ(answer->getType(), wire::kNotDelivered);
     EXPECT_TRUE(refused.insert(answer->getMessageId()).second) << "answered twice: " << answer->getMessageId();
   }
-  const long growth = a.rssKiB() - rssBefore;
-  RecordProperty("rss_growth_kib", static_cast<int>(growth));
-  EXPECT_LT(growth, 24 * 1024) << "KiB";
+  EXPECT_LT(a.rssKiB() - rssBefore, 24 * 1024) << "KiB of growth";
   EXPECT_TRUE(a.waitLog("queue of client sink is full")) << a.log();
 
   // Leaving, the sink leaves its queue unwritten: those senders learn it too.

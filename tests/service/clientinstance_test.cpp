@@ -41,12 +41,16 @@ class ClientInstanceTest : public ::testing::Test {
 };
 
 // A delivered answer goes out only once the addressee's writer has written the
-// message; one that is dropped unwritten is answered as not delivered.
+// message, and one dropped unwritten is not delivered. A client can neither
+// answer in a service's place nor pose as another client.
 TEST_F(ClientInstanceTest, EachSendTypeGetsItsAnswerOrNone) {
   // Remote hosts cannot be reached: their sends must be answered (or not) here.
   // This service's own names need no link at all.
   server.setLinkFactory([](const std::string&) -> iVantrelHostLink* { return nullptr; });
   server.setLocalHost("here", "here~1");
+  constexpr const char* kClientText = "Error dispatching client event";
+  constexpr const char* kNotWritten = "Message could not be written to the client";
+  const Written onAnswerChannel{0, nullptr, "here", kChannelAnswers};
   struct Case {
     short type;
     const char* toClient;
@@ -55,9 +59,11 @@ TEST_F(ClientInstanceTest, EachSendTypeGetsItsAnswerOrNone) {
     short answerType;  // 0: no answer at all
     short answerSubtype;
     int qtype;
-    const char* text;  // null: any
+    const char* text;      // null: any
+    Written written = {};  // what the client wrote into the record
+    bool dropped = false;  // the forwarded message is never written
   } cases[] = {
-      {kLocalSend, "bob", "here~1", true, kDelivered, kChannelAnswers, QTYPE_SYNC, "Error dispatching client event"},
+      {kLocalSend, "bob", "here~1", true, kDelivered, kChannelAnswers, QTYPE_SYNC, kClientText},
       {kLocalSendNoWait, "nobody", "here~1", false, kNotDelivered, kChannelMessages, QTYPE_ASYNC, nullptr},
       {kLocalSendNoWait, "bob", "here~1", true, kDelivered, kChannelAnswers, QTYPE_ASYNC, nullptr},
       {kLocalSendNoResponse, "nobody", "here~1", false, 0, 0, 0, nullptr},
@@ -65,22 +71,31 @@ TEST_F(ClientInstanceTest, EachSendTypeGetsItsAnswerOrNone) {
       {kSendNoResponse, "carol", "far~2", false, 0, 0, 0, nullptr},
       {kSend, "carol", "far~2", false, kNotDelivered, kChannelMessages, QTYPE_SYNC, "Error dispatching host event"},
       {kSendNoWait, "carol", "far~2", false, kNotDelivered, kChannelMessages, QTYPE_ASYNC, nullptr},
-      {kSend, "bob", "here~1", true, kDelivered, kChannelAnswers, QTYPE_SYNC, "Error dispatching client event"},
+      {kSend, "bob", "here~1", true, kDelivered, kChannelAnswers, QTYPE_SYNC, kClientText},
       {kSendNoWait, "bob", "here", true, kDelivered, kChannelAnswers, QTYPE_ASYNC, nullptr},
+      {kLocalSend, "bob", "here~1", true, kNotDelivered, kChannelMessages, QTYPE_SYNC, kNotWritten, {}, true},
+      {kSendNoWait, "bob", "here", true, kNotDelivered, kChannelMessages, QTYPE_ASYNC, nullptr, {}, true},
+      {kLocalSendNoResponse, "bob", "here~1", false, 0, 0, 0, nullptr, {kDelivered}},
+      {kLocalSend, "bob", "here~1", false, kNotDelivered, kChannelMessages, QTYPE_SYNC, kClientText, {kNotDelivered}},
+      {kLocalSendNoWait, "bob", "here~1", false, kNotDelivered, kChannelMessages, QTYPE_ASYNC, nullptr, {kLocalSend}},
+      {kLocalSendNoResponse, "bob", "here~1", true, 0, 0, 0, nullptr, {0, "boss", "lg99~9011"}},
+      {kLocalSend, "bob", "here~1", true, kDelivered, kChannelAnswers, QTYPE_SYNC, nullptr, onAnswerChannel},
   };
   std::uint32_t id = 40;
   for (const Case& c : cases) {
-    SCOPED_TRACE(std::to_string(c.type) + " to " + c.toClient);
-    ASSERT_TRUE(Send(alice, ++id, c.toClient, c.type, c.toHost));
+    SCOPED_TRACE(std::to_string(c.type) + " to " + c.toClient + " holding " + std::to_string(c.written.recordType));
+    ASSERT_TRUE(Send(alice, ++id, c.toClient, c.type, c.toHost, c.written));
     auto forwarded = bobLink.take();
     EXPECT_EQ(forwarded != nullptr, c.forwarded);
     if (forwarded) {
       EXPECT_EQ(forwarded->getType(), c.type);
       EXPECT_STREQ(forwarded->getData(), "hello");
       EXPECT_STREQ(forwarded->getFromClient(), "alice");
+      EXPECT_STREQ(forwarded->getFromHost(), "here");
+      EXPECT_EQ(forwarded->getSubtype(), kChannelMessages);
       EXPECT_EQ(aliceLink.take(), nullptr) << "answered before it was written";
-      forwarded->settle(true);
-      forwarded->settle(false);  // a second settlement answers nothing
+      if (!c.dropped) forwarded->settle(true);
+      forwarded.reset();  // a second settlement (here, the drop) answers nothing
     }
     auto answer = aliceLink.take();
     if (c.answerType == 0) {
@@ -100,60 +115,12 @@ TEST_F(ClientInstanceTest, EachSendTypeGetsItsAnswerOrNone) {
   }
 }
 
-TEST_F(ClientInstanceTest, AMessageDroppedUnwrittenIsNotDelivered) {
-  for (short type : {kLocalSend, kLocalSendNoWait}) {
-    ASSERT_TRUE(Send(alice, 7, "bob", type));
-    bobLink.take().reset();  // the client left, or its queue was full
-    auto answer = aliceLink.take();
-    ASSERT_NE(answer, nullptr);
-    EXPECT_EQ(answer->getType(), kNotDelivered);
-    EXPECT_EQ(answer->getQtype(), type == kLocalSend ? QTYPE_SYNC : QTYPE_ASYNC);
-  }
-  // Once the sender has gone, a late settlement answers nobody.
+TEST_F(ClientInstanceTest, FarewellUnregistersAndEndsReading) {
   ASSERT_TRUE(Send(alice, 8, "bob", kLocalSend));
   auto held = bobLink.take();
-  alice.detach();
-  held->settle(true);
-  EXPECT_EQ(aliceLink.take(), nullptr);
-}
-
-// A client can neither answer in a service's place nor pose as another client.
-TEST_F(ClientInstanceTest, AnswersAndSendersAreNotTakenFromTheClient) {
-  struct Case {
-    const char* name;
-    short frameType;
-    Written written;
-    bool forwarded;
-    short answerType;  // 0: none
-  } cases[] = {
-      {"answer inside a fire-and-forget frame", kLocalSendNoResponse, {kDelivered}, false, 0},
-      {"failure answer inside a send", kLocalSend, {kNotDelivered}, false, kNotDelivered},
-      {"other kind inside a no-wait send", kLocalSendNoWait, {kLocalSendNoResponse}, false, kNotDelivered},
-      {"another client's name and host", kLocalSendNoResponse, {0, "boss", "lg99~9011"}, true, 0},
-      {"the acknowledgement channel", kLocalSendNoResponse, {0, nullptr, "here", kChannelAnswers}, true, 0},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    ASSERT_TRUE(Send(alice, 9, "bob", c.frameType, "here~1", c.written));
-    auto forwarded = bobLink.take();
-    ASSERT_EQ(forwarded != nullptr, c.forwarded);
-    if (forwarded) {
-      EXPECT_STREQ(forwarded->getFromClient(), "alice");
-      EXPECT_STREQ(forwarded->getFromHost(), "here");
-      EXPECT_EQ(forwarded->getSubtype(), kChannelMessages);
-      EXPECT_STREQ(forwarded->getData(), "hello");
-    }
-    auto answer = aliceLink.take();
-    EXPECT_EQ(answer ? answer->getType() : 0, c.answerType);
-  }
-  // Answer frames themselves are refused outright.
-  for (short type : {kDelivered, kNotDelivered}) EXPECT_TRUE(Send(alice, 10, "bob", type));
-  EXPECT_EQ(bobLink.take(), nullptr);
-  EXPECT_EQ(aliceLink.take(), nullptr);
-}
-
-TEST_F(ClientInstanceTest, FarewellUnregistersAndEndsReading) {
   EXPECT_FALSE(alice.handleMessage("", 1, kFarewell, 0));
+  held->settle(true);  // written after the sender left: answers nobody
+  EXPECT_EQ(aliceLink.take(), nullptr);
   EXPECT_EQ(aliceLink.terminations, 1);
   EXPECT_FALSE(aliceLink.lastWait);  // the reader cannot join itself
   EXPECT_EQ(server.clientCount(), 1u);
@@ -168,7 +135,8 @@ TEST_F(ClientInstanceTest, MalformedAndUnknownMessagesAreDroppedWithoutAnswer) {
   EXPECT_TRUE(alice.handleMessage(garbage, sizeof garbage, kLocalSend, 0));
   EXPECT_TRUE(alice.handleMessage(garbage, sizeof garbage, kSend, 0));
   EXPECT_TRUE(alice.handleMessage(nullptr, 0, kLocalSend, 0));
-  EXPECT_TRUE(Send(alice, 1, "bob", 999));
+  // Only services answer.
+  for (short type : {short{999}, kDelivered, kNotDelivered}) EXPECT_TRUE(Send(alice, 1, "bob", type));
   EXPECT_TRUE(alice.handleMessage("", 1, kIgnored, 0));
   EXPECT_EQ(aliceLink.take(), nullptr);
   EXPECT_EQ(bobLink.take(), nullptr);
