@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "vantrel/base/log/log.h"
+#include "vantrel/base/platform/socket.h"
 #include "vantrel/base/socket/latency.h"
 #include "vantrel/message/wire.h"
 
@@ -224,6 +225,15 @@ void CVantrelClientConnection::SendAnswer(std::unique_ptr<VantrelClientEvent> an
   if (answer == nullptr) return;
   int idle = 0;
   if (!unsent_.compare_exchange_strong(idle, 1, std::memory_order_acq_rel)) {
+    Post(answer.release());
+    return;
+  }
+  // A client that reads nothing fills its socket; then its writer waits, not
+  // the caller. The socket is ours alone while unsent_ is held.
+  namespace platform = vantrel::platform;
+  if (platform::gPoll(socket_.Handle(), platform::tReadiness::eWritable, nullptr, platform::gSteadyNowUs() + 1) !=
+      platform::tPollResult::eReady) {
+    unsent_.fetch_sub(1, std::memory_order_acq_rel);
     Post(answer.release());
     return;
   }

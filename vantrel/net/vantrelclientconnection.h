@@ -48,9 +48,11 @@ class CVantrelClientConnection : public iVantrelClientLink {
   bool Post(RWCollectable* event) override;
   // Messages refused at the queue bound so far.
   std::uint64_t RefusedMessages() const { return refused_.Total(); }
-  // Called on the reader thread (the session's answers). Sent at once when the
-  // writer has nothing queued or in hand, which saves the answer a thread
-  // hand-over; queued otherwise, so nothing is overtaken.
+  // Called on the reader thread (the session's answers) and on other clients'
+  // writers (delivered answers). Sent at once when the writer has nothing queued
+  // or in hand and the socket has room, which saves the answer a thread
+  // hand-over; queued otherwise, so nothing is overtaken and no other client's
+  // writer waits on this client's socket.
   void SendAnswer(std::unique_ptr<VantrelClientEvent> answer) override;
 
  private:

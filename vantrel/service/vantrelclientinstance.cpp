@@ -168,13 +168,14 @@ void VantrelClientInstance::answerDelivery(const cVantrelMessage& message, bool 
   iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
   if (connection == nullptr) return;
   // A delivered answer travels on the acknowledgement subtype so that it ends the
-  // sender's wait; a failure arrives with the ordinary messages. Queued, never
-  // sent here: this runs on the addressee's writer.
+  // sender's wait; a failure arrives with the ordinary messages. This runs on the
+  // addressee's writer (or wherever the message was dropped): the connection
+  // sends it at once only when that cannot wait on this client's socket.
   const char* text = delivered ? kClientDispatchText : kNotWrittenText;
-  connection->Post(new VantrelClientEvent(static_cast<long>(message.getMessageId()), "", "", "", "",
-                                          AnswerQType(message.getType()), delivered ? kDelivered : kNotDelivered,
-                                          delivered ? kChannelAnswers : kChannelMessages, text,
-                                          static_cast<long>(std::strlen(text) + 1)));
+  connection->SendAnswer(std::make_unique<VantrelClientEvent>(
+      static_cast<long>(message.getMessageId()), "", "", "", "", AnswerQType(message.getType()),
+      delivered ? kDelivered : kNotDelivered, delivered ? kChannelAnswers : kChannelMessages, text,
+      static_cast<long>(std::strlen(text) + 1)));
 }
 
 void VantrelClientInstance::localFileCopy(const char* data, std::uint32_t length, short type, short subtype) {
