@@ -257,6 +257,10 @@ const char* CopyStateText(long state) {
       return "the receiver stopped waiting for data; the partial file was deleted";
     case wire::kCopyStopped:
       return "the transfer was stopped, or the peer reported a failure";
+    case wire::kCopySameFile:
+      return "source and destination are the same file; nothing was done";
+    case wire::kCopyDenied:
+      return "refused: the file may not be read or written for this user, or lies outside the copy roots";
     default:
       return "unknown completion state";
   }

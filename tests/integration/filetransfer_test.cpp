@@ -2,6 +2,7 @@
 // where the real ones cannot produce the traffic.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -10,6 +11,13 @@
 #include <string>
 
 #include "tests/support/servicehelper.h"
+#include "vantrel/base/config/vantrelini.h"
+#include "vantrel/base/env/settings.h"
+#include "vantrel/base/platform/file.h"
+#include "vantrel/base/platform/fileuser.h"
+#include "vantrel/base/platform/process.h"
+#include "vantrel/net/FileTransferHandler.h"
+#include "vantrel/service/vantrelclass.h"
 #include "vantrel/support/associativearray.h"
 
 namespace vantrel::test {
@@ -101,13 +109,13 @@ TEST_F(FileTransferTest, FailuresAreReportedAndTheLinkStaysUp) {
   EXPECT_EQ(copy(1, files.file("missing"), files.file("never")), Completed(1, kCopyOpenFailed, files.file("missing")));
   EXPECT_FALSE(Exists(files.file("never")));
 
-  // An unwritable destination: the receiver reports 1, which the sender reads
-  // as 0; nothing appears at the destination.
+  // An unwritable destination: the receiver refuses before accepting, and
+  // nothing appears at the destination.
   const std::string source = files.write("src", "content");
   const std::string unwritable = files.file("no-such-folder/dst");
-  EXPECT_EQ(copy(2, source, unwritable), Completed(2, kCopyDone, source));
+  EXPECT_EQ(copy(2, source, unwritable), Completed(2, kCopyOpenFailed, unwritable));
   EXPECT_FALSE(Exists(unwritable));
-  EXPECT_TRUE(receiver.waitLog("cannot open " + unwritable));
+  EXPECT_TRUE(receiver.waitLog("cannot open " + unwritable + " for writing"));
 
   // A request without its parameters is answered, not dropped.
   const char junk[] = "not a parameter text";
@@ -157,17 +165,6 @@ TEST_F(FileTransferTest, ReceiverKilledMidTransferFailsTheCopy) {
       << result;
 }
 
-TEST_F(FileTransferTest, SurvivingReceiverLeavesNoPartialFile) {
-  const std::string destination = files.file("big-copy");
-  request(30, bigFile(), destination);
-  ASSERT_TRUE(receiver.waitLog("ReceiveFile(dstFilePath=")) << receiver.log();
-  ASSERT_TRUE(WaitUntil([&] { return Exists(destination); }));
-  sender.kill();
-  ASSERT_TRUE(receiver.waitLog("CFileTransferHandler::ReceiveFile - done", 30s)) << receiver.log();
-  EXPECT_FALSE(Exists(destination));
-  EXPECT_TRUE(receiver.running());
-}
-
 // A file message from a peer played by the test.
 bool SendFileRecord(RawLink& peer, short type, const std::string& data) {
   const cVantrelMessage record(1, "target~2", "NoClient", "scripted~1", "tester", QTYPE_SYNC, type, 0, data.data(),
@@ -205,7 +202,7 @@ TEST_F(FileTransferTest, ScriptedPeerRestartsTheFileReaderAndSurvivesBadTraffic)
   // A second request while the first receive runs: the first ends and its
   // partial file goes.
   ASSERT_TRUE(SendFileRecord(peer, kFileRequest, second + '\0'));
-  EXPECT_EQ(NextFileMessage(peer), "5F");
+  EXPECT_EQ(NextFileMessage(peer), "50F");
   EXPECT_EQ(NextFileMessage(peer), "A");
   EXPECT_FALSE(Exists(first));
   // Within a transfer, no record, an empty one and an unknown marker are
@@ -215,7 +212,7 @@ TEST_F(FileTransferTest, ScriptedPeerRestartsTheFileReaderAndSurvivesBadTraffic)
   ASSERT_TRUE(SendFileRecord(peer, kFileTraffic, "Z"));
   ASSERT_TRUE(SendFileRecord(peer, kFileTraffic, "xyzC"));
   EXPECT_EQ(NextFileMessage(peer), "D");
-  EXPECT_EQ(NextFileMessage(peer), "0F");
+  EXPECT_EQ(NextFileMessage(peer), "00F");
   EXPECT_EQ(ReadFile(second), "xyz");
   EXPECT_TRUE(receiver.waitLog("restarting the file reader"));
   EXPECT_TRUE(receiver.waitLog("no transfer in progress"));
@@ -224,30 +221,179 @@ TEST_F(FileTransferTest, ScriptedPeerRestartsTheFileReaderAndSurvivesBadTraffic)
   EXPECT_TRUE(receiver.running());
 }
 
-TEST_F(FileTransferTest, LocalCopyAnswersWithItsCompletionState) {
-  // The client library has no call for a local copy: the test sends it itself.
-  RawLink local;
-  ASSERT_TRUE(local.connectClient(sender.clientsPort()));
-  ASSERT_TRUE(local.greet("localcopier"));
-  ASSERT_TRUE(local.next().has_value());  // the greeting's echo
+// ---- services inside the test process ----------------------------------------------
 
-  const std::string content = Pattern(300000, 7);
-  const std::string source = files.write("local-src", content);
-  const std::string absent = files.file("absent");
-  unsigned id = 40;
-  for (const auto& [from, state] : {std::pair{source, kCopyDone}, std::pair{absent, kCopyOpenFailed}}) {
-    const std::string text = Request(from, files.file(state == kCopyDone ? "local-dst" : "never"));
-    const cVantrelMessage record(++id, "", "NoClient", "", "localcopier", QTYPE_CLIENT, kLocalFileCopy, 0, text.data(),
-                                 static_cast<std::uint32_t>(text.size()));
-    ASSERT_TRUE(local.send(record, 0));
-    auto frame = local.next();
-    ASSERT_TRUE(frame.has_value());
-    cVantrelMessage answer = frame->record();
-    EXPECT_EQ(answer.getQtype(), QTYPE_ASYNC);
-    EXPECT_EQ(Describe(answer), Completed(id, state, from));
+class InProcessService : public CVantrelClass {
+ public:
+  explicit InProcessService(const std::string& extra = "")
+      : CVantrelClass(cVantrelIni(nEnvSettings::gLoadTableFromText(
+            "SocketCommunicationTimeout = 10000\nSocketClosedReactivationTimeout_debug = 0\n"
+            "NetIsActiveImplemented_debug = 1\nCertificatesPath = /none\n" +
+                extra,
+            "test.ini"))) {
+    SetReportToLogOnly(true);
   }
-  EXPECT_TRUE(ReadFile(files.file("local-dst")) == content);
+  ~InProcessService() override { f_TerminateZ2(); }
+  void f_Terminate() override { f_TerminateInternal(); }
+
+ protected:
+  void RestartProcess() override {}
+};
+
+// What happens to the next source once its first chunk was read: 's' it
+// shrinks to 100,000 bytes, 'g' it grows by four.
+std::atomic<char> gChange{0};
+void ChangeAfterFirstChunk(const std::string& path, std::uint64_t) {
+  const char change = gChange.exchange(0);
+  if (change == 'g') std::ofstream(path, std::ios::app) << "more";
+  if (change == 's') std::filesystem::resize_file(path, 100000);
 }
 
+// Two services send to a third, whose copies from other hosts must stay inside `in/`.
+class CopyAcrossServicesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::filesystem::create_directory(files.file("in"));
+    for (auto* service : {&a, &b, &r}) ASSERT_TRUE(service->vInitZ1());
+    ASSERT_TRUE(fromA.NETInitZ641("fromA", a.GetClientsPortZ5181()));
+    ASSERT_TRUE(fromB.NETInitZ641("fromB", b.GetClientsPortZ5181()));
+    ASSERT_TRUE(onR.NETInitZ641("onR", r.GetClientsPortZ5181()));
+    CFileTransferHandler::SetChunkReadHook(&ChangeAfterFirstChunk);
+  }
+  void TearDown() override { CFileTransferHandler::SetChunkReadHook(nullptr); }
+  // `client` asks for the copy `local` -> `remote` on r's host.
+  void ask(TestClient& client, long id, const std::string& local, const std::string& remote) {
+    const std::string text = Request(local, remote);
+    ASSERT_TRUE(
+        client.NETCopyFileZ1(id, text.data(), static_cast<unsigned>(text.size()), r.GetAddressHostText().c_str()));
+  }
+
+  TempDir files;
+  InProcessService a, b;
+  InProcessService r{"CopyRoots = " + files.file("in") + "\n"};
+  TestClient fromA, fromB, onR;
+};
+
+TEST_F(CopyAcrossServicesTest, ConcurrentCopiesAndAChangingSourceNeverLeaveAMixture) {
+  const std::string contentA(300000, 'A');
+  const std::string contentB(300000, 'B');
+  const std::string sourceA = files.write("a", contentA);
+  const std::string sourceB = files.write("b", contentB);
+  const std::string destination = files.file("in/dst");
+  for (unsigned round = 0; round < 50; ++round) {
+    ask(fromA, 2 * round, sourceA, destination);
+    ask(fromB, 2 * round + 1, sourceB, destination);
+    ASSERT_EQ(Describe(fromA.next(30s)), Completed(2 * round, kCopyDone, sourceA));
+    ASSERT_EQ(Describe(fromB.next(30s)), Completed(2 * round + 1, kCopyDone, sourceB));
+    const std::string landed = ReadFile(destination);
+    ASSERT_TRUE(landed == contentA || landed == contentB) << "round " << round << ": a mixture";
+  }
+  // A source cut short (or, every other round, growing) in the middle of its
+  // copy: a failure, and the file that was there stays whole.
+  const std::string changing = files.file("t");
+  for (unsigned round = 0; round < 50; ++round) {
+    const std::string before = ReadFile(destination);
+    files.write("t", contentA);
+    gChange = round % 2 == 1 ? 'g' : 's';
+    ask(fromA, 100 + round, changing, destination);
+    ASSERT_EQ(Describe(fromA.next(30s)), Completed(100 + round, kCopyReadFailed, changing));
+    ASSERT_EQ(ReadFile(destination), before);
+  }
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(files.file("in")), {}), 1) << "a temporary file is left";
+}
+
+TEST_F(CopyAcrossServicesTest, CopiesFromOtherHostsStayInsideTheRootsAndCopiesHereNeedNoLink) {
+  const std::string source = files.write("src", "content");
+  std::filesystem::create_directory_symlink(files.path(), files.file("in/out"));
+  for (const auto& remote : {files.file("outside"), files.file("in/../outside"), files.file("in/out/outside")}) {
+    ask(fromA, 1, source, remote);
+    EXPECT_EQ(Describe(fromA.next(30s)), Completed(1, kCopyDenied, remote));
+  }
+  EXPECT_FALSE(Exists(files.file("outside")));
+  ask(fromA, 2, source, files.file("in/ok"));
+  EXPECT_EQ(Describe(fromA.next(30s)), Completed(2, kCopyDone, source));
+
+  // A copy to this very service is done here, whatever the roots say (they bind
+  // other hosts), with the same result shape; a copy onto itself is refused.
+  LogCapture log;
+  ask(onR, 3, source, files.file("here"));
+  auto answer = onR.next(30s);
+  ASSERT_TRUE(answer.has_value());
+  EXPECT_EQ(Describe(answer), Completed(3, kCopyDone, source));
+  EXPECT_NE(std::string(answer->getData(), answer->getDatalen()).find(kCopyLocalFile), std::string::npos);
+  EXPECT_EQ(ReadFile(files.file("here")), "content");
+  ask(onR, 4, source, source);
+  EXPECT_EQ(Describe(onR.next(30s)), Completed(4, kCopySameFile, source));
+  EXPECT_EQ(ReadFile(source), "content");
+  EXPECT_FALSE(log.contains("Creating new CVantrelHostConnection(" + r.GetAddressHostText()));
+
+  // The local form of a copy (the client library has no call for it) answers alike.
+  RawLink raw;
+  ASSERT_TRUE(raw.connectClient(r.GetClientsPortZ5181()) && raw.greet("raw") && raw.next().has_value());
+  const std::string text = Request(files.file("absent"), files.file("never"));
+  ASSERT_TRUE(raw.send(cVantrelMessage(5, "", "NoClient", "", "raw", QTYPE_CLIENT, kLocalFileCopy, 0, text.data(),
+                                       static_cast<std::uint32_t>(text.size())),
+                       0));
+  const auto frame = raw.next();
+  ASSERT_TRUE(frame.has_value());
+  EXPECT_EQ(frame->record().getQtype(), QTYPE_ASYNC);
+  EXPECT_EQ(Describe(frame->record()), Completed(5, kCopyOpenFailed, files.file("absent")));
+}
+
+// ---- two local users ------------------------------------------------------------------
+
+// A second local user for the test's life, and a client run as that user.
+class TwoUsersTest : public ::testing::Test {
+ protected:
+  static constexpr const char* kUser = "vantrelcopytest";
+  void SetUp() override {
+    if (vantrel::platform::gProcessUser() != 0) GTEST_SKIP() << "needs root to create a second user and run as it";
+    run("/usr/sbin/userdel", {kUser});
+    ASSERT_EQ(run("/usr/sbin/useradd", {"--no-create-home", "--shell", "/usr/sbin/nologin", kUser}), 0);
+    ASSERT_EQ(run("/bin/chmod", {"755", files.path()}), 0);
+    ASSERT_TRUE(service.launch()) << service.log();
+  }
+  void TearDown() override {
+    if (vantrel::platform::gProcessUser() == 0) run("/usr/sbin/userdel", {kUser});
+  }
+  static int run(const std::string& program, const std::vector<std::string>& arguments) {
+    return RQPRunAndCapture(program, arguments, nTime::cDiff::FromSeconds(30)).exitCode;
+  }
+  // A file or (empty content) folder of `owner` that only it may use.
+  std::string privatePath(const std::string& name, const std::string& owner, const std::string& content) {
+    const std::string path = content.empty() ? files.file(name) : files.write(name, content);
+    if (content.empty()) std::filesystem::create_directory(path);
+    EXPECT_EQ(run("/bin/chmod", {"go-rwx", path}) + run("/bin/chown", {owner, path}), 0);
+    return path;
+  }
+  // vantrel-cli, run as the second user, copies `local` to `remote` on this host.
+  int copyAsUser(const std::string& local, const std::string& remote) {
+    return run("/usr/sbin/runuser", {"-u", kUser, "--", VANTREL_BINARY_DIR "/programs/vantrel-cli", "--port",
+                                     std::to_string(service.clientsPort()), "copy", local, service.hostText(), remote});
+  }
+
+  TempDir files;
+  ServiceProcess service;
+};
+
+TEST_F(TwoUsersTest, AClientCopiesWithItsOwnUsersRights) {
+  const std::string theirs = privatePath("theirs", "root", "theirs");
+  const std::string mine = privatePath("mine", kUser, "mine");
+  privatePath("out", kUser, "");
+  privatePath("closed", "root", "");
+
+  // Another user's private file cannot be read; the user's own file can, but
+  // not into a folder the user may not write.
+  EXPECT_NE(copyAsUser(theirs, files.file("out/stolen")), 0);
+  EXPECT_FALSE(Exists(files.file("out/stolen")));
+  EXPECT_TRUE(service.waitLog("refused: its user may not read " + theirs)) << service.log();
+  EXPECT_NE(copyAsUser(mine, files.file("closed/copy")), 0);
+  EXPECT_FALSE(Exists(files.file("closed/copy")));
+  EXPECT_EQ(copyAsUser(mine, files.file("out/copy")), 0) << service.log();
+  EXPECT_EQ(ReadFile(files.file("out/copy")), "mine");
+  // Made by the user, not by the service.
+  EXPECT_EQ(vantrel::platform::gFileStatus(files.file("out/copy"))->owner,
+            vantrel::platform::gFileStatus(files.file("out"))->owner);
+}
 }  // namespace
 }  // namespace vantrel::test

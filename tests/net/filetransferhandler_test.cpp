@@ -4,13 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -98,8 +101,8 @@ TEST_F(FileTransferHandlerTest, SendWindowKeepsAtMostFiveChunksUnacknowledged) {
   const std::string source = dir.write("src", content);
   auto sent = std::async(std::launch::async, [&] { return handler.SendFile(source, "/remote", Request()); });
 
-  // The copy request goes alone until it is accepted.
-  EXPECT_EQ(link.at(0), Posted(kFileRequest, std::string("/remote", 8)));
+  // The copy request goes alone until it is accepted; it announces the size.
+  EXPECT_EQ(link.at(0), Posted(kFileRequest, cAnnouncedCopy::Build("/remote", content.size())));
   ASSERT_TRUE(WaitUntil([&] { return handler.Credits() == 0; }));
   EXPECT_EQ(link.count(), 1u);
   Feed(handler, {kFileAccepted});
@@ -125,23 +128,33 @@ TEST_F(FileTransferHandlerTest, SendWindowKeepsAtMostFiveChunksUnacknowledged) {
   EXPECT_EQ(link.at(9), Posted(kFileTraffic, content.substr(kFileChunkSize * 8) + kFileLastChunk));
 }
 
-TEST(FileTransferHandlerSend, FinalReportKeepsItsDigitCount) {
-  // Only the digits before the last one are read: "1F" (the receiver could not
-  // open its destination) reads as a copy, "12F" as 1, which fails; a report
-  // that is no number counts as a broken transfer.
+TEST(FileTransferHandlerSend, FinalReportKeepsItsDigitCountAndARefusalIsNoCopy) {
+  // Only the digits before the last one are read. A report before any "A" is a
+  // refusal: read as 0 (a receiver that sends one digit) it means "could not
+  // open". A report that is no number counts as a broken transfer.
   TempDir dir;
   const std::string source = dir.write("src", "abc");
-  for (const auto& [report, state, namesDestination] :
-       {std::tuple{"1F", 0, false}, {"12F", 1, true}, {"4F", 0, false}, {"F", 0, false}, {"?1F", 5, true}}) {
+  for (const auto& [accept, report, state] : {std::tuple{false, "1F", kCopyOpenFailed},
+                                              {false, "12F", 1},
+                                              {false, "F", 1},
+                                              {false, "70F", kCopyDenied},
+                                              {false, "?1F", kCopyStopped},
+                                              {true, "40F", kCopyWriteFailed},
+                                              {true, "4F", kCopyDone}}) {
     SCOPED_TRACE(report);
     ScriptedLink link;
     CFileTransferHandler handler(&link);
     auto sent = std::async(std::launch::async, [&] { return handler.SendFile(source, "/remote", Request()); });
     link.at(0);
-    Feed(handler, report);  // no "A": the receiver refused at once
+    if (accept) {
+      Feed(handler, {kFileAccepted});
+      EXPECT_EQ(link.at(1), Posted(kFileTraffic, std::string("abc") + kFileLastChunk));
+      Ack(handler, link);
+    }
+    Feed(handler, report);
     auto result = sent.get();
     EXPECT_EQ(result->state, state);
-    EXPECT_EQ(result->fileName, namesDestination ? "/remote" : source);
+    EXPECT_EQ(result->fileName, state == kCopyDone ? source : "/remote");
   }
 }
 
@@ -154,7 +167,7 @@ TEST_F(FileTransferHandlerTest, StopWakesSenderAndReceiverAndEndsLaterTransfers)
   EXPECT_EQ(link.at(1), Posted(kFileTraffic, {kFileChunkWritten}));
 
   auto sent = std::async(std::launch::async, [&] { return handler.SendFile(source, "/remote", Request()); });
-  EXPECT_EQ(link.at(2), Posted(kFileRequest, std::string("/remote", 8)));
+  EXPECT_EQ(link.at(2), Posted(kFileRequest, cAnnouncedCopy::Build("/remote", kFileChunkSize * 10)));
   Feed(handler, {kFileAccepted});
   ASSERT_TRUE(WaitUntil([&] { return link.chunks == 5 && handler.Credits() == 0; }));
 
@@ -176,27 +189,42 @@ TEST_F(FileTransferHandlerTest, StopWakesSenderAndReceiverAndEndsLaterTransfers)
   EXPECT_EQ(link.count(), posted + 1);
 }
 
-TEST(FileTransferHandlerReceive, FailuresLeaveNoFile) {
+// The names in `folder`, so that a leftover temporary file shows.
+std::vector<std::string> Names(const std::string& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+TEST(FileTransferHandlerReceive, OnlyACompleteCopyReplacesTheDestination) {
   TempDir dir;
-  // The receiver gives up on a silent sender (4), or the sender aborts (5).
-  for (const auto& [abort, waitMs, state] :
-       {std::tuple{false, 50L, kCopyWriteFailed}, std::tuple{true, 60000L, kCopyStopped}}) {
+  // The receiver gives up on a silent sender (4), the sender aborts (5), fewer
+  // or more bytes arrive than were announced (3), or all is well (0). The report
+  // carries one digit more than the state.
+  for (const auto& [abort, waitMs, announced, state] :
+       {std::tuple{false, 50L, std::optional<std::uint64_t>{}, kCopyWriteFailed},
+        {true, 60000L, std::optional<std::uint64_t>{}, kCopyStopped},
+        {false, 60000L, std::optional<std::uint64_t>{5}, kCopyReadFailed},
+        {false, 60000L, std::optional<std::uint64_t>{2}, kCopyReadFailed},
+        {false, 60000L, std::optional<std::uint64_t>{3}, kCopyDone}}) {
     SCOPED_TRACE(state);
-    const std::string destination = dir.file("dst" + std::to_string(state));
+    const std::string destination = dir.write("dst", "previous");
     ScriptedLink link;
     CFileTransferHandler handler(&link);
     handler.SetChunkWaitMs(waitMs);
-    auto received = std::async(std::launch::async, [&] { return handler.ReceiveFile(destination, Request()); });
+    auto received =
+        std::async(std::launch::async, [&] { return handler.ReceiveFile(destination, Request(), announced); });
     EXPECT_EQ(link.at(0), Posted(kFileTraffic, {kFileAccepted}));
     Feed(handler, std::string("x") + kFileChunk);
     EXPECT_EQ(link.at(1), Posted(kFileTraffic, {kFileChunkWritten}));
     if (abort) Feed(handler, {kFileAbort});
+    if (waitMs > 50 && !abort) Feed(handler, std::string("yz") + kFileLastChunk);
     EXPECT_EQ(received.get(), state);
-    EXPECT_EQ(link.at(2), Posted(kFileTraffic, std::to_string(state) + kFileFinal));
-    EXPECT_FALSE(std::ifstream(destination).good());
-    if (abort) {
-      EXPECT_FALSE(handler.Receiving());
-    }
+    EXPECT_EQ(link.at(link.count() - 1), Posted(kFileTraffic, std::to_string(state) + '0' + kFileFinal));
+    EXPECT_EQ(vantrel::test::ReadFile(destination), state == kCopyDone ? "xyz" : "previous");
+    EXPECT_EQ(Names(dir.path()), std::vector<std::string>{"dst"});
+    EXPECT_TRUE(!abort || !handler.Receiving());
   }
   {
     SCOPED_TRACE("aborted before it began");

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <memory>
@@ -6,6 +7,7 @@
 
 #include "tests/support/testutil.h"
 #include "vantrel/net/VantrelToolKit.h"
+#include "vantrel/support/associativearray.h"
 
 namespace {
 
@@ -43,23 +45,72 @@ TEST(ToolkitCopy, CopiesWholeFilesOfEverySize) {
   }
 }
 
-// Files that cannot be opened are covered where the service answers a local copy.
-TEST(ToolkitCopy, ReadAndWriteFailuresReportStateAndFailingPath) {
+TEST(ToolkitCopy, RefusalsAndFailuresLeaveTheDestinationAsItWas) {
   vantrel::test::TempDir dir;
-  const std::string src = dir.write("src", Pattern(1000));
+  const std::string content = Pattern(1000);
+  const std::string src = dir.write("src", content);
+  const std::string kept = dir.write("kept", "kept");
+  const std::string fifo = dir.file("fifo");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  std::filesystem::create_symlink(src, dir.file("link"));
+  std::filesystem::create_hard_link(src, dir.file("hard"));
+  // A folder or a pipe as the source, a device or a missing folder as the
+  // destination: refused at the open, without waiting for a pipe's writer.
+  // The source itself, under any name: refused, and the file untouched.
+  const struct {
+    std::string from, to;
+    TK::CopyFileCompletionState state;
+    std::string failing;
+  } cases[] = {
+      {dir.path(), kept, TK::COPY_OPEN_FAILED, dir.path()},
+      {fifo, kept, TK::COPY_OPEN_FAILED, fifo},
+      {src, "/dev/full", TK::COPY_OPEN_FAILED, "/dev/full"},
+      {src, fifo, TK::COPY_OPEN_FAILED, fifo},
+      {src, dir.file("no-such/dst"), TK::COPY_OPEN_FAILED, dir.file("no-such/dst")},
+      {src, src, TK::COPY_SAME_FILE, src},
+      {src, dir.file("link"), TK::COPY_SAME_FILE, dir.file("link")},
+      {dir.file("hard"), dir.file("../") + std::filesystem::path(dir.path()).filename().string() + "/src",
+       TK::COPY_SAME_FILE, dir.file("../") + std::filesystem::path(dir.path()).filename().string() + "/src"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.from + " -> " + c.to);
+    Copy copy = DoCopy(c.from, c.to);
+    EXPECT_FALSE(copy.ok);
+    EXPECT_EQ(copy.state, c.state);
+    EXPECT_EQ(copy.failing, c.failing);
+  }
+  EXPECT_EQ(vantrel::test::ReadFile(src), content);
+  EXPECT_EQ(vantrel::test::ReadFile(kept), "kept");
+  EXPECT_TRUE(std::filesystem::is_character_file("/dev/full"));
+  // No temporary file was left behind.
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 5);
+}
 
-  // A folder opens but cannot be read: the partial destination is removed.
-  Copy readError = DoCopy(dir.path(), dir.file("fromdir"));
-  EXPECT_FALSE(readError.ok);
-  EXPECT_EQ(readError.state, TK::COPY_READ_FAILED);
-  EXPECT_EQ(readError.failing, dir.path());
-  EXPECT_FALSE(std::filesystem::exists(dir.file("fromdir")));
-
-  // A full device refuses the write; being a device it must not be deleted.
-  Copy writeError = DoCopy(src, "/dev/full");
-  EXPECT_EQ(writeError.state, TK::COPY_WRITE_FAILED);
-  EXPECT_EQ(writeError.failing, "/dev/full");
-  EXPECT_TRUE(std::filesystem::exists("/dev/full"));
+TEST(ToolkitCopy, ACopyResultNeverExceedsTheMessageLimit) {
+  constexpr std::uint32_t kMax = 1 << 20;
+  const std::string huge(3 * kMax, 'p');
+  const auto text = [](const std::string& name, const std::string& value) {
+    CAssociativeArray parameters;
+    parameters.AddCouple(name, value);
+    std::string result;
+    long length = 0;
+    parameters.ToString(result, length, false, false);
+    return result;
+  };
+  const std::string echoed = text("$A", huge);
+  const cVantrelMessage request(9, "", "NoClient", "", "me", QTYPE_CLIENT, vantrel::wire::kFileCopy, 0, echoed.data(),
+                                static_cast<std::uint32_t>(echoed.size()));
+  // A small request is echoed; a large one is not, and a huge path is cut.
+  for (const auto& [echo, path, echoKept] : {std::tuple{text("$A", "1"), std::string("/f"), true},
+                                             {echoed, std::string("/f"), false},
+                                             {echoed, huge, false}}) {
+    std::unique_ptr<VantrelClientEvent> result(TK::CreateCopyResultEvent(request, echo, 3, path, kMax));
+    EXPECT_LE(static_cast<std::uint64_t>(result->getPackedBufLen()), kMax);
+    CAssociativeArray values;
+    ASSERT_TRUE(values.FromString(result->getData(), static_cast<long>(result->getDatalen())));
+    EXPECT_EQ(values.GetValueOfParameter(vantrel::wire::kCopyState), "3");
+    EXPECT_EQ(values.HasParameter("$A"), echoKept);
+  }
 }
 
 TEST(ToolkitFiles, BufferHelpersAndDeletion) {

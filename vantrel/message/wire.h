@@ -84,7 +84,7 @@ inline constexpr char kFileChunk = 'B';     //   sender: a chunk, more follow
 inline constexpr char kFileLastChunk = 'C';
 inline constexpr char kFileChunkWritten = 'D';  // receiver: one chunk written
 inline constexpr char kFileAbort = 'E';         // sender: gives up
-inline constexpr char kFileFinal = 'F';         // receiver: its final state, in decimal, before the marker
+inline constexpr char kFileFinal = 'F';         // receiver: its final state, in decimal, then '0', before the marker
 // File bytes in one chunk (the marker comes on top).
 inline constexpr std::uint32_t kFileChunkSize = 51200;
 
@@ -103,6 +103,8 @@ inline constexpr int kCopyCloseFailed = 2;  // closing the source or the destina
 inline constexpr int kCopyReadFailed = 3;   // reading the source failed; the destination was deleted
 inline constexpr int kCopyWriteFailed = 4;  // writing failed, or the receiver gave up; destination deleted
 inline constexpr int kCopyStopped = 5;      // between hosts: stopped, or the peer reported a failure
+inline constexpr int kCopySameFile = 6;     // source and destination are one file: refused, the file untouched
+inline constexpr int kCopyDenied = 7;       // the requester may not read the source or write the destination
 
 // ---- Client statuses (cVantrelClientObject::NETGetLastStatus) --------------------
 inline constexpr int kStatusOk = 0;

@@ -1,6 +1,6 @@
 #include "vantrel/net/FileTransferHandler.h"
 
-#include <cstdio>
+#include <atomic>
 #include <cstring>
 #include <utility>
 
@@ -18,13 +18,7 @@ constexpr int kSenderFailed = kCopyReadFailed;
 constexpr int kReceiverGaveUp = kCopyWriteFailed;
 constexpr int kStopped = kCopyStopped;
 
-// Chunks are read and written whole, so a stream buffer would only add a copy
-// and split each chunk into several system calls.
-std::FILE* OpenUnbuffered(const std::string& path, const char* mode) {
-  std::FILE* file = std::fopen(path.c_str(), mode);
-  if (file != nullptr) std::setvbuf(file, nullptr, _IONBF, 0);
-  return file;
-}
+std::atomic<CFileTransferHandler::tChunkReadHook> gChunkReadHook{nullptr};
 }  // namespace
 
 CFileTransferHandler::CFileTransferHandler(iFileTransferLink* link) : link_(link) {
@@ -32,6 +26,10 @@ CFileTransferHandler::CFileTransferHandler(iFileTransferLink* link) : link_(link
 }
 
 CFileTransferHandler::~CFileTransferHandler() = default;
+
+void CFileTransferHandler::SetChunkReadHook(tChunkReadHook hook) {
+  gChunkReadHook.store(hook, std::memory_order_release);
+}
 
 int CFileTransferHandler::Credits() const {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -81,13 +79,16 @@ void CFileTransferHandler::finish(int state) {
   std::lock_guard<std::mutex> lock(mutex_);
   sending_ = false;
   credits_ = kWindow;
-  finalState_ = state;
+  // A report of success before the destination was accepted comes from a peer
+  // that reads one digit: it could not open the destination.
+  finalState_ = state == kCopied && !accepted_ ? kOpenFailed : state;
   cond_.notify_all();
 }
 
 std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::string& localPath,
                                                                     const std::string& dstPath,
-                                                                    const cVantrelMessage& request) {
+                                                                    const cVantrelMessage& request,
+                                                                    const cCopyRequester& requester) {
   VLOG_INFO("CFileTransferHandler::SendFile(dstFilePath=%s) - starting", dstPath);
   auto result = std::make_unique<cFileTransferResult>();
   {
@@ -100,24 +101,25 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
       return result;
     }
     sending_ = true;
+    accepted_ = false;
     credits_ = kWindow;
     window_ = kWindow;
   }
-  std::FILE* file = OpenUnbuffered(localPath, "rb");
-  if (file == nullptr) {
-    VLOG_ERROR("CFileTransferHandler::SendFile - cannot open %s for reading: %s", localPath,
-               VantrelToolKit::GetErrorString(VantrelToolKit::hgGetLastError()));
+  cCopySource source;
+  const int opened = source.Open(requester, localPath);
+  if (opened != kCopied) {
     {
       // Nothing was asked of the peer, so nothing of it is to be accepted.
       std::lock_guard<std::mutex> lock(mutex_);
       sending_ = false;
       cond_.notify_all();
     }
-    result->state = kOpenFailed;
+    result->state = opened;
     result->fileName = localPath;
     VLOG_INFO("CFileTransferHandler::SendFile - done");
     return result;
   }
+  const std::uint64_t announced = source.Status().size;
 
   // The copy request: one credit, returned by the peer's "A".
   {
@@ -126,7 +128,8 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     window_ = 1;
   }
   reserveCredit();
-  post(request, false, dstPath.c_str(), static_cast<unsigned>(dstPath.size() + 1), kFileRequest);
+  const std::string requestData = cAnnouncedCopy::Build(dstPath, announced);
+  post(request, false, requestData.data(), static_cast<unsigned>(requestData.size()), kFileRequest);
   awaitCredit();
 
   {
@@ -134,6 +137,8 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     credits_ = kWindow;
     window_ = kWindow;
   }
+  const tChunkReadHook hook = gChunkReadHook.load(std::memory_order_acquire);
+  std::uint64_t total = 0;
   bool finished = false;
   for (;;) {
     {
@@ -146,12 +151,25 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     std::unique_ptr<VantrelHostEvent> chunk(
         VantrelToolKit::CreateSendHostEvent(request, cVantrelMessage::tDataSpace{kFileChunkSize + 1}, kFileTraffic));
     char* data = chunk->mutableData();
-    const std::size_t count = std::fread(data, 1, kFileChunkSize, file);
-    if (count < kFileChunkSize && std::ferror(file)) {
-      VLOG_ERROR("CFileTransferHandler::SendFile - error reading %s", localPath);
+    const auto read = source.File().ReadFull(data, kFileChunkSize);
+    if (!read) {
+      const int error = vantrel::platform::gLastFileError();
+      VLOG_ERROR("CFileTransferHandler::SendFile - error reading %s: %s", localPath,
+                 vantrel::platform::gFileErrorText(error));
       break;
     }
-    const bool last = std::feof(file) != 0;
+    const std::size_t count = *read;
+    total += count;
+    if (hook != nullptr) hook(localPath, total);
+    const bool last = count < kFileChunkSize;
+    // A source that grew, shrank or was rewritten would arrive as a mixture of
+    // two versions: the copy is abandoned instead.
+    if (total > announced || (last && (total != announced || source.Changed()))) {
+      VLOG_ERROR("CFileTransferHandler::SendFile - %s changed during the copy for %s (%llu bytes read, %llu announced)",
+                 localPath, requester.Who(), static_cast<unsigned long long>(total),
+                 static_cast<unsigned long long>(announced));
+      break;
+    }
     data[count] = last ? kFileLastChunk : kFileChunk;
     if (count < kFileChunkSize) {
       chunk.reset(VantrelToolKit::CreateSendHostEvent(request, data, static_cast<unsigned>(count + 1), kFileTraffic,
@@ -165,7 +183,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
       finished = true;
     }
   }
-  const bool closeFailed = std::fclose(file) != 0;
+  const bool closeFailed = !source.File().Close();
 
   int state = kCopied;
   bool decided = false;
@@ -220,7 +238,8 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
   return result;
 }
 
-int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrelMessage& request) {
+int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrelMessage& request,
+                                      std::optional<std::uint64_t> announcedSize, const cCopyRequester& requester) {
   VLOG_INFO("CFileTransferHandler::ReceiveFile(dstFilePath=%s) - starting", dstPath);
   int state = kStopped;
   bool stopped = false;
@@ -234,15 +253,13 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
       chunks_.InitZ72();
     }
   }
-  std::FILE* file = stopped ? nullptr : OpenUnbuffered(dstPath, "wb");
-  if (!stopped && file == nullptr) {
-    VLOG_ERROR("CFileTransferHandler::ReceiveFile - cannot open %s for writing: %s", dstPath,
-               VantrelToolKit::GetErrorString(VantrelToolKit::hgGetLastError()));
-    state = kOpenFailed;
-  }
-  if (file != nullptr) {
+  cCopyTarget target;
+  const int opened = stopped ? kStopped : target.Open(requester, dstPath);
+  if (!stopped) state = opened;
+  if (opened == kCopied) {
     const char accepted = kFileAccepted;
     post(request, true, &accepted, 1, kFileTraffic);
+    std::uint64_t total = 0;
     bool finished = false;
     for (;;) {
       {
@@ -252,36 +269,44 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
       if (finished) break;
       RWCollectable* item = nullptr;
       if (chunks_.waitEvent(item, chunkWaitMs_) != htEvent || item == nullptr) break;
-      auto* chunk = static_cast<VantrelHostEvent*>(item);
+      std::unique_ptr<VantrelHostEvent> chunk(static_cast<VantrelHostEvent*>(item));
       const unsigned length = chunk->getDatalen();
       const char* data = chunk->getData();
-      if (length > 1 && std::fwrite(data, 1, length - 1, file) != length - 1) {
-        VLOG_ERROR("CFileTransferHandler::ReceiveFile - error writing %s", dstPath);
-        delete chunk;
+      if (length > 1 && !target.Write(data, length - 1)) {
+        const int error = vantrel::platform::gLastFileError();
+        VLOG_ERROR("CFileTransferHandler::ReceiveFile - error writing %s: %s", dstPath,
+                   vantrel::platform::gFileErrorText(error));
         break;
       }
+      total += length - 1;
       if (data[length - 1] == kFileLastChunk) finished = true;
       const char written = kFileChunkWritten;
       post(request, true, &written, 1, kFileTraffic);
-      delete chunk;
     }
-    const bool closeFailed = std::fclose(file) != 0;
     bool stillReceiving = false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       stillReceiving = receiving_;
     }
     if (finished && stillReceiving) {
-      state = closeFailed ? kCloseFailed : kCopied;
+      if (announcedSize && total != *announcedSize) {
+        VLOG_ERROR(
+            "CFileTransferHandler::ReceiveFile - %llu bytes arrived for %s from %s, %llu were announced; discarded",
+            static_cast<unsigned long long>(total), dstPath, requester.Who(),
+            static_cast<unsigned long long>(*announcedSize));
+        target.Discard();
+        state = kSenderFailed;
+      } else {
+        state = target.Commit();
+      }
     } else {
       chunks_.TerminateZ72();
-      if (!VantrelToolKit::DeleteFileA(dstPath)) {
-        VLOG_ERROR("CFileTransferHandler::ReceiveFile - cannot delete the partial file %s", dstPath);
-      }
+      target.Discard();
       state = stillReceiving ? kReceiverGaveUp : kStopped;
     }
   }
-  const std::string report = std::to_string(state) + kFileFinal;
+  // One digit more than the state: peers drop the last digit when they read it.
+  const std::string report = std::to_string(state) + '0' + kFileFinal;
   post(request, true, report.data(), static_cast<unsigned>(report.size()), kFileTraffic);
   VLOG_INFO("CFileTransferHandler::ReceiveFile - done");
   return state;
@@ -322,7 +347,12 @@ void CFileTransferHandler::HandleFileEvent(std::unique_ptr<VantrelHostEvent> eve
   const unsigned payloadLength = event->getDatalen();
   const char marker = payload[payloadLength - 1];
   switch (marker) {
-    case kFileAccepted:
+    case kFileAccepted: {
+      std::lock_guard<std::mutex> lock(mutex_);
+      accepted_ = true;
+    }
+      SetFileChunkEventAck();
+      return;
     case kFileChunkWritten:
       SetFileChunkEventAck();
       return;

@@ -9,10 +9,15 @@
 // with at most `window` chunks waiting for their kFileChunkWritten. The peer's
 // final report ("<digits>" then kFileFinal) ends the transfer. Every message
 // after the request is wire::kFileTraffic, named by its last byte.
+// The request carries the destination path and, after its NUL, the size of
+// the source, which the sender checks again at the end: a source that changed
+// size or modification time during the copy makes the sender abort.
 // Receiving side: the link's file reader calls ReceiveFile for the peer's
-// request; it answers kFileAccepted, writes every chunk, answers
-// kFileChunkWritten for each and at the end reports its final state. A receive that does not finish deletes the
-// partial file.
+// request; it answers kFileAccepted, writes every chunk to a temporary file
+// beside the destination, answers kFileChunkWritten for each and at the end
+// reports its final state. Only a complete copy whose byte count matches the
+// announced size is renamed over the destination; any other end removes the
+// temporary file and leaves the destination as it was.
 //
 // Owner: the link's file-transfer worker (one handler per link). Refers to,
 // without owning, the link through iFileTransferLink, where every answer is
@@ -25,10 +30,12 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "vantrel/base/platform/eventqueue.h"
 #include "vantrel/message/vantrelevents.h"
+#include "vantrel/net/filecopy.h"
 
 // Where the handler posts the file messages for the peer. Implemented by the
 // host link (its outgoing queue) and by test doubles.
@@ -56,13 +63,18 @@ class CFileTransferHandler {
   CFileTransferHandler(const CFileTransferHandler&) = delete;
   CFileTransferHandler& operator=(const CFileTransferHandler&) = delete;
 
-  // Copies `localPath` to `dstPath` on the peer. `request` is the local
-  // client's copy request; file messages travel in its direction.
+  // Copies `localPath`, opened with `requester`'s rights, to `dstPath` on the
+  // peer. `request` is the local client's copy request; file messages travel in
+  // its direction.
   std::unique_ptr<cFileTransferResult> SendFile(const std::string& localPath, const std::string& dstPath,
-                                                const cVantrelMessage& request);
+                                                const cVantrelMessage& request,
+                                                const cCopyRequester& requester = cCopyRequester());
   // Receives one file into `dstPath` for the peer's `request` and reports the
-  // final state to the sender. Returns that state.
-  int ReceiveFile(const std::string& dstPath, const cVantrelMessage& request);
+  // final state to the sender. `announcedSize` is the size the sender gave
+  // (none from older senders); `requester` limits where it may go. Returns that state.
+  int ReceiveFile(const std::string& dstPath, const cVantrelMessage& request,
+                  std::optional<std::uint64_t> announcedSize = std::nullopt,
+                  const cCopyRequester& requester = cCopyRequester());
 
   // Every file-traffic message from the peer: `data` is the record's packed buffer,
   // which is copied.
@@ -87,6 +99,11 @@ class CFileTransferHandler {
 
   // How long ReceiveFile waits for the next chunk; shortened by tests.
   void SetChunkWaitMs(long milliseconds) { chunkWaitMs_ = milliseconds; }
+  // Called by every sender of the process after each chunk it has read, with
+  // the source path and the bytes read so far; lets tests change a source at
+  // an exact point of its copy. Null (the default) calls nothing.
+  using tChunkReadHook = void (*)(const std::string& source, std::uint64_t bytesRead);
+  static void SetChunkReadHook(tChunkReadHook hook);
 
   // Observers for tests and diagnostics (taken under the monitor).
   int Credits() const;
@@ -119,6 +136,7 @@ class CFileTransferHandler {
   bool receiving_ = false;
   bool stopRequested_ = false;
   bool receiveAborted_ = false;
+  bool accepted_ = false;  // the peer has accepted the copy being sent
   RQPEventQueue chunks_;
   int finalState_ = 0;
 

@@ -1,88 +1,101 @@
 #include "vantrel/net/VantrelToolKit.h"
 
 #include <cerrno>
-#include <filesystem>
 #include <system_error>
 #include <vector>
 
 #include "vantrel/base/log/log.h"
-
-namespace {
-
-// Removes a destination left incomplete by a failed copy. Only a regular file
-// is removed: the destination may be a device (/dev/null, /dev/full) that
-// must survive a failed write, whoever runs the service.
-void DeletePartialDestination(const std::string& path) {
-  std::error_code ec;
-  if (!std::filesystem::is_regular_file(path, ec)) return;
-  if (std::remove(path.c_str()) != 0) {
-    const int error = errno;
-    VLOG_WARN("VantrelToolKit::CopyFile - could not delete %s: %s", path, VantrelToolKit::GetErrorString(error));
-  }
-}
-
-}  // namespace
+#include "vantrel/support/associativearray.h"
 
 VantrelToolKit::~VantrelToolKit() = default;
 
 bool VantrelToolKit::CopyFileA(const std::string& source, const std::string& destination,
                                CopyFileCompletionState& state, std::string& failingPath) {
+  return CopyFileA(source, destination, state, failingPath, cCopyRequester());
+}
+
+bool VantrelToolKit::CopyFileA(const std::string& source, const std::string& destination,
+                               CopyFileCompletionState& state, std::string& failingPath,
+                               const cCopyRequester& requester) {
   failingPath = source;
-  std::FILE* in = std::fopen(source.c_str(), "rb");
-  if (in == nullptr) {
+  cCopySource in;
+  state = static_cast<CopyFileCompletionState>(in.Open(requester, source));
+  if (state != COPY_DONE) {
     VLOG_ERROR("VantrelToolKit::CopyFile Failed to open input for read");
-    state = COPY_OPEN_FAILED;
     return false;
   }
-  std::FILE* out = std::fopen(destination.c_str(), "wb");
-  if (out == nullptr) {
-    VLOG_ERROR("VantrelToolKit::CopyFile Failed to open output for write");
-    std::fclose(in);
-    state = COPY_OPEN_FAILED;
+  cCopyTarget out;
+  state = static_cast<CopyFileCompletionState>(out.Open(requester, destination, &in));
+  if (state != COPY_DONE) {
+    if (state != COPY_SAME_FILE) VLOG_ERROR("VantrelToolKit::CopyFile Failed to open output for write");
     failingPath = destination;
     return false;
   }
-  // Blocks are large; writing them straight through makes a write error show
-  // at the write that met it instead of at the close.
-  std::setvbuf(out, nullptr, _IONBF, 0);
 
   std::vector<char> block(kCopyBlockSize);
+  std::uint64_t total = 0;
   for (;;) {
-    if (std::feof(in)) {
-      const bool inClosed = std::fclose(in) == 0;
-      const bool outClosed = std::fclose(out) == 0;
-      if (!inClosed) {
-        state = COPY_CLOSE_FAILED;
-        return false;
-      }
-      if (!outClosed) {
-        state = COPY_CLOSE_FAILED;
-        failingPath = destination;
-        return false;
-      }
-      state = COPY_DONE;
-      return true;
-    }
-    const std::size_t got = std::fread(block.data(), 1, block.size(), in);
-    if (got < block.size() && std::ferror(in)) {
+    const auto got = in.File().ReadFull(block.data(), block.size());
+    if (!got) {
       const int error = errno;
       VLOG_ERROR("VantrelToolKit::CopyFile - reading %s failed: %s", source, GetErrorString(error));
-      std::fclose(in);
-      std::fclose(out);
-      DeletePartialDestination(destination);
       state = COPY_READ_FAILED;
       return false;
     }
-    if (got > 0 && std::fwrite(block.data(), 1, got, out) != got) {
+    total += *got;
+    if (*got > 0 && !out.Write(block.data(), *got)) {
       const int error = errno;
       VLOG_ERROR("VantrelToolKit::CopyFile - writing %s failed: %s", destination, GetErrorString(error));
-      std::fclose(in);
-      std::fclose(out);
-      DeletePartialDestination(destination);
       state = COPY_WRITE_FAILED;
       failingPath = destination;
       return false;
     }
+    if (*got < block.size()) break;
+  }
+  // A source that changed meanwhile would land as a mixture of two versions.
+  if (total != in.Status().size || in.Changed()) {
+    VLOG_ERROR("VantrelToolKit::CopyFile - %s changed during the copy", source);
+    state = COPY_READ_FAILED;
+    return false;
+  }
+  if (!in.File().Close()) {
+    state = COPY_CLOSE_FAILED;
+    return false;
+  }
+  state = static_cast<CopyFileCompletionState>(out.Commit());
+  if (state != COPY_DONE) {
+    failingPath = destination;
+    return false;
+  }
+  return true;
+}
+
+VantrelClientEvent* VantrelToolKit::CreateCopyResultEvent(const cVantrelMessage& request, const std::string& echoed,
+                                                          int state, const std::string& failingPath,
+                                                          std::uint32_t maxMessageSize) {
+  const auto build = [&](const std::string& echo, const std::string& path) {
+    CAssociativeArray result(11);
+    if (!echo.empty()) result.FromString(echo.data(), static_cast<long>(echo.size()));
+    result.AddCouple(vantrel::wire::kCopyState, static_cast<long>(state));
+    result.AddCouple(vantrel::wire::kCopyFileName, path);
+    std::string text;
+    long length = 0;
+    result.ToString(text, length, false, false);
+    return std::unique_ptr<VantrelClientEvent>(CreateReturnClientEvent(
+        request, text.data(), static_cast<unsigned>(length), vantrel::wire::kDelivered, QTYPE_ASYNC));
+  };
+  auto answer = build(echoed, failingPath);
+  if (static_cast<std::uint64_t>(answer->getPackedBufLen()) <= maxMessageSize) return answer.release();
+  VLOG_WARN("VantrelToolKit::CreateCopyResultEvent - result of copy %u for %s too large, the request is not echoed",
+            request.getMessageId(), request.getFromClient());
+  std::string path = failingPath;
+  for (;;) {
+    answer = build(std::string(), path);
+    const auto size = static_cast<std::uint64_t>(answer->getPackedBufLen());
+    if (size <= maxMessageSize || path.empty()) return answer.release();
+    // The text may quote some characters, so a cut is checked by building again.
+    const std::uint64_t excess = size - maxMessageSize + 16;
+    path = excess < path.size() ? path.substr(0, path.size() - excess) : std::string();
   }
 }
 
@@ -122,7 +135,7 @@ VantrelHostEvent* VantrelToolKit::CreateSendHostEvent(const cVantrelMessage& rec
   return BuildEvent<VantrelHostEvent>(received, false, type, QTYPE_SYNC, subtype, space);
 }
 
-bool VantrelToolKit::DeleteFileA(const std::string& path) { return std::remove(path.c_str()) == 0; }
+bool VantrelToolKit::DeleteFileA(const std::string& path) { return vantrel::platform::gRemoveFile(path); }
 
 std::string VantrelToolKit::GetErrorString(int code) { return std::system_category().message(code); }
 

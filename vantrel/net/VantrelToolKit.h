@@ -12,6 +12,7 @@
 #include "vantrel/message/packmsg.h"
 #include "vantrel/message/vantrelevents.h"
 #include "vantrel/message/wire.h"
+#include "vantrel/net/filecopy.h"
 
 class VantrelToolKit {
  public:
@@ -29,6 +30,10 @@ class VantrelToolKit {
     COPY_WRITE_FAILED = vantrel::wire::kCopyWriteFailed,
     // Between hosts: the transfer was stopped, or the peer reported a failure.
     COPY_STOPPED = vantrel::wire::kCopyStopped,
+    // Source and destination are one file; nothing was done.
+    COPY_SAME_FILE = vantrel::wire::kCopySameFile,
+    // The requester may not read the source or write the destination.
+    COPY_DENIED = vantrel::wire::kCopyDenied,
   };
   // Bytes read from the source at a time.
   static constexpr std::size_t kCopyBlockSize = 204800;
@@ -40,11 +45,23 @@ class VantrelToolKit {
 
   // Copies `source` to `destination`. `state` tells the outcome and
   // `failingPath` the path it concerns (the source unless the destination
-  // failed). True only for COPY_DONE. A destination deleted after a failed
-  // read or write is only ever a regular file: a device or pipe given as the
-  // destination is left alone.
+  // failed). True only for COPY_DONE. Only regular files are opened. The copy
+  // is written beside the destination and renamed over it when complete, so a
+  // failed copy leaves the destination as it was; a destination that is the
+  // source itself is refused (COPY_SAME_FILE). Files are opened with
+  // `requester`'s rights (by default the service's own).
   static bool CopyFileA(const std::string& source, const std::string& destination, CopyFileCompletionState& state,
                         std::string& failingPath);
+  static bool CopyFileA(const std::string& source, const std::string& destination, CopyFileCompletionState& state,
+                        std::string& failingPath, const cCopyRequester& requester);
+
+  // The answer to a copy request: a kDelivered record of QType 2 that returns
+  // to the requester with `echoed` (the request's own parameter text, may be
+  // empty) followed by the state and the failing path. Never larger than
+  // `maxMessageSize`: when it would be, the echo is left out, and a failing
+  // path too long for what is left is cut.
+  static VantrelClientEvent* CreateCopyResultEvent(const cVantrelMessage& request, const std::string& echoed, int state,
+                                                   const std::string& failingPath, std::uint32_t maxMessageSize);
 
   // An answer to `received`, travelling back to its sender: to host/client are
   // its from host/client and the other way round; its message id; the given

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <utility>
 
+#include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/log/log.h"
 #include "vantrel/message/wire.h"
 #include "vantrel/net/VantrelToolKit.h"
@@ -11,8 +12,13 @@
 #include "vantrel/support/associativearray.h"
 
 cFileTransferWorker::cFileTransferWorker(iFileTransferWorkerLink* link, iVantrelRouter* router,
-                                         nParallel::nImplementation_sho::cThreadAttributes threadAttributes)
-    : link_(link), router_(router), threadAttributes_(std::move(threadAttributes)), handler_(link) {}
+                                         nParallel::nImplementation_sho::cThreadAttributes threadAttributes,
+                                         std::shared_ptr<const cCopyPolicy> copies)
+    : link_(link),
+      router_(router),
+      threadAttributes_(std::move(threadAttributes)),
+      copies_(std::move(copies)),
+      handler_(link) {}
 
 cFileTransferWorker::~cFileTransferWorker() { Stop(); }
 
@@ -21,18 +27,37 @@ void cFileTransferWorker::PostRequest(std::unique_ptr<VantrelHostEvent> request)
     std::lock_guard<std::mutex> guard(writerLock_);
     if (!writerClosed_) {
       requests_.push_back(std::move(request));
-      if (!writerRunning_) {
-        // The previous writer has cleared its mark and takes nothing more: it
-        // only has to end, so joining it here is short.
-        writer_.Reset();
-        writerRunning_ = true;
+      if (writerRunning_) return;
+      // The previous writer has cleared its mark and takes nothing more: it
+      // only has to end, so joining it here is short.
+      writer_.Reset();
+      writerRunning_ = true;
+      try {
         writer_.Start([this] { runWriter(); }, "VTHstFlWr", "CVantrelHostConnection:FileWriterThread",
                       threadAttributes_);
+        return;
+      } catch (const std::exception& e) {
+        VLOG_ERROR("CVantrelHostConnection::StartFileWriter - Exception: %s", e.what());
+        writerRunning_ = false;
       }
+    } else {
+      answerBroken(*request);
       return;
     }
   }
-  answerBroken(std::move(request));
+  // No writer could start: nothing queued would ever be copied.
+  abandonQueued();
+}
+
+void cFileTransferWorker::abandonQueued() {
+  std::deque<std::unique_ptr<VantrelHostEvent>> waiting;
+  {
+    std::lock_guard<std::mutex> guard(writerLock_);
+    // A writer started meanwhile takes care of the queue.
+    if (writerRunning_) return;
+    waiting.swap(requests_);
+  }
+  for (auto& request : waiting) answerBroken(*request);
 }
 
 void cFileTransferWorker::OnPeerRequest(std::unique_ptr<VantrelHostEvent> request) {
@@ -46,9 +71,23 @@ void cFileTransferWorker::OnPeerRequest(std::unique_ptr<VantrelHostEvent> reques
   }
   reader_.Reset();
   handler_.ArmReceive();
+  const VantrelHostEvent& queued = *request;
   peerRequests_.putEvent(request.release());
   readerRunning_ = true;
-  reader_.Start([this] { runReader(); }, "VTHstFlRd", "CVantrelHostConnection:FileReaderThread", threadAttributes_);
+  try {
+    reader_.Start([this] { runReader(); }, "VTHstFlRd", "CVantrelHostConnection:FileReaderThread", threadAttributes_);
+  } catch (const std::exception& e) {
+    VLOG_ERROR("CVantrelHostConnection::StartFileReader - Exception: %s", e.what());
+    readerRunning_ = false;
+    refusePeerRequest(queued);
+    peerRequests_.clear();
+  }
+}
+
+void cFileTransferWorker::refusePeerRequest(const VantrelHostEvent& request) {
+  const std::string report = std::to_string(vantrel::wire::kCopyStopped) + '0' + vantrel::wire::kFileFinal;
+  link_->PostFileEvent(std::unique_ptr<VantrelHostEvent>(VantrelToolKit::CreateReturnHostEvent(
+      request, report.data(), static_cast<unsigned>(report.size()), vantrel::wire::kFileTraffic, QTYPE_SYNC)));
 }
 
 void cFileTransferWorker::OnTraffic(std::unique_ptr<VantrelHostEvent> traffic) {
@@ -66,7 +105,7 @@ void cFileTransferWorker::Stop() {
     writerRunning_ = false;
     waiting.swap(requests_);
   }
-  for (auto& request : waiting) answerBroken(std::move(request));
+  for (auto& request : waiting) answerBroken(*request);
   {
     std::lock_guard<std::mutex> guard(readerLock_);
     readerClosed_ = true;
@@ -85,6 +124,11 @@ void cFileTransferWorker::runWriter() {
     writeFiles();
   } catch (const std::exception& e) {
     VLOG_ERROR("CVantrelHostConnection::doFileWriting - Exception: %s", e.what());
+    {
+      std::lock_guard<std::mutex> guard(writerLock_);
+      writerRunning_ = false;
+    }
+    abandonQueued();
   }
   VLOG_INFO("CVantrelHostConnection::StartFileWriter - Done, closing thread.\n");
 }
@@ -121,11 +165,18 @@ void cFileTransferWorker::writeFiles() {
       request = std::move(requests_.front());
       requests_.pop_front();
     }
-    sendOneFile(std::move(request));
+    try {
+      sendOneFile(*request);
+    } catch (const std::exception& e) {
+      // This copy cannot go on; the next one may.
+      VLOG_ERROR("CVantrelHostConnection::doFileWriting - Exception: %s", e.what());
+      answerBroken(*request);
+    }
   }
 }
 
-void cFileTransferWorker::sendOneFile(std::unique_ptr<VantrelHostEvent> request) {
+void cFileTransferWorker::sendOneFile(const VantrelHostEvent& event) {
+  const VantrelHostEvent* request = &event;
   CAssociativeArray parameters;
   std::unique_ptr<cFileTransferResult> result;
   const bool readable = parameters.FromString(request->getData(), static_cast<long>(request->getDatalen()));
@@ -138,15 +189,24 @@ void cFileTransferWorker::sendOneFile(std::unique_ptr<VantrelHostEvent> request)
     result->state = VantrelToolKit::COPY_OPEN_FAILED;
     result->fileName = localFile;
   } else {
-    result = handler_.SendFile(localFile, remoteFile, *request);
+    // Requests that did not come from a local client's session have nobody's
+    // rights to use: they are refused.
+    const auto* copy = dynamic_cast<const cFileCopyRequest*>(request);
+    if (copy != nullptr) {
+      result = handler_.SendFile(localFile, remoteFile, *request, copy->Requester());
+    } else {
+      VLOG_ERROR("CVantrelHostConnection::doFileWriting - copy request of %s has no requester, refused",
+                 request->getFromClient());
+      result = std::make_unique<cFileTransferResult>();
+      result->state = vantrel::wire::kCopyDenied;
+      result->fileName = localFile;
+    }
   }
-  parameters.AddCouple(vantrel::wire::kCopyState, static_cast<long>(result->state));
-  parameters.AddCouple(vantrel::wire::kCopyFileName, result->fileName);
-  std::string text;
-  long length = 0;
-  parameters.ToString(text, length, false, false);
-  std::unique_ptr<VantrelClientEvent> answer(VantrelToolKit::CreateReturnClientEvent(
-      *request, text.data(), static_cast<unsigned>(length), vantrel::wire::kDelivered, QTYPE_ASYNC));
+  // The result repeats the request's parameters, so the application knows which copy it answers.
+  const std::string echoed = readable ? std::string(request->getData(), request->getDatalen()) : std::string();
+  std::unique_ptr<VantrelClientEvent> answer(VantrelToolKit::CreateCopyResultEvent(
+      *request, echoed, result->state, result->fileName,
+      copies_ != nullptr ? copies_->maxMessageSize : nVantrelIni::kDefaultMaxMessageSize));
   if (router_ == nullptr || !router_->dispatchClientEvent(answer.get())) {
     VLOG_WARN("CVantrelHostConnection::doFileWriting - requester %s is gone, copy result dropped",
               request->getFromClient());
@@ -155,9 +215,9 @@ void cFileTransferWorker::sendOneFile(std::unique_ptr<VantrelHostEvent> request)
   answer.release();  // the requester's connection has it now
 }
 
-void cFileTransferWorker::answerBroken(std::unique_ptr<VantrelHostEvent> request) {
-  auto answer = cPendingAnswers::BrokenAnswer(request->getMessageId(), request->getToHost(), request->getToClient(),
-                                              request->getFromHost(), request->getFromClient(), QTYPE_ASYNC);
+void cFileTransferWorker::answerBroken(const VantrelHostEvent& request) {
+  auto answer = cPendingAnswers::BrokenAnswer(request.getMessageId(), request.getToHost(), request.getToClient(),
+                                              request.getFromHost(), request.getFromClient(), QTYPE_ASYNC);
   if (router_ != nullptr && router_->dispatchClientEvent(answer.get())) answer.release();
 }
 
@@ -173,9 +233,8 @@ void cFileTransferWorker::readFiles() {
     std::unique_ptr<RWCollectable> item(peerRequests_.get());
     if (item == nullptr) break;
     const auto& request = static_cast<const VantrelHostEvent&>(*item);
-    const char* path = request.getData();
-    const std::string destination(path, strnlen(path, request.getDatalen()));
-    handler_.ReceiveFile(destination, request);
+    const cAnnouncedCopy copy = cAnnouncedCopy::Parse(request.getData(), request.getDatalen());
+    handler_.ReceiveFile(copy.path, request, copy.size, cCopyRequester::Host(link_->HostText(), copies_));
   }
   readerRunning_ = false;
 }

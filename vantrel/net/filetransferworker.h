@@ -9,6 +9,8 @@
 // Owner: the host link (one worker per link, stopped by the link's Terminate).
 // Refers to, without owning, the link (through iFileTransferWorkerLink) and the
 // router, which receives the copy results.
+// An exception on a file thread ends only the copy it met: that copy is
+// answered as broken and the next request starts a new thread.
 // Threads: PostRequest on any dispatching thread (under the router's lock);
 // OnPeerRequest and OnTraffic on the link's reader; Abort and Stop on whichever
 // thread terminates the link; plus the worker's own two threads.
@@ -42,9 +44,11 @@ class iFileTransferWorkerLink : public iFileTransferLink {
 
 class cFileTransferWorker {
  public:
-  // `router` may be null (nothing is answered).
+  // `router` may be null (nothing is answered). `copies` limits what the
+  // peer's copy requests may write (null: anywhere).
   cFileTransferWorker(iFileTransferWorkerLink* link, iVantrelRouter* router,
-                      nParallel::nImplementation_sho::cThreadAttributes threadAttributes);
+                      nParallel::nImplementation_sho::cThreadAttributes threadAttributes,
+                      std::shared_ptr<const cCopyPolicy> copies = nullptr);
   // Stops; the link must not call the worker any more.
   ~cFileTransferWorker();
   cFileTransferWorker(const cFileTransferWorker&) = delete;
@@ -76,12 +80,17 @@ class cFileTransferWorker {
   void writeFiles();
   void readFiles();
   // Copies one local client's request and answers it with the copy result.
-  void sendOneFile(std::unique_ptr<VantrelHostEvent> request);
-  void answerBroken(std::unique_ptr<VantrelHostEvent> request);
+  void sendOneFile(const VantrelHostEvent& request);
+  void answerBroken(const VantrelHostEvent& request);
+  // The writer has ended without taking what is queued: answers it as broken.
+  void abandonQueued();
+  // Tells the peer its request cannot be received (no file reader could start).
+  void refusePeerRequest(const VantrelHostEvent& request);
 
   iFileTransferWorkerLink* const link_;
   iVantrelRouter* const router_;
   const nParallel::nImplementation_sho::cThreadAttributes threadAttributes_;
+  const std::shared_ptr<const cCopyPolicy> copies_;
   // Outlives both threads: they are joined in Stop, before the members go.
   CFileTransferHandler handler_;
 

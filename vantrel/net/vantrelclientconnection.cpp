@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "vantrel/base/log/log.h"
+#include "vantrel/base/platform/fileuser.h"
 #include "vantrel/base/platform/socket.h"
 #include "vantrel/base/socket/latency.h"
 #include "vantrel/message/wire.h"
@@ -15,7 +16,12 @@ using nCommunication::nSocket::nImplementation_sho::tLatencyPath;
 
 CVantrelClientConnection::CVantrelClientConnection(cSocketHandle&& accepted,
                                                    std::shared_ptr<const cVantrelConnectionContext> context)
-    : context_(std::move(context)), socket_(std::move(accepted), nullptr, "client"), port_(socket_.PeerPort()) {}
+    : context_(std::move(context)),
+      socket_(std::move(accepted), nullptr, "client"),
+      port_(socket_.PeerPort()),
+      peerUser_(vantrel::platform::gLoopbackPeerUser(socket_.Handle())) {
+  if (!peerUser_) VLOG_WARN("CVantrelClientConnection - the user of the client on port %d is unknown", port_);
+}
 
 CVantrelClientConnection::~CVantrelClientConnection() { Terminate(true); }
 

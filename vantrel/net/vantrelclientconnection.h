@@ -19,6 +19,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "vantrel/base/platform/thread.h"
@@ -54,6 +55,7 @@ class CVantrelClientConnection : public iVantrelClientLink {
   // hand-over; queued otherwise, so nothing is overtaken and no other client's
   // writer waits on this client's socket.
   void SendAnswer(std::unique_ptr<VantrelClientEvent> answer) override;
+  std::optional<std::uint32_t> PeerUser() const override { return peerUser_; }
 
  private:
   void runReader();
@@ -82,6 +84,8 @@ class CVantrelClientConnection : public iVantrelClientLink {
   std::string clientName_;                          // guarded by lock_
   std::unique_ptr<iVantrelClientSession> session_;  // guarded by lock_; set once by the reader
   const int port_;                                  // the socket's peer port, for log lines
+  // The client process's user, found in the system's socket tables at accept.
+  const std::optional<std::uint32_t> peerUser_;
   // Events posted and not yet sent (or dropped) by the writer, plus an answer
   // being sent directly by the reader. Zero means the socket is free for a
   // direct send without overtaking anything.

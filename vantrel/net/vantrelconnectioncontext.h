@@ -8,6 +8,7 @@
 // connection. Threads: read by any connection thread; never changed.
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "vantrel/base/platform/thread.h"
@@ -16,6 +17,7 @@
 class iVantrelRouter;
 class iVantrelConnectionOwner;
 class iVantrelClientSessionFactory;
+struct cCopyPolicy;
 
 // What a host link needs to know about TLS.
 struct cVantrelTlsChoice {
@@ -56,4 +58,6 @@ struct cVantrelConnectionContext {
   // most answerTimeoutSeconds.
   long linkSilenceSeconds = 0;
   long answerTimeoutSeconds = 120;
+  // What file copies may touch; null: no limits beyond the requester's rights.
+  std::shared_ptr<const cCopyPolicy> copies;
 };

@@ -13,6 +13,7 @@
 //   iVantrelClientSessionFactory  makes the session for a greeted client connection
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "vantrel/base/events/events.h"
@@ -41,6 +42,10 @@ class iVantrelClientLink : public iVantrelConnection {
   // when nothing queued earlier would be overtaken and the socket has room; by
   // default it is queued like any other event.
   virtual void SendAnswer(std::unique_ptr<VantrelClientEvent> answer) { Post(answer.release()); }
+  // The user the client process runs as, learned when its connection was
+  // accepted; nothing when it could not be found. Files opened for the client
+  // are opened with that user's rights.
+  virtual std::optional<std::uint32_t> PeerUser() const { return std::nullopt; }
 };
 
 // A link to another host's service as the router sees it.

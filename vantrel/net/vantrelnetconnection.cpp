@@ -42,7 +42,7 @@ CVantrelHostConnection::CVantrelHostConnection(const std::string& hostText,
       lastReceived_(RQPSysTime()),
       answers_(std::make_shared<cAnswerPath>(
           [this](const cVantrelMessage& request, bool delivered) { answerPeer(request, delivered); })),
-      files_(this, context_->router, context_->threadAttributes) {
+      files_(this, context_->router, context_->threadAttributes, context_->copies) {
   if (context_->tls.useOpenSsl) socket_.SetTlsSettings(TlsSettings(context_->tls));
   postHandler_ = signOn([this](BaseEvent* event) { return post(event); });
   if (context_->router != nullptr) context_->router->registerHostEvent(hostText.c_str(), this, postHandler_);
@@ -57,7 +57,7 @@ CVantrelHostConnection::CVantrelHostConnection(cSocketHandle&& accepted, cTlsCon
       lastReceived_(RQPSysTime()),
       answers_(std::make_shared<cAnswerPath>(
           [this](const cVantrelMessage& request, bool delivered) { answerPeer(request, delivered); })),
-      files_(this, context_->router, context_->threadAttributes) {
+      files_(this, context_->router, context_->threadAttributes, context_->copies) {
   if (tlsState) socket_.SetTlsSettings(TlsSettings(context_->tls));
   postHandler_ = signOn([this](BaseEvent* event) { return post(event); });
 }
@@ -86,15 +86,22 @@ long CVantrelHostConnection::PingTimeoutSeconds() {
 }
 
 void CVantrelHostConnection::Start() {
-  RQPMutexGuard guard(lock_);
-  if (terminated_) return;
-  if (outgoing_) {
-    writer_.Start([this] { runWriter(); }, "VTHstWrtr", "CVantrelHostConnection:WriterThread",
-                  context_->threadAttributes);
-  } else {
-    reader_.Start([this] { runReader(); }, "VTHstRdr", "CVantrelHostConnection:ReaderThread",
-                  context_->threadAttributes);
+  try {
+    RQPMutexGuard guard(lock_);
+    if (terminated_) return;
+    if (outgoing_) {
+      writer_.Start([this] { runWriter(); }, "VTHstWrtr", "CVantrelHostConnection:WriterThread",
+                    context_->threadAttributes);
+    } else {
+      reader_.Start([this] { runReader(); }, "VTHstRdr", "CVantrelHostConnection:ReaderThread",
+                    context_->threadAttributes);
+    }
+    return;
+  } catch (const std::exception& e) {
+    VLOG_ERROR("CVantrelHostConnection::Start - Exception: %s", e.what());
   }
+  // A link without its thread would stay registered and never end.
+  Terminate(false);
 }
 
 void CVantrelHostConnection::runReader() {
@@ -109,7 +116,11 @@ void CVantrelHostConnection::runReader() {
 }
 
 void CVantrelHostConnection::runWriter() {
-  doWriting();
+  try {
+    doWriting();
+  } catch (const std::exception& e) {
+    VLOG_ERROR("CVantrelHostConnection::doWriting - Exception: %s", e.what());
+  }
   Terminate(false);
   VLOG_INFO("CVantrelHostConnection::StartWriter - Done(%s,%d)", HostText(), socket_.PeerPort());
 }

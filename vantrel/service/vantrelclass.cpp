@@ -69,8 +69,8 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
                                                              iVantrelClientLink* link) override {
     // The host name as the greeting's fixed field gave it to the client, so that
     // the sender fields the service writes are the ones the client library wrote.
-    return std::make_unique<VantrelClientInstance>(name, link, &eventServer,
-                                                   hostName.substr(0, vantrel::wire::kGreetingFieldSize));
+    return std::make_unique<VantrelClientInstance>(
+        name, link, &eventServer, hostName.substr(0, vantrel::wire::kGreetingFieldSize), context->copies);
   }
 
   // Once the net port is known and before any listener accepts.
@@ -93,6 +93,7 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
     built->maxLinkQueueBytes = settings.MaxLinkQueueBytes();
     built->linkSilenceSeconds = settings.LinkSilenceLimitSeconds();
     built->answerTimeoutSeconds = settings.AnswerTimeoutSeconds();
+    built->copies = cCopyPolicy::Make(settings.CopyRoots(), settings.CertificatesPath(), settings.MaxMessageSize());
     context = std::move(built);
     eventServer.setLocalHost(hostName, addressHostText);
   }

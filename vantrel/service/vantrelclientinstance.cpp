@@ -3,6 +3,7 @@
 #include <cstring>
 #include <memory>
 
+#include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/log/log.h"
 #include "vantrel/message/wire.h"
 #include "vantrel/net/VantrelToolKit.h"
@@ -24,11 +25,13 @@ QType AnswerQType(short type) { return type == kSendNoWait || type == kLocalSend
 }  // namespace
 
 VantrelClientInstance::VantrelClientInstance(const std::string& name, iVantrelClientLink* connection,
-                                             iVantrelRouter* router, const std::string& hostName)
+                                             iVantrelRouter* router, const std::string& hostName,
+                                             std::shared_ptr<const cCopyPolicy> copies)
     : name_(name),
       hostName_(hostName),
       connection_(connection),
       router_(router),
+      copies_(std::move(copies)),
       answers_(std::make_shared<cAnswerPath>(
           [this](const cVantrelMessage& message, bool delivered) { answerDelivery(message, delivered); })) {
   VLOG_INFO("VantrelClientInstance::VantrelClientInstance(%s)", name_);
@@ -77,7 +80,7 @@ bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length
         routeToClient(std::move(event), type);
       return true;
     case kLocalFileCopy:
-      localFileCopy(data, length, type, subtype);
+      localFileCopy(data, length, type, subtype, false);
       return true;
     case kIgnored:
       return true;
@@ -125,13 +128,20 @@ std::unique_ptr<Event> VantrelClientInstance::admit(const char* data, std::uint3
 void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, short type, short subtype) {
   auto event = admit<VantrelHostEvent>(data, length, type, subtype, kHostDispatchText);
   if (event == nullptr) return;
-  if (router_ != nullptr && type != kFileCopy && router_->isLocalHost(event->getToHost())) {
-    // Addressed to this very service by its host text: no link to itself.
-    routeToClient(std::make_unique<VantrelClientEvent>(event->getPackedBuf(),
-                                                       static_cast<long>(event->getPackedBufLen()), type, subtype),
-                  LocalForm(type));
+  if (router_ != nullptr && router_->isLocalHost(event->getToHost())) {
+    // Addressed to this very service: no link to itself.
+    if (type == kFileCopy)
+      localFileCopy(event->getPackedBuf(), event->getPackedBufLen(), type, subtype, true);
+    else
+      routeToClient(std::make_unique<VantrelClientEvent>(event->getPackedBuf(),
+                                                         static_cast<long>(event->getPackedBufLen()), type, subtype),
+                    LocalForm(type));
     return;
   }
+  // A copy carries its client's rights to the link's file thread, which opens the source.
+  if (type == kFileCopy)
+    event = std::make_unique<cFileCopyRequest>(event->getPackedBuf(), static_cast<long>(event->getPackedBufLen()), type,
+                                               subtype, requester());
   const std::uint32_t messageId = event->getMessageId();
   VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - message %u of type %d for %s@%s", name_, messageId, type,
              event->getToClient(), event->getToHost());
@@ -178,33 +188,41 @@ void VantrelClientInstance::answerDelivery(const cVantrelMessage& message, bool 
       static_cast<long>(std::strlen(text) + 1)));
 }
 
-void VantrelClientInstance::localFileCopy(const char* data, std::uint32_t length, short type, short subtype) {
+cCopyRequester VantrelClientInstance::requester() const {
+  iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
+  return cCopyRequester::LocalClient(name_, connection != nullptr ? connection->PeerUser() : std::nullopt, copies_);
+}
+
+void VantrelClientInstance::localFileCopy(const char* data, std::uint32_t length, short type, short subtype,
+                                          bool echo) {
   const cVantrelMessage request(data, length, type, subtype);
   if (!request.isValid()) {
     VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed copy request dropped", name_);
     return;
   }
   CAssociativeArray parameters(11);
-  if (!parameters.FromString(request.getData(), static_cast<long>(request.getDatalen()))) {
+  const bool readable = parameters.FromString(request.getData(), static_cast<long>(request.getDatalen()));
+  if (!readable) {
     VLOG_WARN("VantrelClientInstance::localFileCopy(%s) - copy request without readable parameters", name_);
   }
   const std::string source = parameters.GetValueOfParameter(kCopyLocalFile);
   const std::string destination = parameters.GetValueOfParameter(kCopyRemoteFile);
   VantrelToolKit::CopyFileCompletionState state = VantrelToolKit::COPY_DONE;
   std::string failingPath;
-  // The completion state tells the client the outcome; the bool adds nothing.
-  (void)VantrelToolKit::CopyFileA(source, destination, state, failingPath);
-
-  CAssociativeArray result(11);
-  result.AddCouple(kCopyState, static_cast<long>(state));
-  result.AddCouple(kCopyFileName, failingPath);
-  std::string text;
-  long textLength = 0;
-  result.ToString(text, textLength, false, false);
+  if (source.empty() || destination.empty()) {
+    VLOG_ERROR("VantrelClientInstance::localFileCopy(%s) - copy request without source or destination", name_);
+    state = VantrelToolKit::COPY_OPEN_FAILED;
+    failingPath = source;
+  } else {
+    // The completion state tells the client the outcome; the bool adds nothing.
+    (void)VantrelToolKit::CopyFileA(source, destination, state, failingPath, requester());
+  }
   iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
   if (connection == nullptr) return;
-  connection->SendAnswer(std::unique_ptr<VantrelClientEvent>(VantrelToolKit::CreateReturnClientEvent(
-      request, text.data(), static_cast<unsigned>(textLength), kDelivered, QTYPE_ASYNC)));
+  const std::string echoed = echo && readable ? std::string(request.getData(), request.getDatalen()) : std::string();
+  const std::uint32_t maxSize = copies_ != nullptr ? copies_->maxMessageSize : nVantrelIni::kDefaultMaxMessageSize;
+  connection->SendAnswer(std::unique_ptr<VantrelClientEvent>(
+      VantrelToolKit::CreateCopyResultEvent(request, echoed, state, failingPath, maxSize)));
 }
 
 void VantrelClientInstance::detach() {

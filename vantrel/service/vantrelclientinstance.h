@@ -26,15 +26,17 @@
 #include "vantrel/base/events/events.h"
 #include "vantrel/message/vantrelevents.h"
 #include "vantrel/net/answerpath.h"
+#include "vantrel/net/filecopy.h"
 #include "vantrel/net/vantrellinks.h"
 
 class VantrelClientInstance : public iVantrelClientSession {
  public:
   // Registers itself with `router` (may be null: nothing is routed) under `name`.
   // `hostName` is what the service told the client its host is; it becomes the
-  // from host of everything the client sends.
+  // from host of everything the client sends. `copies` limits the client's file
+  // copies (null: its user's rights only).
   VantrelClientInstance(const std::string& name, iVantrelClientLink* connection, iVantrelRouter* router,
-                        const std::string& hostName = "");
+                        const std::string& hostName = "", std::shared_ptr<const cCopyPolicy> copies = nullptr);
   ~VantrelClientInstance() override;
   VantrelClientInstance(const VantrelClientInstance&) = delete;
   VantrelClientInstance& operator=(const VantrelClientInstance&) = delete;
@@ -57,7 +59,10 @@ class VantrelClientInstance : public iVantrelClientSession {
   // Answers the sender of a message that reached (or failed to reach) its client.
   void answerDelivery(const cVantrelMessage& message, bool delivered);
   // The client asked for a file copy on this host; answered with a copy result.
-  void localFileCopy(const char* data, std::uint32_t length, short type, short subtype);
+  // `echo` repeats the request's parameters in the result, as a copy between
+  // hosts does.
+  void localFileCopy(const char* data, std::uint32_t length, short type, short subtype, bool echo);
+  cCopyRequester requester() const;
   void reply(std::uint32_t messageId, QType qtype, short type, short subtype, const char* text);
 
   const std::string name_;
@@ -65,6 +70,7 @@ class VantrelClientInstance : public iVantrelClientSession {
   // Cleared by the farewell so that nothing is queued on a departing connection.
   std::atomic<iVantrelClientLink*> connection_;
   iVantrelRouter* const router_;
+  const std::shared_ptr<const cCopyPolicy> copies_;
   std::atomic<bool> detached_{false};
   // Settled by the writer of each addressee; closed when this session goes.
   const std::shared_ptr<cAnswerPath> answers_;

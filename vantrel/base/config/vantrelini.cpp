@@ -148,6 +148,8 @@ void cVantrelIni::Read() {
   verifyClientCertificate_ = gReadIntWithDefault(t, "VerifyClientCertificate", 0) != 0;
   PrintLine(std::string("* VerifyClientCertificate: ") + TrueFalse(verifyClientCertificate_));
 
+  copyRoots_ = gReadStringOptional(t, "CopyRoots", "");
+
   bool parsed;
   const int maxSize = ReadIntWithDefault(t, "MaxMessageSize", static_cast<int>(kDefaultMaxMessageSize), parsed);
   if (maxSize < static_cast<int>(kMinMaxMessageSize)) {

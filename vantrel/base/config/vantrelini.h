@@ -97,6 +97,9 @@ class cVantrelIni {
   // Seconds; 0 means three ping intervals (at least 3 s).
   int LinkSilenceLimitSeconds() const { return linkSilenceLimitSeconds_; }
   int AnswerTimeoutSeconds() const { return answerTimeoutSeconds_; }
+  // Folders that copies asked for by other hosts may write into (';' or ','
+  // between them); empty: anywhere.
+  const std::string& CopyRoots() const { return copyRoots_; }
 
  private:
   void Read();
@@ -122,6 +125,7 @@ class cVantrelIni {
   std::uint64_t maxLinkQueueBytes_ = nVantrelIni::kDefaultMaxLinkQueueBytes;
   int linkSilenceLimitSeconds_ = nVantrelIni::kDefaultLinkSilenceLimitSeconds;
   int answerTimeoutSeconds_ = nVantrelIni::kDefaultAnswerTimeoutSeconds;
+  std::string copyRoots_;
 };
 
 // The simulated latencies of host links, parsed from SimulatedLatencyNet_debug.
