@@ -1,7 +1,9 @@
 // Several services on one machine, addressed as host~port.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <future>
 #include <set>
 #include <string>
 
@@ -90,25 +92,116 @@ TEST_F(NetServiceTest, ThreeServicesRouteToEachOtherOverOneLinkPerPair) {
   for (ServiceProcess* service : {&a, &b, &c}) EXPECT_EQ(service->stop(), 0) << service->log();
 }
 
-TEST_F(NetServiceTest, APeerThatDiesAnswersEveryWaitingRequestOnce) {
-  ServiceProcess a, b;
-  TestClient alice, bob;
+// A peer that dies, or stops and falls silent, answers every waiting request
+// once: the dead one at once, the silent one after the silence limit (three
+// one-second ping intervals here).
+TEST_F(NetServiceTest, APeerThatDiesOrHangsAnswersEveryWaitingRequestOnce) {
+  for (const bool dies : {true, false}) {
+    SCOPED_TRACE(dies ? "killed" : "stopped");
+    ServiceProcess a, b;
+    a.setEnv("VANTREL_INTERNAL_PING_TIMEOUT_SECONDS", "1");
+    TestClient alice, bob;
+    Join(a, alice, "alice");
+    Join(b, bob, "bob");
+    ASSERT_TRUE(alice.NETSendMessageZ1("warm up", 8, At("bob", b).c_str()));
+
+    // Frozen, the peer takes the requests into its socket but never answers.
+    ASSERT_TRUE(b.freeze());
+    const auto start = std::chrono::steady_clock::now();
+    std::set<unsigned> ids;
+    for (unsigned id = 1; id <= (dies ? 3u : 1000u); ids.insert(id++))
+      ASSERT_TRUE(alice.NETSendMessageNowaitZ1(static_cast<std::int32_t>(id), "q", 2, At("bob", b).c_str()));
+    ASSERT_TRUE(alice.NETSendMessageNoresponseZ1("n", 2, At("bob", b).c_str()));
+    if (dies) b.kill();
+    ExpectOneBrokenAnswerEach(alice, a, ids);
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    if (!dies) {
+      EXPECT_GE(took, std::chrono::seconds(3));
+      EXPECT_TRUE(a.waitLog("silent for")) << a.log();
+      continue;
+    }
+    // The old link is gone: each later request opens a new one that cannot connect.
+    ASSERT_TRUE(a.waitLog("Removing host " + b.hostText())) << a.log();
+    for (int id = 11; id <= 13; ++id) ASSERT_TRUE(alice.NETSendMessageNowaitZ1(id, "q", 2, At("bob", b).c_str()));
+    ExpectOneBrokenAnswerEach(alice, a, {11, 12, 13});
+    EXPECT_TRUE(a.running());
+  }
+}
+
+// A link's peer may answer only what it was asked on that link and in time:
+// a forged or late answer reaches nobody.
+TEST_F(NetServiceTest, ALinkPeerAnswersOnlyRequestsThatWaitForIt) {
+  ServiceProcess a("AnswerTimeoutSeconds = 2\nLinkSilenceLimitSeconds = 60\n");
+  a.setEnv("VANTREL_INTERNAL_PING_TIMEOUT_SECONDS", "1");
+  TestClient alice;
   Join(a, alice, "alice");
-  Join(b, bob, "bob");
-  ASSERT_TRUE(alice.NETSendMessageZ1("warm up", 8, At("bob", b).c_str()));
+  RawLink peer;
+  ASSERT_TRUE(peer.connectPeer(a.netPort(), "fake~1", wire::kVersionMarker));
+  ASSERT_TRUE(a.waitLog("Received a connection from host: fake~1")) << a.log();
+  const auto delivered = [&](std::uint32_t id) {
+    return peer.send(cVantrelMessage(id, "fake~1", "alice", "fake~1", "bob", QTYPE_SYNC, wire::kDelivered,
+                                     wire::kChannelAnswers, "", 1),
+                     wire::kVersionMarker);
+  };
+  // While alice waits, the peer answers "delivered" for a message nobody sent.
+  auto send = std::async(std::launch::async, [&] { return alice.NETSendMessageZ1("q", 2, "bob@fake~1"); });
+  auto request = peer.next();
+  while (request && request->type == wire::kPing) request = peer.next();
+  ASSERT_TRUE(request.has_value());
+  ASSERT_TRUE(delivered(777));
+  EXPECT_FALSE(send.get());
+  EXPECT_TRUE(a.waitLog("answer 102 to message 777 for alice from host fake~1 dropped")) << a.log();
 
-  // Frozen, the peer takes the requests into its socket but never answers.
-  ASSERT_TRUE(b.freeze());
-  for (int id = 1; id <= 3; ++id) ASSERT_TRUE(alice.NETSendMessageNowaitZ1(id, "q", 2, At("bob", b).c_str()));
-  ASSERT_TRUE(alice.NETSendMessageNoresponseZ1("n", 2, At("bob", b).c_str()));
-  b.kill();
-  ExpectOneBrokenAnswerEach(alice, a, {1, 2, 3});
+  // That request (id 0) and a no-wait one are answered by the service in time.
+  ASSERT_TRUE(alice.NETSendMessageNowaitZ1(5, "q", 2, "bob@fake~1"));
+  std::set<unsigned> timedOut;
+  for (int i = 0; i < 2; ++i) {
+    auto answer = alice.next();
+    ASSERT_TRUE(answer.has_value()) << a.log();
+    EXPECT_EQ(answer->getType(), wire::kNotDelivered);
+    EXPECT_STREQ(answer->getData(), "No answer from host in time.");
+    timedOut.insert(answer->getMessageId());
+  }
+  EXPECT_EQ(timedOut, (std::set<unsigned>{0, 5}));
+  // The answer that comes too late is dropped too.
+  ASSERT_TRUE(delivered(5));
+  EXPECT_TRUE(a.waitLog("answer 102 to message 5 for alice from host fake~1 dropped")) << a.log();
+}
 
-  // The old link is gone: each later request opens a new one that cannot connect.
-  ASSERT_TRUE(a.waitLog("Removing host " + b.hostText())) << a.log();
-  for (int id = 11; id <= 13; ++id) ASSERT_TRUE(alice.NETSendMessageNowaitZ1(id, "q", 2, At("bob", b).c_str()));
-  ExpectOneBrokenAnswerEach(alice, a, {11, 12, 13});
-  EXPECT_TRUE(a.running());
+// "Delivered" means written to the client: a client that never reads holds at
+// most its queue bound in the service, and every message beyond it, or still
+// queued when the client leaves, is answered as not delivered, once.
+TEST_F(NetServiceTest, AClientThatNeverReadsCostsOnlyItsQueueBound) {
+  ServiceProcess a("MaxMessageSize = 65536\nMaxClientQueueBytes = 1048576\n");
+  TestClient alice;
+  Join(a, alice, "alice");
+  RawLink sink;
+  ASSERT_TRUE(sink.connectClient(a.clientsPort()) && sink.greet("sink"));
+  ASSERT_TRUE(sink.next().has_value());  // the greeting's reply; nothing is read after it
+  const long rssBefore = a.rssKiB();
+  const std::string payload(60000, 'x');
+  constexpr unsigned kSends = 1000;  // 60 MB
+  for (unsigned id = 1; id <= kSends; ++id)
+    ASSERT_TRUE(alice.NETSendMessageNowaitZ1(static_cast<std::int32_t>(id), payload.data(),
+                                             static_cast<unsigned>(payload.size()), At("sink", a).c_str()));
+  std::set<unsigned> refused;
+  while (refused.size() < kSends / 2) {
+    auto answer = alice.next();
+    ASSERT_TRUE(answer.has_value()) << a.log();
+    EXPECT_EQ(answer->getType(), wire::kNotDelivered);
+    EXPECT_TRUE(refused.insert(answer->getMessageId()).second) << "answered twice: " << answer->getMessageId();
+  }
+  EXPECT_LT(a.rssKiB() - rssBefore, 24 * 1024) << "KiB of growth";
+  EXPECT_TRUE(a.waitLog("queue of client sink is full")) << a.log();
+
+  // Leaving, the sink leaves its queue unwritten: those senders learn it too.
+  sink.send(wire::kFarewell, 0, std::string(1, '\0'));
+  ASSERT_TRUE(a.waitLog("Removing client sink")) << a.log();
+  while (auto answer = alice.next(std::chrono::seconds(2)))
+    EXPECT_TRUE(refused.insert(answer->getMessageId()).second) << "answered twice: " << answer->getMessageId();
+  // What the socket took before it filled was written; everything else failed.
+  EXPECT_GE(refused.size(), kSends - 300);
+  EXPECT_LT(refused.size(), kSends);
 }
 
 TEST_F(NetServiceTest, TlsLinksWorkAndRefuseAnUntrustedPeerWhenVerifying) {

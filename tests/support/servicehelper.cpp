@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <memory>
@@ -70,6 +71,12 @@ bool ServiceProcess::start() {
   pid_ = RQPCreateProcessZ0(args.front(), {args.begin() + 1, args.end()}, {dir_.path(), false}).pid;
   exitCode_.reset();
   return pid_ > 0;
+}
+
+long ServiceProcess::rssKiB() const {
+  const std::string status = ReadFile("/proc/" + std::to_string(pid_) + "/status");
+  const std::size_t at = status.find("VmRSS:");
+  return at == std::string::npos ? 0 : std::strtol(status.c_str() + at + 6, nullptr, 10);
 }
 
 std::string ServiceProcess::log() const { return ReadFile(logFile()) + ReadFile(dir_.file("output.txt")); }

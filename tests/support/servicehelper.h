@@ -60,6 +60,8 @@ class ServiceProcess {
   // The process's id while it runs (-1 otherwise).
   RQPProcessId pid() const { return pid_; }
   unsigned short clientsPort() const { return clientsPort_; }
+  // Resident memory of the running program in KiB (0 when it cannot be read).
+  long rssKiB() const;
   unsigned short netPort() const { return netPort_; }
   // This service's host text as clients and peers use it ("name~port").
   std::string hostText() const;

@@ -53,7 +53,22 @@ VantrelClientEvent::VantrelClientEvent(std::unique_ptr<char[]> buffer, long leng
 VantrelClientEvent::VantrelClientEvent(const char* name, ClientObj* client, int value)
     : cVantrelMessage(0, "", name, "", "", QTYPE_CLIENT, 0, 0, "", 1), BaseEvent(client, value) {}
 
-VantrelClientEvent::~VantrelClientEvent() = default;
+VantrelClientEvent& VantrelClientEvent::operator=(const VantrelClientEvent& other) {
+  if (this == &other) return *this;
+  settle(false);  // the message this event held is gone
+  cVantrelMessage::operator=(other);
+  BaseEvent::operator=(other);
+  return *this;
+}
+
+VantrelClientEvent::~VantrelClientEvent() { settle(false); }
+
+void VantrelClientEvent::settle(bool delivered) {
+  if (!receipt_) return;
+  const std::shared_ptr<iDeliveryReceipt> receipt = std::move(receipt_);
+  receipt_.reset();
+  receipt->Settle(*this, delivered);
+}
 
 std::uint16_t VantrelClientEvent::isA() const { return kClassId; }
 

@@ -13,18 +13,34 @@
 // Ownership and threads: as for their bases. A routed event belongs to whoever
 // holds it (creator, queue, taker); a registration key belongs to the registry
 // it was registered with. An event is not changed once it is posted, so the
-// threads it passes through only read it.
+// threads it passes through only read it; the one exception is its receipt,
+// which only the event's current holder settles.
 #include <cstdint>
 #include <memory>
 
 #include "vantrel/base/events/events.h"
 #include "vantrel/message/packmsg.h"
 
+// Whoever answers the sender of a routed message once the message has been
+// written to its addressee's connection, or has been dropped on the way. Shared
+// by every message one connection routes, so that a message carries only a
+// pointer; it outlives the connection that made it, and then answers nobody.
+class iDeliveryReceipt {
+ public:
+  virtual ~iDeliveryReceipt() = default;
+  // `message` was written (delivered) or dropped. Called once per message, on
+  // the thread that wrote or dropped it, possibly under the router's lock: it
+  // only queues, never blocks.
+  virtual void Settle(const cVantrelMessage& message, bool delivered) = 0;
+};
+
 class VantrelClientEvent : public cVantrelMessage, public BaseEvent {
  public:
   static constexpr std::uint16_t kClassId = 0;
 
-  VantrelClientEvent(const VantrelClientEvent& other) = default;
+  // Copies share the record's bytes but never the receipt: a message is
+  // answered once, by the holder of the original.
+  VantrelClientEvent(const VantrelClientEvent& other) : cVantrelMessage(other), BaseEvent(other) {}
   // A record from its parts, with a default event part. A negative length is
   // logged and taken as no data.
   VantrelClientEvent(long messageId, const char* toHost, const char* toClient, const char* fromHost,
@@ -38,13 +54,25 @@ class VantrelClientEvent : public cVantrelMessage, public BaseEvent {
   // type and subtype 0, data the empty text with length 1; the event part
   // names `client` and its handler id `value`.
   VantrelClientEvent(const char* name, ClientObj* client, int value);
-  VantrelClientEvent& operator=(const VantrelClientEvent& other) = default;
+  VantrelClientEvent& operator=(const VantrelClientEvent& other);
+  // An event dropped before it was written settles its receipt as not delivered.
   ~VantrelClientEvent() override;
+
+  // Asks for an answer to the sender once the message is written or dropped.
+  void setReceipt(std::shared_ptr<iDeliveryReceipt> receipt) { receipt_ = std::move(receipt); }
+  bool hasReceipt() const { return receipt_ != nullptr; }
+  // Answers the sender now (at most once); later calls and the destructor do nothing.
+  void settle(bool delivered);
+  // Forgets the receipt without answering: the caller answers itself.
+  void dropReceipt() { receipt_.reset(); }
 
   std::uint16_t isA() const override;
   unsigned hash() const override;
   bool isEqual(const RWCollectable* other) const override;
   const char* nameOf() const override;
+
+ private:
+  std::shared_ptr<iDeliveryReceipt> receipt_;
 };
 
 class VantrelHostEvent : public cVantrelMessage, public BaseEvent {

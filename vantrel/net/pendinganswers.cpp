@@ -12,22 +12,38 @@ void cPendingAnswers::Open() {
 
 bool cPendingAnswers::IsOpen() const { return open_.load(std::memory_order_acquire); }
 
-bool cPendingAnswers::Record(const cVantrelMessage& request) {
+bool cPendingAnswers::Record(const cVantrelMessage& request, double sentAt) {
   std::lock_guard<std::mutex> guard(mutex_);
   if (!open_) return false;
   entries_.push_back(cEntry{request.getMessageId(), request.getType(), request.getToHost(), request.getToClient(),
-                            request.getFromHost(), request.getFromClient()});
+                            request.getFromHost(), request.getFromClient(), sentAt});
   return true;
 }
 
-void cPendingAnswers::Settle(std::uint32_t messageId, const char* requester) {
+bool cPendingAnswers::Settle(std::uint32_t messageId, const char* requester) {
   std::lock_guard<std::mutex> guard(mutex_);
   for (auto it = entries_.begin(); it != entries_.end(); ++it) {
     if (it->messageId == messageId && it->fromClient == requester) {
       entries_.erase(it);
-      return;
+      return true;
     }
   }
+  return false;
+}
+
+std::list<cPendingAnswers::cEntry> cPendingAnswers::Expire(double sentBefore) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  // Entries are recorded in sending order, so the expired ones lead.
+  auto end = entries_.begin();
+  while (end != entries_.end() && end->sentAt < sentBefore) ++end;
+  std::list<cEntry> expired;
+  expired.splice(expired.end(), entries_, entries_.begin(), end);
+  return expired;
+}
+
+bool cPendingAnswers::Waiting() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return !entries_.empty();
 }
 
 std::list<cPendingAnswers::cEntry> cPendingAnswers::Close() {
@@ -41,9 +57,9 @@ std::list<cPendingAnswers::cEntry> cPendingAnswers::Close() {
 
 std::unique_ptr<VantrelClientEvent> cPendingAnswers::BrokenAnswer(std::uint32_t messageId, const char* toHost,
                                                                   const char* toClient, const char* fromHost,
-                                                                  const char* fromClient, QType qtype) {
-  using nVantrelLink::kLinkBrokeText;
+                                                                  const char* fromClient, QType qtype,
+                                                                  const char* text) {
   return std::make_unique<VantrelClientEvent>(static_cast<long>(messageId), fromHost, fromClient, toHost, toClient,
                                               qtype, vantrel::wire::kNotDelivered, vantrel::wire::kChannelMessages,
-                                              kLinkBrokeText, static_cast<long>(std::strlen(kLinkBrokeText) + 1));
+                                              text, static_cast<long>(std::strlen(text) + 1));
 }

@@ -5,6 +5,7 @@
 
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/fileuser.h"
+#include "vantrel/base/platform/socket.h"
 #include "vantrel/base/socket/latency.h"
 #include "vantrel/message/clientname.h"
 #include "vantrel/message/wire.h"
@@ -138,6 +139,12 @@ void CVantrelClientConnection::doReading() {
   }
 }
 
+std::uint64_t CVantrelClientConnection::queuedSize(const RWCollectable* item) {
+  const auto* event = dynamic_cast<const VantrelClientEvent*>(item);
+  if (event == nullptr || event->getType() == kDelivered || event->getType() == kNotDelivered) return 0;
+  return event->getPackedBufLen();
+}
+
 std::unique_ptr<VantrelClientEvent> CVantrelClientConnection::sendable(std::unique_ptr<RWCollectable> item) {
   auto* event = dynamic_cast<VantrelClientEvent*>(item.get());
   if (event == nullptr) {
@@ -165,18 +172,26 @@ void CVantrelClientConnection::doWriting() {
       if (item == nullptr) return;
       // Whatever else is already waiting goes out in the same write.
       int taken = 0;
+      std::uint64_t takenBytes = 0;
       while (item != nullptr) {
         ++taken;
+        takenBytes += queuedSize(item);
         if (auto event = sendable(std::unique_ptr<RWCollectable>(item))) batch.push_back(std::move(event));
         if (batch.size() == StreamSocket::kMaxBatch) break;
         item = eventQueue().get();
       }
+      queuedBytes_.fetch_sub(takenBytes, std::memory_order_acq_rel);
       for (std::size_t i = 0; i < batch.size(); ++i) {
         const VantrelClientEvent& event = *batch[i];
         frames[i] = {event.getType(), event.getSubtype(), event.getPackedBuf(),
                      static_cast<unsigned>(event.getPackedBufLen())};
       }
       const bool sent = socket_.SendTypedMessages(frames, batch.size());
+      // Written: now their senders hear "delivered". Not written: clearing the
+      // batch tells them "not delivered".
+      if (sent) {
+        for (auto& event : batch) event->settle(true);
+      }
       batch.clear();
       unsent_.fetch_sub(taken, std::memory_order_acq_rel);
       if (!sent) return;
@@ -188,16 +203,47 @@ void CVantrelClientConnection::doWriting() {
 
 bool CVantrelClientConnection::Post(RWCollectable* event) {
   if (event == nullptr) return false;
+  const std::uint64_t bytes = queuedSize(event);
+  if (bytes > 0 && queuedBytes_.fetch_add(bytes, std::memory_order_acq_rel) + bytes > context_->maxClientQueueBytes) {
+    queuedBytes_.fetch_sub(bytes, std::memory_order_acq_rel);
+    const auto* message = static_cast<const VantrelClientEvent*>(event);
+    std::uint64_t total = 0;
+    if (refused_.Count(total))
+      VLOG_WARN(
+          "CVantrelClientConnection::Post - queue of client %s is full (%llu bytes), message of type %d from %s "
+          "refused (%llu refused so far)",
+          clientName(), static_cast<unsigned long long>(context_->maxClientQueueBytes), message->getType(),
+          message->getFromClient(), static_cast<unsigned long long>(total));
+    delete event;  // its sender, if it waits, hears "not delivered"
+    return false;
+  }
   unsent_.fetch_add(1, std::memory_order_acq_rel);
   if (eventQueue().putEvent(event)) return true;
   unsent_.fetch_sub(1, std::memory_order_acq_rel);
+  queuedBytes_.fetch_sub(bytes, std::memory_order_acq_rel);
   return false;
+}
+
+void CVantrelClientConnection::dropQueued() {
+  while (RWCollectable* item = eventQueue().get()) {
+    queuedBytes_.fetch_sub(queuedSize(item), std::memory_order_acq_rel);
+    delete item;
+  }
 }
 
 void CVantrelClientConnection::SendAnswer(std::unique_ptr<VantrelClientEvent> answer) {
   if (answer == nullptr) return;
   int idle = 0;
   if (!unsent_.compare_exchange_strong(idle, 1, std::memory_order_acq_rel)) {
+    Post(answer.release());
+    return;
+  }
+  // A client that reads nothing fills its socket; then its writer waits, not
+  // the caller. The socket is ours alone while unsent_ is held.
+  namespace platform = vantrel::platform;
+  if (platform::gPoll(socket_.Handle(), platform::tReadiness::eWritable, nullptr, platform::gSteadyNowUs() + 1) !=
+      platform::tPollResult::eReady) {
+    unsent_.fetch_sub(1, std::memory_order_acq_rel);
     Post(answer.release());
     return;
   }
@@ -232,6 +278,9 @@ void CVantrelClientConnection::Terminate(bool wait) {
   }
   if (first) {
     if (session != nullptr && context_->router != nullptr) context_->router->removeClient(session);
+    // The client will read nothing more: its senders learn it now, not when the
+    // connection is finally deleted.
+    dropQueued();
     if (context_->owner != nullptr) context_->owner->Ended(this);
   }
   if (wait) {

@@ -2,7 +2,10 @@
 // CVantrelClientConnection: the service end of one local client's socket. Its
 // reader ("VTClntRdr") answers the client's greeting, has the session factory
 // make the client's session and hands the session every later message; its
-// writer ("VTClnWrtr") sends what is queued for the client.
+// writer ("VTClnWrtr") sends what is queued for the client and, once a batch is
+// written, settles the receipts of its messages: that is when a sender hears
+// "delivered". Messages waiting for the client are bounded in bytes
+// (maxClientQueueBytes); answers are not counted, so they are never refused.
 //
 // Owner: the service's connection owner, which joins and deletes it after it has
 // terminated. Owns its socket and the client's session; terminating only shuts
@@ -14,6 +17,7 @@
 // client's name and the session; Terminate takes it only for its first part and
 // calls the router and the owner after releasing it.
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,6 +25,7 @@
 #include "vantrel/base/platform/thread.h"
 #include "vantrel/base/socket/streamsocket.h"
 #include "vantrel/message/vantrelevents.h"
+#include "vantrel/net/answerpath.h"
 #include "vantrel/net/vantrelconnectioncontext.h"
 #include "vantrel/net/vantrellinks.h"
 #include "vantrel/support/sync.h"
@@ -42,9 +47,13 @@ class CVantrelClientConnection : public iVantrelClientLink {
   void Start();
   void Terminate(bool wait) override;
   bool Post(RWCollectable* event) override;
-  // Called on the reader thread (the session's answers). Sent at once when the
-  // writer has nothing queued or in hand, which saves the answer a thread
-  // hand-over; queued otherwise, so nothing is overtaken.
+  // Messages refused at the queue bound so far.
+  std::uint64_t RefusedMessages() const { return refused_.Total(); }
+  // Called on the reader thread (the session's answers) and on other clients'
+  // writers (delivered answers). Sent at once when the writer has nothing queued
+  // or in hand and the socket has room, which saves the answer a thread
+  // hand-over; queued otherwise, so nothing is overtaken and no other client's
+  // writer waits on this client's socket.
   void SendAnswer(std::unique_ptr<VantrelClientEvent> answer) override;
   std::optional<std::uint32_t> PeerUser() const override { return peerUser_; }
 
@@ -56,6 +65,10 @@ class CVantrelClientConnection : public iVantrelClientLink {
   // Takes ownership of a queued item; the event to send, or null when the item
   // cannot go to a client (logged and deleted).
   static std::unique_ptr<VantrelClientEvent> sendable(std::unique_ptr<RWCollectable> item);
+  // Bytes an event counts against the queue bound (0 for answers and others).
+  static std::uint64_t queuedSize(const RWCollectable* item);
+  // Deletes what is still queued; their senders hear "not delivered".
+  void dropQueued();
   // Answers the greeting and creates the session. False ends the reader.
   bool greet(char* data, unsigned length, short type);
   void restartProcess();
@@ -77,4 +90,7 @@ class CVantrelClientConnection : public iVantrelClientLink {
   // being sent directly by the reader. Zero means the socket is free for a
   // direct send without overtaking anything.
   std::atomic<int> unsent_{0};
+  // Bytes of messages queued and not yet taken by the writer.
+  std::atomic<std::uint64_t> queuedBytes_{0};
+  cDropCounter refused_;
 };

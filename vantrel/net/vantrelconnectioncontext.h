@@ -6,6 +6,7 @@
 // shares it (immutable) with every connection it creates; a connection keeps its
 // share. The interfaces it points to belong to the service and outlive every
 // connection. Threads: read by any connection thread; never changed.
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -49,6 +50,14 @@ struct cVantrelConnectionContext {
   nParallel::nImplementation_sho::cThreadAttributes threadAttributes;
   // Seconds of silence after which a link's writer sends a ping.
   long pingSeconds = 120;
+  // Bytes of messages that may wait for one client, or on one link.
+  std::uint64_t maxClientQueueBytes = std::uint64_t{64} << 20;
+  std::uint64_t maxLinkQueueBytes = std::uint64_t{64} << 20;
+  // A link that hears nothing for this long while requests wait is broken
+  // (0: three ping intervals, at least 3 s); a request waits for its answer at
+  // most answerTimeoutSeconds.
+  long linkSilenceSeconds = 0;
+  long answerTimeoutSeconds = 120;
   // What file copies may touch; null: no limits beyond the requester's rights.
   std::shared_ptr<const cCopyPolicy> copies;
 };

@@ -37,9 +37,10 @@ class iVantrelClientLink : public iVantrelConnection {
   // has ended (the event is then deleted). Called from any thread, possibly
   // under the router's lock, so it only queues.
   virtual bool Post(RWCollectable* event) { return eventQueue().putEvent(event); }
-  // An answer made on the connection's own reader thread. A connection may send
-  // it at once when nothing queued earlier would be overtaken; by default it is
-  // queued like any other event.
+  // An answer to the client, from any thread (the connection's reader, or the
+  // writer of the client a message went to). A connection may send it at once
+  // when nothing queued earlier would be overtaken and the socket has room; by
+  // default it is queued like any other event.
   virtual void SendAnswer(std::unique_ptr<VantrelClientEvent> answer) { Post(answer.release()); }
   // The user the client process runs as, learned when its connection was
   // accepted; nothing when it could not be found. Files opened for the client

@@ -1,5 +1,6 @@
 #include "vantrel/net/vantrelnetconnection.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +23,9 @@ namespace {
 constexpr long kDefaultPingSeconds = 120;
 
 bool IsWaitedRequest(short type) { return type == kSend || type == kSendNoWait; }
+// What counts against the queue bound: the messages clients send, not answers
+// or file traffic (which has its own acknowledgements).
+bool IsBoundedMessage(short type) { return type == kSend || type == kSendNoResponse || type == kSendNoWait; }
 QType AnswerQType(short requestType) { return requestType == kSendNoWait ? QTYPE_ASYNC : QTYPE_SYNC; }
 
 cTlsSettings TlsSettings(const cVantrelTlsChoice& tls) {
@@ -45,6 +49,9 @@ CVantrelHostConnection::CVantrelHostConnection(const std::string& hostText,
       host_(hostText),
       socket_(context_->tls.useOpenSsl, "link " + hostText),
       lastActivity_(RQPSysTime()),
+      lastReceived_(RQPSysTime()),
+      answers_(std::make_shared<cAnswerPath>(
+          [this](const cVantrelMessage& request, bool delivered) { answerPeer(request, delivered); })),
       files_(this, context_->router, context_->threadAttributes, context_->copies) {
   if (context_->tls.useOpenSsl) socket_.SetTlsSettings(TlsSettings(context_->tls));
   postHandler_ = signOn([this](BaseEvent* event) { return post(event); });
@@ -57,6 +64,9 @@ CVantrelHostConnection::CVantrelHostConnection(cSocketHandle&& accepted, cTlsCon
       outgoing_(false),
       socket_(std::move(accepted), tlsState, "link"),
       lastActivity_(RQPSysTime()),
+      lastReceived_(RQPSysTime()),
+      answers_(std::make_shared<cAnswerPath>(
+          [this](const cVantrelMessage& request, bool delivered) { answerPeer(request, delivered); })),
       files_(this, context_->router, context_->threadAttributes, context_->copies) {
   if (tlsState) socket_.SetTlsSettings(TlsSettings(context_->tls));
   postHandler_ = signOn([this](BaseEvent* event) { return post(event); });
@@ -270,7 +280,7 @@ void CVantrelHostConnection::doReading() {
       if (type == kDelivered || type == kNotDelivered) deliverAnswer(kNotDelivered, subtype, std::move(frame), length);
       return;
     }
-    lastActivity_ = RQPSysTime();
+    lastReceived_ = RQPSysTime();
     dispatchReceived(type, std::move(frame), length);
   }
 }
@@ -309,18 +319,29 @@ void CVantrelHostConnection::deliverForward(short type, tFrameData data, unsigne
               vantrel::log::Escaped(HostText()));
     return;
   }
+  const bool waits = IsWaitedRequest(type);
+  // The local client's writer answers the peer once it has written the message
+  // (or whoever drops it on the way).
+  if (waits) event->setReceipt(answers_);
   // Shares the event's bytes; stays valid after the event has been handed on.
   const cVantrelMessage request(*event);
-  const bool delivered = context_->router != nullptr && context_->router->dispatchClientEvent(event.get());
-  if (delivered) event.release();  // the addressee's connection has it now
+  const bool routed = context_->router != nullptr && context_->router->dispatchClientEvent(event.get());
+  if (routed) {
+    event.release();  // the addressee's connection has it now
+  } else {
+    event->dropReceipt();
+  }
   VLOG_DEBUG("CVantrelHostConnection::doReading - message %u of type %d from %s@%s for %s %s", request.getMessageId(),
              type, vantrel::log::Escaped(request.getFromClient()), vantrel::log::Escaped(request.getFromHost()),
-             vantrel::log::Escaped(request.getToClient()), delivered ? "delivered" : "not delivered");
-  if (!IsWaitedRequest(type)) return;
+             vantrel::log::Escaped(request.getToClient()), routed ? "queued" : "not delivered");
+  if (waits && !routed) answerPeer(request, false);
+}
+
+void CVantrelHostConnection::answerPeer(const cVantrelMessage& request, bool delivered) {
   // The sender's client gets a delivered answer on its acknowledgement subtype.
   queueOwn(std::make_unique<VantrelHostEvent>(static_cast<long>(request.getMessageId()), request.getFromHost(),
                                               request.getFromClient(), request.getToHost(), request.getToClient(),
-                                              AnswerQType(type), delivered ? kDelivered : kNotDelivered,
+                                              AnswerQType(request.getType()), delivered ? kDelivered : kNotDelivered,
                                               delivered ? kChannelAnswers : kChannelMessages, "", 1));
 }
 
@@ -338,7 +359,18 @@ void CVantrelHostConnection::deliverAnswer(short type, short subtype, tFrameData
                                                  event->getQtype(), type, kChannelMessages, event->getData(),
                                                  static_cast<long>(event->getDatalen()));
   }
-  pending_.Settle(event->getMessageId(), event->getToClient());
+  if (!pending_.Settle(event->getMessageId(), event->getToClient())) {
+    // Never asked for on this link, or already answered (timed out): passing it
+    // on would end some other wait with a result the peer had no say in.
+    std::uint64_t total = 0;
+    if (unmatched_.Count(total))
+      VLOG_WARN(
+          "CVantrelHostConnection::doReading - answer %d to message %u for %s from host %s dropped: no request waits "
+          "for it (%llu dropped so far)",
+          event->getType(), event->getMessageId(), vantrel::log::Escaped(event->getToClient()),
+          vantrel::log::Escaped(HostText()), static_cast<unsigned long long>(total));
+    return;
+  }
   VLOG_DEBUG("CVantrelHostConnection::doReading - answer %d to message %u for %s from host %s", event->getType(),
              event->getMessageId(), vantrel::log::Escaped(event->getToClient()), vantrel::log::Escaped(HostText()));
   if (context_->router != nullptr && context_->router->dispatchClientEvent(event.get())) event.release();
@@ -365,6 +397,21 @@ int CVantrelHostConnection::post(BaseEvent* base) {
     files_.PostRequest(std::move(message));
     return 1;
   }
+  const std::uint64_t bytes = IsBoundedMessage(message->getType()) ? message->getPackedBufLen() : 0;
+  if (bytes > 0 && queuedBytes_.fetch_add(bytes, std::memory_order_acq_rel) + bytes > context_->maxLinkQueueBytes) {
+    queuedBytes_.fetch_sub(bytes, std::memory_order_acq_rel);
+    std::uint64_t total = 0;
+    if (refused_.Count(total))
+      VLOG_WARN(
+          "CVantrelHostConnection::post - queue of the link to %s is full (%llu bytes), message %u of type %d from %s "
+          "refused (%llu refused so far)",
+          HostText(), static_cast<unsigned long long>(context_->maxLinkQueueBytes), message->getMessageId(),
+          message->getType(), message->getFromClient(), static_cast<unsigned long long>(total));
+    if (IsWaitedRequest(message->getType()))
+      answerBroken(message->getMessageId(), message->getType(), message->getToHost(), message->getToClient(),
+                   message->getFromHost(), message->getFromClient(), nVantrelLink::kLinkFullText);
+    return 1;
+  }
   {
     RQPMutexGuard guard(lock_);
     if (!terminated_) {
@@ -375,6 +422,7 @@ int CVantrelHostConnection::post(BaseEvent* base) {
       return 1;
     }
   }
+  queuedBytes_.fetch_sub(bytes, std::memory_order_acq_rel);
   VLOG_DEBUG("CVantrelHostConnection::post - link to %s is terminated, message %u of type %d for %s refused",
              vantrel::log::Escaped(HostText()), message->getMessageId(), message->getType(),
              vantrel::log::Escaped(message->getToClient()));
@@ -400,7 +448,7 @@ void CVantrelHostConnection::enqueueLocked(std::unique_ptr<VantrelHostEvent> eve
 
 bool CVantrelHostConnection::sendEvent(std::unique_ptr<VantrelHostEvent> event) {
   const short type = event->getType();
-  if (IsWaitedRequest(type) && !pending_.Record(*event)) {
+  if (IsWaitedRequest(type) && !pending_.Record(*event, RQPSysTime())) {
     answerBroken(event->getMessageId(), type, event->getToHost(), event->getToClient(), event->getFromHost(),
                  event->getFromClient());
     return false;
@@ -442,27 +490,21 @@ void CVantrelHostConnection::doWriting() {
         continue;
       }
       owned.release();
+      if (IsBoundedMessage(event->getType()))
+        queuedBytes_.fetch_sub(event->getPackedBufLen(), std::memory_order_acq_rel);
       const bool sent = sendEvent(std::unique_ptr<VantrelHostEvent>(event));
       unsent_.fetch_sub(1, std::memory_order_acq_rel);
       if (!sent) {
         VLOG_ERROR("CVantrelHostConnection::doWriting - send to host %s failed", vantrel::log::Escaped(HostText()));
         return;
       }
-      lastActivity_ = RQPSysTime();
+      const double now = RQPSysTime();
+      lastActivity_ = now;
+      // A busy link never times out its wait: look after it between sends too.
+      if (now >= nextKeepAlive_ && !keepAlive(now)) return;
     } else if (result == htTimeout) {
-      const std::string host = HostText();
-      VLOG_DEBUG("CVantrelHostConnection::doWriting, Checking for Ping to host %s", vantrel::log::Escaped(host));
-      if (RQPSysTime() - lastActivity_.load() > static_cast<double>(pingSeconds)) {
-        VLOG_INFO("Sending Ping to host %s", vantrel::log::Escaped(host));
-        try {
-          socket_.SendTypedMessageZ2(kPing, kVersionMarker, "", 1);
-        } catch (const std::exception& e) {
-          VLOG_ERROR("CVantrelHostConnection::doWriting - Exception: %s", e.what());
-          restartProcess("pinging host");
-          return;
-        }
-        lastActivity_ = RQPSysTime();
-      }
+      VLOG_DEBUG("CVantrelHostConnection::doWriting, Checking for Ping to host %s", vantrel::log::Escaped(HostText()));
+      if (!keepAlive(RQPSysTime())) return;
     } else if (result == htTerminated) {
       VLOG_INFO("CVantrelHostConnection::doWriting quit");
       return;
@@ -473,9 +515,47 @@ void CVantrelHostConnection::doWriting() {
   }
 }
 
+long CVantrelHostConnection::silenceLimitSeconds() const {
+  if (context_->linkSilenceSeconds > 0) return context_->linkSilenceSeconds;
+  return std::max(3L, 3 * context_->pingSeconds);
+}
+
+bool CVantrelHostConnection::keepAlive(double now) {
+  const long pingSeconds = context_->pingSeconds;
+  nextKeepAlive_ = now + static_cast<double>(pingSeconds) / 10;
+  const std::string host = HostText();
+  for (const auto& request : pending_.Expire(now - static_cast<double>(context_->answerTimeoutSeconds))) {
+    VLOG_WARN("CVantrelHostConnection - message %u from %s to %s@%s not answered by host within %ld s",
+              request.messageId, request.fromClient, request.toClient, host, context_->answerTimeoutSeconds);
+    answerBroken(request.messageId, request.type, request.toHost.c_str(), request.toClient.c_str(),
+                 request.fromHost.c_str(), request.fromClient.c_str(), nVantrelLink::kNoAnswerText);
+  }
+  const double silent = now - lastReceived_.load();
+  if (silent > static_cast<double>(silenceLimitSeconds()) && pending_.Waiting()) {
+    VLOG_ERROR("CVantrelHostConnection - host %s silent for %.0f s while requests wait for answers; link broken", host,
+               silent);
+    return false;
+  }
+  // Pinged whenever nothing was sent for a ping interval, even while the peer
+  // talks: the peer reads silence from this side as a hung service.
+  if (now - lastActivity_.load() > static_cast<double>(pingSeconds)) {
+    VLOG_INFO("Sending Ping to host %s", host);
+    try {
+      if (!socket_.SendTypedMessageZ2(kPing, kVersionMarker, "", 1)) return false;
+    } catch (const std::exception& e) {
+      VLOG_ERROR("CVantrelHostConnection::doWriting - Exception: %s", e.what());
+      restartProcess("pinging host");
+      return false;
+    }
+    lastActivity_ = RQPSysTime();
+  }
+  return true;
+}
+
 void CVantrelHostConnection::answerBroken(std::uint32_t messageId, short type, const char* toHost, const char* toClient,
-                                          const char* fromHost, const char* fromClient) {
-  auto answer = cPendingAnswers::BrokenAnswer(messageId, toHost, toClient, fromHost, fromClient, AnswerQType(type));
+                                          const char* fromHost, const char* fromClient, const char* text) {
+  auto answer =
+      cPendingAnswers::BrokenAnswer(messageId, toHost, toClient, fromHost, fromClient, AnswerQType(type), text);
   const bool delivered = context_->router != nullptr && context_->router->dispatchClientEvent(answer.get());
   if (delivered) answer.release();  // the requester's connection has it now
   VLOG_DEBUG("CVantrelHostConnection - message %u of type %d from %s answered as broken link%s", messageId, type,
@@ -515,6 +595,8 @@ void CVantrelHostConnection::Terminate(bool wait) {
   }
   if (first) {
     if (context_->router != nullptr) context_->router->removeHost(this);
+    // Messages of the peer still on their way to local clients answer nobody now.
+    answers_->Close();
     breakLink();
   }
   files_.Stop();

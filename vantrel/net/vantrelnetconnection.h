@@ -8,6 +8,13 @@
 // version marker as their subtype; a record's own subtype travels inside its
 // packed buffer.
 //
+// Answers from the peer are passed on only when the ledger says a request waits
+// for them; others are dropped and counted. A message from the peer is answered
+// once the local client's writer has written it (or it was dropped). Messages
+// waiting to be sent are bounded in bytes (maxLinkQueueBytes). A link that hears
+// nothing, not even a ping, for the silence limit while requests wait is broken;
+// a request unanswered for answerTimeoutSeconds is answered "not delivered".
+//
 // Owner: the service's connection owner, which joins and deletes it after it has
 // terminated. Owns its socket, its outgoing queue, the ledger of requests
 // waiting for an answer and the file-transfer worker; terminating only shuts the
@@ -30,6 +37,7 @@
 #include "vantrel/base/platform/thread.h"
 #include "vantrel/base/socket/streamsocket.h"
 #include "vantrel/message/vantrelevents.h"
+#include "vantrel/net/answerpath.h"
 #include "vantrel/net/filetransferworker.h"
 #include "vantrel/net/pendinganswers.h"
 #include "vantrel/net/vantrelconnectioncontext.h"
@@ -69,6 +77,10 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   // chunk and acknowledgement a thread hand-over; queued otherwise, so nothing
   // is overtaken.
   void PostFileEvent(std::unique_ptr<VantrelHostEvent> event) override;
+  // Answers from the peer that no request was waiting for, dropped so far.
+  std::uint64_t UnmatchedAnswers() const { return unmatched_.Total(); }
+  // Messages refused at the queue bound so far.
+  std::uint64_t RefusedMessages() const { return refused_.Total(); }
   bool IsConnected() const override { return pending_.IsOpen(); }
   bool AwaitConnection() override;
 
@@ -100,7 +112,13 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   bool sendEvent(std::unique_ptr<VantrelHostEvent> event);
   // "Connection to host broke." for a type 2 or 4 request that will never be answered.
   void answerBroken(std::uint32_t messageId, short type, const char* toHost, const char* toClient, const char* fromHost,
-                    const char* fromClient);
+                    const char* fromClient, const char* text = nVantrelLink::kLinkBrokeText);
+  // The local client's writer wrote (or dropped) a message from the peer.
+  void answerPeer(const cVantrelMessage& request, bool delivered);
+  // Pings, expires unanswered requests and watches the peer's silence. False:
+  // the link is to be broken.
+  bool keepAlive(double now);
+  long silenceLimitSeconds() const;
   void breakLink();
   void restartProcess(const char* what);
 
@@ -119,11 +137,19 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   StreamSocket socket_;
   // Set once the connect or handshake has succeeded or failed, or the link ended.
   RQPManualEvent connectedEvent_;
-  bool terminated_ = false;  // guarded by lock_
-  std::atomic<double> lastActivity_;
+  bool terminated_ = false;           // guarded by lock_
+  std::atomic<double> lastActivity_;  // last frame sent: drives the ping
+  std::atomic<double> lastReceived_;  // last frame from the peer: its silence
+  double nextKeepAlive_ = 0;          // writer only
+  // Bytes of messages (sends of types 2 to 4) queued and not yet taken by the writer.
+  std::atomic<std::uint64_t> queuedBytes_{0};
+  cDropCounter refused_;
+  cDropCounter unmatched_;
   int postHandler_ = 0;
   // Open while connected: from then on the writer records every waited request.
   cPendingAnswers pending_;
+  // Settled by local clients' writers for messages from the peer; closed at Terminate.
+  const std::shared_ptr<cAnswerPath> answers_;
   // Last member: its threads are joined before anything they use goes.
   cFileTransferWorker files_;
 };

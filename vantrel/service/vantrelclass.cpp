@@ -15,6 +15,7 @@
 #include "vantrel/base/platform/thread.h"
 #include "vantrel/base/socket/hostlookup.h"
 #include "vantrel/base/socket/socketoptions.h"
+#include "vantrel/message/wire.h"
 #include "vantrel/net/VantrelToolKit.h"
 #include "vantrel/net/vantrelclientconnection.h"
 #include "vantrel/net/vantrelconnectioncontext.h"
@@ -89,7 +90,10 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
                                                              iVantrelClientLink* link) override {
     // The greeting has arrived: the connection no longer counts as pending.
     keeper.Admitted(link);
-    return std::make_unique<VantrelClientInstance>(name, link, &eventServer, context->copies);
+    // The host name as the greeting's fixed field gave it to the client, so that
+    // the sender fields the service writes are the ones the client library wrote.
+    return std::make_unique<VantrelClientInstance>(
+        name, link, &eventServer, hostName.substr(0, vantrel::wire::kGreetingFieldSize), context->copies);
   }
 
   // Once the net port is known and before any listener accepts.
@@ -108,6 +112,10 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
     built->netOptions = netOptions;
     built->threadAttributes = settings.CommunicationThreadAttributes();
     built->pingSeconds = CVantrelHostConnection::PingTimeoutSeconds();
+    built->maxClientQueueBytes = settings.MaxClientQueueBytes();
+    built->maxLinkQueueBytes = settings.MaxLinkQueueBytes();
+    built->linkSilenceSeconds = settings.LinkSilenceLimitSeconds();
+    built->answerTimeoutSeconds = settings.AnswerTimeoutSeconds();
     built->copies = cCopyPolicy::Make(settings.CopyRoots(), settings.CertificatesPath(), settings.MaxMessageSize());
     context = std::move(built);
 

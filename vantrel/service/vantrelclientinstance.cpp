@@ -14,17 +14,32 @@ using namespace vantrel::wire;
 namespace {
 constexpr const char* kClientDispatchText = "Error dispatching client event";
 constexpr const char* kHostDispatchText = "Error dispatching host event";
+constexpr const char* kNotWrittenText = "Message could not be written to the client";
+
+bool IsAnswer(short type) { return type == kDelivered || type == kNotDelivered; }
+// The kinds whose sender waits for an answer.
+bool Waits(short type) {
+  return type == kSend || type == kSendNoWait || type == kFileCopy || type == kLocalSend || type == kLocalSendNoWait;
+}
+QType AnswerQType(short type) { return type == kSendNoWait || type == kLocalSendNoWait ? QTYPE_ASYNC : QTYPE_SYNC; }
 }  // namespace
 
 VantrelClientInstance::VantrelClientInstance(const std::string& name, iVantrelClientLink* connection,
-                                             iVantrelRouter* router, std::shared_ptr<const cCopyPolicy> copies)
-    : name_(name), connection_(connection), router_(router), copies_(std::move(copies)) {
+                                             iVantrelRouter* router, const std::string& hostName,
+                                             std::shared_ptr<const cCopyPolicy> copies)
+    : name_(name),
+      hostName_(hostName),
+      connection_(connection),
+      router_(router),
+      copies_(std::move(copies)),
+      answers_(std::make_shared<cAnswerPath>(
+          [this](const cVantrelMessage& message, bool delivered) { answerDelivery(message, delivered); })) {
   VLOG_INFO("VantrelClientInstance::VantrelClientInstance(%s)", vantrel::log::Escaped(name_));
   const int handler = signOn([this](BaseEvent* event) { return deliver(event); });
   if (router_ != nullptr) router_->registerClientEvent(name_.c_str(), this, handler);
 }
 
-VantrelClientInstance::~VantrelClientInstance() = default;
+VantrelClientInstance::~VantrelClientInstance() { answers_->Close(); }
 
 int VantrelClientInstance::deliver(BaseEvent* event) {
   iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
@@ -61,12 +76,18 @@ bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length
     case kLocalSend:
     case kLocalSendNoResponse:
     case kLocalSendNoWait:
-      routeToClient(data, length, type, subtype, type);
+      if (auto event = admit<VantrelClientEvent>(data, length, type, subtype, kClientDispatchText))
+        routeToClient(std::move(event), type);
       return true;
     case kLocalFileCopy:
       localFileCopy(data, length, type, subtype, false);
       return true;
     case kIgnored:
+      return true;
+    case kDelivered:
+    case kNotDelivered:
+      VLOG_WARN("VantrelClientInstance::handleMessage(%s) - answer of type %d refused: only services answer",
+                vantrel::log::Escaped(name_), type);
       return true;
     default:
       VLOG_WARN("VantrelClientInstance::handleMessage(%s) - unknown message type %d dropped",
@@ -75,26 +96,55 @@ bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length
   }
 }
 
-void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, short type, short subtype) {
-  // A copy carries its client's rights to the link's file thread, which opens the source.
-  auto event = type == kFileCopy
-                   ? std::make_unique<cFileCopyRequest>(data, static_cast<long>(length), type, subtype, requester())
-                   : std::make_unique<VantrelHostEvent>(data, static_cast<long>(length), type, subtype);
+template <class Event>
+std::unique_ptr<Event> VantrelClientInstance::admit(const char* data, std::uint32_t length, short type, short subtype,
+                                                    const char* refusal) {
+  auto event = std::make_unique<Event>(data, static_cast<long>(length), type, subtype);
   if (!event->isValid()) {
     // Logged by the record itself; there is nobody to answer.
     VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed record of type %d dropped",
               vantrel::log::Escaped(name_), type);
-    return;
+    return nullptr;
   }
+  const short recordType = event->getType();
+  if (recordType != type || IsAnswer(recordType)) {
+    // The frame's type decided how the record is routed; a record of another
+    // kind inside it (an answer, above all) would reach its addressee as that kind.
+    VLOG_WARN("VantrelClientInstance::handleMessage(%s) - frame of type %d carrying a record of type %d refused",
+              vantrel::log::Escaped(name_), type, recordType);
+    if (Waits(type)) reply(event->getMessageId(), AnswerQType(type), kNotDelivered, kChannelMessages, refusal);
+    return nullptr;
+  }
+  // What the client library writes itself: nothing to rebuild.
+  if (event->getSubtype() == kChannelMessages && name_ == event->getFromClient() && hostName_ == event->getFromHost())
+    return event;
+  VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - sender %s@%s (subtype %d) replaced by the registration",
+             vantrel::log::Escaped(name_), vantrel::log::Escaped(event->getFromClient()),
+             vantrel::log::Escaped(event->getFromHost()), event->getSubtype());
+  // Routed messages reach their addressee on the message channel, never on
+  // the channel where a sender waits for its answer.
+  return std::make_unique<Event>(static_cast<long>(event->getMessageId()), event->getToHost(), event->getToClient(),
+                                 hostName_.c_str(), name_.c_str(), event->getQtype(), recordType, kChannelMessages,
+                                 event->getData(), static_cast<long>(event->getDatalen()));
+}
+
+void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, short type, short subtype) {
+  auto event = admit<VantrelHostEvent>(data, length, type, subtype, kHostDispatchText);
+  if (event == nullptr) return;
   if (router_ != nullptr && router_->isLocalHost(event->getToHost())) {
     // Addressed to this very service: no link to itself.
-    event.reset();
     if (type == kFileCopy)
-      localFileCopy(data, length, type, subtype, true);
+      localFileCopy(event->getPackedBuf(), event->getPackedBufLen(), type, subtype, true);
     else
-      routeToClient(data, length, type, subtype, LocalForm(type));
+      routeToClient(std::make_unique<VantrelClientEvent>(event->getPackedBuf(),
+                                                         static_cast<long>(event->getPackedBufLen()), type, subtype),
+                    LocalForm(type));
     return;
   }
+  // A copy carries its client's rights to the link's file thread, which opens the source.
+  if (type == kFileCopy)
+    event = std::make_unique<cFileCopyRequest>(event->getPackedBuf(), static_cast<long>(event->getPackedBufLen()), type,
+                                               subtype, requester());
   const std::uint32_t messageId = event->getMessageId();
   VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - message %u of type %d for %s@%s", vantrel::log::Escaped(name_),
              messageId, type, vantrel::log::Escaped(event->getToClient()), vantrel::log::Escaped(event->getToHost()));
@@ -104,29 +154,41 @@ void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, 
   }
   event.reset();
   if (type == kSendNoResponse) return;
-  reply(messageId, type == kSendNoWait ? QTYPE_ASYNC : QTYPE_SYNC, kNotDelivered, kChannelMessages, kHostDispatchText);
+  reply(messageId, AnswerQType(type), kNotDelivered, kChannelMessages, kHostDispatchText);
 }
 
-void VantrelClientInstance::routeToClient(const char* data, std::uint32_t length, short type, short subtype,
-                                          short kind) {
+void VantrelClientInstance::routeToClient(std::unique_ptr<VantrelClientEvent> event, short kind) {
   // The record keeps the type its sender gave it; `kind` is the local kind.
-  auto event = std::make_unique<VantrelClientEvent>(data, static_cast<long>(length), type, subtype);
-  if (!event->isValid()) {
-    VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed record of type %d dropped",
-              vantrel::log::Escaped(name_), type);
-    return;
-  }
   const std::uint32_t messageId = event->getMessageId();
-  const bool delivered = router_ != nullptr && router_->dispatchClientEvent(event.get());
-  if (delivered) event.release();  // the addressee's connection has it now
+  const bool waits = Waits(kind);
+  // The addressee's writer answers once the message has been written to it, or
+  // whoever drops it on the way (a full queue, a client that left).
+  if (waits) event->setReceipt(answers_);
+  const bool routed = router_ != nullptr && router_->dispatchClientEvent(event.get());
+  if (routed) {
+    event.release();  // the addressee's connection has it now
+  } else {
+    event->dropReceipt();
+  }
   VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - local message %u of type %d %s", vantrel::log::Escaped(name_),
-             messageId, type, delivered ? "delivered" : "not delivered");
-  if (kind == kLocalSendNoResponse) return;
+             messageId, kind, routed ? "queued" : "not delivered");
+  if (routed || !waits) return;
+  // The text does not tell success: the type does.
+  reply(messageId, AnswerQType(kind), kNotDelivered, kChannelMessages, kClientDispatchText);
+}
+
+void VantrelClientInstance::answerDelivery(const cVantrelMessage& message, bool delivered) {
+  iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
+  if (connection == nullptr) return;
   // A delivered answer travels on the acknowledgement subtype so that it ends the
-  // sender's wait; a failure arrives with the ordinary messages. The text does not
-  // tell success: the type does.
-  reply(messageId, kind == kLocalSendNoWait ? QTYPE_ASYNC : QTYPE_SYNC, delivered ? kDelivered : kNotDelivered,
-        delivered ? kChannelAnswers : kChannelMessages, kClientDispatchText);
+  // sender's wait; a failure arrives with the ordinary messages. This runs on the
+  // addressee's writer (or wherever the message was dropped): the connection
+  // sends it at once only when that cannot wait on this client's socket.
+  const char* text = delivered ? kClientDispatchText : kNotWrittenText;
+  connection->SendAnswer(std::make_unique<VantrelClientEvent>(
+      static_cast<long>(message.getMessageId()), "", "", "", "", AnswerQType(message.getType()),
+      delivered ? kDelivered : kNotDelivered, delivered ? kChannelAnswers : kChannelMessages, text,
+      static_cast<long>(std::strlen(text) + 1)));
 }
 
 cCopyRequester VantrelClientInstance::requester() const {
@@ -171,6 +233,7 @@ void VantrelClientInstance::localFileCopy(const char* data, std::uint32_t length
 
 void VantrelClientInstance::detach() {
   if (detached_.exchange(true)) return;
+  answers_->Close();
   if (router_ != nullptr) router_->removeClient(this);
   iVantrelClientLink* connection = connection_.load(std::memory_order_acquire);
   if (connection != nullptr) connection->Terminate(true);

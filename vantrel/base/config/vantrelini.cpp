@@ -177,6 +177,22 @@ void cVantrelIni::Read() {
   } else {
     maxPendingConnections_ = static_cast<std::uint32_t>(maxPending);
   }
+  // Below two messages a bound would refuse what a single sender may send.
+  const auto queueBound = [&](const char* key, std::uint64_t fallback) {
+    const int value = ReadIntWithDefault(t, key, static_cast<int>(fallback), parsed);
+    const std::uint64_t least = std::uint64_t{maxMessageSize_} * 2;
+    const std::uint64_t bytes = value < 0 ? fallback : static_cast<std::uint64_t>(value);
+    if (bytes >= least) return bytes;
+    VLOG_WARN("cVantrelIni - %s %d is below two messages; %llu is used", key, value,
+              static_cast<unsigned long long>(least));
+    return least;
+  };
+  maxClientQueueBytes_ = queueBound("MaxClientQueueBytes", kDefaultMaxClientQueueBytes);
+  maxLinkQueueBytes_ = queueBound("MaxLinkQueueBytes", kDefaultMaxLinkQueueBytes);
+  const int silence = gReadIntWithDefault(t, "LinkSilenceLimitSeconds", kDefaultLinkSilenceLimitSeconds);
+  linkSilenceLimitSeconds_ = silence < 0 ? kDefaultLinkSilenceLimitSeconds : silence;
+  const int answerTimeout = gReadIntWithDefault(t, "AnswerTimeoutSeconds", kDefaultAnswerTimeoutSeconds);
+  answerTimeoutSeconds_ = answerTimeout < 1 ? kDefaultAnswerTimeoutSeconds : answerTimeout;
 }
 
 const cVantrelIni& cVantrelIni::Instance() {

@@ -25,6 +25,13 @@ inline constexpr std::uint32_t kDefaultMaxMessageSize = 4194304;
 // A file chunk (51200 bytes) with the record around it must fit in one frame.
 inline constexpr std::uint32_t kMinMaxMessageSize = 65536;
 inline constexpr std::uint32_t kDefaultMaxPendingConnections = 256;
+// Queues and answers: bytes of messages waiting for one client or one link, and
+// how long a peer may stay silent or leave a request unanswered.
+inline constexpr std::uint64_t kDefaultMaxClientQueueBytes = 64ull << 20;
+inline constexpr std::uint64_t kDefaultMaxLinkQueueBytes = 64ull << 20;
+// 0: three ping intervals, at least 3 s.
+inline constexpr int kDefaultLinkSilenceLimitSeconds = 0;
+inline constexpr int kDefaultAnswerTimeoutSeconds = 120;
 
 // Reading one key from a settings table. Integers are 32-bit signed decimals,
 // extracted as a stream extraction does it (leading blanks skipped, reading stops
@@ -86,6 +93,11 @@ class cVantrelIni {
   bool VerifyServerCertificate() const { return verifyServerCertificate_; }
   bool VerifyClientCertificate() const { return verifyClientCertificate_; }
   std::uint32_t MaxMessageSize() const { return maxMessageSize_; }
+  std::uint64_t MaxClientQueueBytes() const { return maxClientQueueBytes_; }
+  std::uint64_t MaxLinkQueueBytes() const { return maxLinkQueueBytes_; }
+  // Seconds; 0 means three ping intervals (at least 3 s).
+  int LinkSilenceLimitSeconds() const { return linkSilenceLimitSeconds_; }
+  int AnswerTimeoutSeconds() const { return answerTimeoutSeconds_; }
   // Folders that copies asked for by other hosts may write into (';' or ','
   // between them); empty: anywhere.
   const std::string& CopyRoots() const { return copyRoots_; }
@@ -117,6 +129,10 @@ class cVantrelIni {
   bool verifyServerCertificate_ = false;
   bool verifyClientCertificate_ = false;
   std::uint32_t maxMessageSize_ = nVantrelIni::kDefaultMaxMessageSize;
+  std::uint64_t maxClientQueueBytes_ = nVantrelIni::kDefaultMaxClientQueueBytes;
+  std::uint64_t maxLinkQueueBytes_ = nVantrelIni::kDefaultMaxLinkQueueBytes;
+  int linkSilenceLimitSeconds_ = nVantrelIni::kDefaultLinkSilenceLimitSeconds;
+  int answerTimeoutSeconds_ = nVantrelIni::kDefaultAnswerTimeoutSeconds;
   std::string copyRoots_;
   std::string netListenAddress_;
   std::uint32_t maxPendingConnections_ = nVantrelIni::kDefaultMaxPendingConnections;
