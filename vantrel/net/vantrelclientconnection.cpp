@@ -212,8 +212,8 @@ bool CVantrelClientConnection::Post(RWCollectable* event) {
       VLOG_WARN(
           "CVantrelClientConnection::Post - queue of client %s is full (%llu bytes), message of type %d from %s "
           "refused (%llu refused so far)",
-          clientName(), static_cast<unsigned long long>(context_->maxClientQueueBytes), message->getType(),
-          message->getFromClient(), static_cast<unsigned long long>(total));
+          vantrel::log::Escaped(clientName()), static_cast<unsigned long long>(context_->maxClientQueueBytes),
+          message->getType(), vantrel::log::Escaped(message->getFromClient()), static_cast<unsigned long long>(total));
     delete event;  // its sender, if it waits, hears "not delivered"
     return false;
   }
