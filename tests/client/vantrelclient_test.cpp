@@ -5,6 +5,7 @@
 #include <future>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/support/scriptedservice.h"
@@ -173,22 +174,16 @@ TEST_F(RegisteredClient, BadAddressesSendNothing) {
 }
 
 TEST_F(RegisteredClient, AcknowledgementDecidesTheResultOfASend) {
-  service_.SetAck(ScriptedService::tAck::eDelivered);
-  EXPECT_TRUE(client_.NETSendMessageZ1("x", 2, "peer@lg09"));
-  EXPECT_EQ(client_.NETGetLastStatus(), kStatusOk);
-
-  service_.SetAck(ScriptedService::tAck::eRefused);
-  EXPECT_FALSE(client_.NETSendMessageZ1("x", 2, "peer@lg09"));
-  EXPECT_EQ(client_.NETGetLastStatus(), kStatusAckError);
-
-  service_.SetAck(ScriptedService::tAck::eNone);
-  EXPECT_FALSE(client_.NETSendMessageZ1("x", 2, "peer@lg09"));
-  EXPECT_EQ(client_.NETGetLastStatus(), kStatusOk);
-
   // "Not delivered" arrives on the message channel, not as an acknowledgement.
-  service_.SetAck(ScriptedService::tAck::eNotDelivered);
-  EXPECT_FALSE(client_.NETSendMessageZ1("x", 2, "peer@lg09"));
-  EXPECT_EQ(client_.NETGetLastStatus(), kStatusOk);
+  using tAck = ScriptedService::tAck;
+  for (const auto& [ack, sent, status] : {std::tuple{tAck::eDelivered, true, kStatusOk},
+                                          {tAck::eRefused, false, kStatusAckError},
+                                          {tAck::eNone, false, kStatusOk},
+                                          {tAck::eNotDelivered, false, kStatusOk}}) {
+    service_.SetAck(ack);
+    EXPECT_EQ(client_.NETSendMessageZ1("x", 2, "peer@lg09"), sent) << static_cast<int>(ack);
+    EXPECT_EQ(client_.NETGetLastStatus(), status) << static_cast<int>(ack);
+  }
   const cVantrelMessage* answer = client_.NETWaitMessageX1();
   ASSERT_NE(answer, nullptr);
   EXPECT_EQ(answer->getType(), kNotDelivered);

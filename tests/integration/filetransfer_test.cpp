@@ -26,16 +26,6 @@ namespace {
 using namespace std::chrono_literals;
 using namespace vantrel::wire;
 
-std::string Pattern(std::size_t size, unsigned seed) {
-  std::string bytes(size, '\0');
-  unsigned x = seed * 2654435761u + 1;
-  for (auto& b : bytes) {
-    x = x * 1103515245u + 12345u;
-    b = static_cast<char>(x >> 16);
-  }
-  return bytes;
-}
-
 bool Exists(const std::string& path) { return std::filesystem::exists(path); }
 
 std::string Request(const std::string& local, const std::string& remote) {

@@ -12,6 +12,7 @@
 namespace {
 
 using TK = VantrelToolKit;
+using vantrel::test::Pattern;
 
 struct Copy {
   bool ok;
@@ -23,12 +24,6 @@ Copy DoCopy(const std::string& from, const std::string& to) {
   Copy c{false, TK::COPY_STOPPED, ""};
   c.ok = TK::CopyFileA(from, to, c.state, c.failing);
   return c;
-}
-
-std::string Pattern(std::size_t n) {
-  std::string s(n, '\0');
-  for (std::size_t i = 0; i < n; ++i) s[i] = static_cast<char>(i * 31 + i / 7);
-  return s;
 }
 
 TEST(ToolkitCopy, CopiesWholeFilesOfEverySize) {

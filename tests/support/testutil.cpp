@@ -75,6 +75,16 @@ std::string ReadFile(const std::string& path) {
   return s.str();
 }
 
+std::string Pattern(std::size_t size, unsigned seed) {
+  std::string bytes(size, '\0');
+  unsigned x = seed * 2654435761u + 1;
+  for (auto& b : bytes) {
+    x = x * 1103515245u + 12345u;
+    b = static_cast<char>(x >> 16);
+  }
+  return bytes;
+}
+
 LogCapture::LogCapture() { vantrel::log::SetCaptureSink(&LogCapture::Sink, this); }
 
 LogCapture::~LogCapture() { vantrel::log::SetCaptureSink(nullptr, nullptr); }

@@ -39,6 +39,10 @@ class TempDir {
 
 std::string ReadFile(const std::string& path);
 
+// `size` bytes of every value that differ with `seed`, so that a lost, repeated
+// or misplaced byte of a copied file shows.
+std::string Pattern(std::size_t size, unsigned seed = 0);
+
 // Sets (or, with null, unsets) an environment variable while it lives, then
 // puts back what was there.
 class ScopedEnv {
