@@ -29,13 +29,7 @@ using namespace vantrel::wire;
 bool Exists(const std::string& path) { return std::filesystem::exists(path); }
 
 std::string Request(const std::string& local, const std::string& remote) {
-  CAssociativeArray request;
-  request.AddCouple(kCopyLocalFile, local);
-  request.AddCouple(kCopyRemoteFile, remote);
-  std::string text;
-  long length = 0;
-  request.ToString(text, length, false, false);
-  return text;
+  return ParameterText({{kCopyLocalFile, local}, {kCopyRemoteFile, remote}});
 }
 
 // An answer to a copy request as one text: "<kDelivered> #id state S file F" for a

@@ -13,6 +13,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "vantrel/support/associativearray.h"
+
 namespace vantrel::test {
 
 bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
@@ -83,6 +85,15 @@ std::string Pattern(std::size_t size, unsigned seed) {
     b = static_cast<char>(x >> 16);
   }
   return bytes;
+}
+
+std::string ParameterText(const std::vector<std::pair<std::string, std::string>>& couples) {
+  CAssociativeArray parameters;
+  for (const auto& [name, value] : couples) parameters.AddCouple(name, value);
+  std::string text;
+  long length = 0;
+  parameters.ToString(text, length, false, false);
+  return text;
 }
 
 LogCapture::LogCapture() { vantrel::log::SetCaptureSink(&LogCapture::Sink, this); }
