@@ -19,7 +19,7 @@ constexpr std::uint32_t kMaxMessageSize = 40 * 1024;
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   if (size == 0) return 0;
   const std::string_view stream(reinterpret_cast<const char*>(bytes) + 1, size - 1);
-  vantrel::fuzz::cMemorySource source(stream, bytes[0]);
+  vantrel::fuzz::cMemorySource source(stream, {bytes[0]});
   cFrameReader reader(source);
 
   std::string frames;  // what came out, framed again

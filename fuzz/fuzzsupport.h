@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "vantrel/base/log/log.h"
@@ -34,17 +35,18 @@ inline void QuietLog() {
 
 namespace sockets = nCommunication::nSocket::nImplementation_sho;
 
-// Hands out `bytes` in reads of at most `piece` bytes (0: as many as asked
-// for), then 0. Records where each read began and whether the reader said it
-// was inside a frame.
+// Hands out `bytes` in reads of at most the next of `pieces` bytes (cycling;
+// 0: as many as asked for), then 0. Records where each read began and whether
+// the reader said it was inside a frame. The frame reader's unit tests use it
+// too.
 class cMemorySource : public sockets::iByteSource {
  public:
-  cMemorySource(std::string_view bytes, std::size_t piece) : bytes_(bytes), piece_(piece) {}
+  cMemorySource(std::string_view bytes, std::vector<std::size_t> pieces) : bytes_(bytes), pieces_(std::move(pieces)) {}
   std::size_t Read(char* buffer, std::size_t size, bool inFrame, sockets::cFrameDeadline&) override {
     FUZZ_CHECK(size > 0);
     reads.push_back({position_, inFrame});
     std::size_t n = std::min(size, bytes_.size() - position_);
-    if (piece_ > 0) n = std::min(n, piece_);
+    if (const std::size_t piece = pieces_[turn_++ % pieces_.size()]; piece > 0) n = std::min(n, piece);
     std::memcpy(buffer, bytes_.data() + position_, n);
     position_ += n;
     return n;
@@ -57,8 +59,8 @@ class cMemorySource : public sockets::iByteSource {
 
  private:
   std::string_view bytes_;
-  std::size_t piece_;
-  std::size_t position_ = 0;
+  std::vector<std::size_t> pieces_;
+  std::size_t position_ = 0, turn_ = 0;
 };
 
 }  // namespace vantrel::fuzz

@@ -62,7 +62,7 @@ void CheckRecord(short type, std::unique_ptr<char[]> payload, std::uint32_t leng
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   vantrel::fuzz::QuietLog();
-  vantrel::fuzz::cMemorySource source(std::string_view(reinterpret_cast<const char*>(bytes), size), 0);
+  vantrel::fuzz::cMemorySource source(std::string_view(reinterpret_cast<const char*>(bytes), size), {0});
   cFrameReader reader(source);
   for (bool first = true;; first = false) {
     cFrameHeader header;

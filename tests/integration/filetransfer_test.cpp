@@ -26,26 +26,10 @@ namespace {
 using namespace std::chrono_literals;
 using namespace vantrel::wire;
 
-std::string Pattern(std::size_t size, unsigned seed) {
-  std::string bytes(size, '\0');
-  unsigned x = seed * 2654435761u + 1;
-  for (auto& b : bytes) {
-    x = x * 1103515245u + 12345u;
-    b = static_cast<char>(x >> 16);
-  }
-  return bytes;
-}
-
 bool Exists(const std::string& path) { return std::filesystem::exists(path); }
 
 std::string Request(const std::string& local, const std::string& remote) {
-  CAssociativeArray request;
-  request.AddCouple(kCopyLocalFile, local);
-  request.AddCouple(kCopyRemoteFile, remote);
-  std::string text;
-  long length = 0;
-  request.ToString(text, length, false, false);
-  return text;
+  return ParameterText({{kCopyLocalFile, local}, {kCopyRemoteFile, remote}});
 }
 
 // An answer to a copy request as one text: "<kDelivered> #id state S file F" for a

@@ -22,6 +22,7 @@
 
 namespace {
 
+using vantrel::test::Pattern;
 using vantrel::test::TempDir;
 using vantrel::test::WaitUntil;
 using namespace std::chrono_literals;
@@ -79,12 +80,6 @@ void Ack(CFileTransferHandler& handler, ScriptedLink& link) {
   Feed(handler, {kFileChunkWritten});
 }
 
-std::string Bytes(std::size_t size) {
-  std::string bytes(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 131 + i / 7) & 0xFF);
-  return bytes;
-}
-
 // The handler lives in the fixture, which is on the heap: the thread sanitizer
 // cannot see a mutex on the stack die, so a handler at the address an earlier
 // test's log capture used would count as that mutex and show a lock-order
@@ -97,7 +92,7 @@ class FileTransferHandlerTest : public ::testing::Test {
 };
 
 TEST_F(FileTransferHandlerTest, SendWindowKeepsAtMostFiveChunksUnacknowledged) {
-  const std::string content = Bytes(kFileChunkSize * 8 + 10);
+  const std::string content = Pattern(kFileChunkSize * 8 + 10);
   const std::string source = dir.write("src", content);
   auto sent = std::async(std::launch::async, [&] { return handler.SendFile(source, "/remote", Request()); });
 
@@ -159,7 +154,7 @@ TEST(FileTransferHandlerSend, FinalReportKeepsItsDigitCountAndARefusalIsNoCopy) 
 }
 
 TEST_F(FileTransferHandlerTest, StopWakesSenderAndReceiverAndEndsLaterTransfers) {
-  const std::string source = dir.write("src", Bytes(kFileChunkSize * 10));
+  const std::string source = dir.write("src", Pattern(kFileChunkSize * 10));
   const std::string destination = dir.file("dst");
   auto received = std::async(std::launch::async, [&] { return handler.ReceiveFile(destination, Request()); });
   EXPECT_EQ(link.at(0), Posted(kFileTraffic, {kFileAccepted}));

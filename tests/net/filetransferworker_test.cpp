@@ -10,7 +10,6 @@
 
 #include "tests/support/testutil.h"
 #include "vantrel/net/vantrellinks.h"
-#include "vantrel/support/associativearray.h"
 
 namespace {
 
@@ -58,14 +57,9 @@ class AnswerRouter : public iVantrelRouter {
 };
 
 std::unique_ptr<VantrelHostEvent> CopyRequest(const std::string& local) {
-  CAssociativeArray parameters;
-  parameters.AddCouple(kCopyLocalFile, local);
-  parameters.AddCouple(kCopyRemoteFile, "/remote");
-  std::string text;
-  long length = 0;
-  parameters.ToString(text, length, false, false);
+  const std::string text = vantrel::test::ParameterText({{kCopyLocalFile, local}, {kCopyRemoteFile, "/remote"}});
   const cVantrelMessage record(1, "peer~1", "NoClient", "me~2", "requester", QTYPE_CLIENT, kFileCopy, 0, text.data(),
-                               static_cast<std::uint32_t>(length));
+                               static_cast<std::uint32_t>(text.size()));
   return std::make_unique<cFileCopyRequest>(record.getPackedBuf(), record.getPackedBufLen(), kFileCopy, 0,
                                             cCopyRequester());
 }

@@ -12,6 +12,8 @@
 namespace {
 
 using TK = VantrelToolKit;
+using vantrel::test::ParameterText;
+using vantrel::test::Pattern;
 
 struct Copy {
   bool ok;
@@ -23,12 +25,6 @@ Copy DoCopy(const std::string& from, const std::string& to) {
   Copy c{false, TK::COPY_STOPPED, ""};
   c.ok = TK::CopyFileA(from, to, c.state, c.failing);
   return c;
-}
-
-std::string Pattern(std::size_t n) {
-  std::string s(n, '\0');
-  for (std::size_t i = 0; i < n; ++i) s[i] = static_cast<char>(i * 31 + i / 7);
-  return s;
 }
 
 TEST(ToolkitCopy, CopiesWholeFilesOfEverySize) {
@@ -89,19 +85,11 @@ TEST(ToolkitCopy, RefusalsAndFailuresLeaveTheDestinationAsItWas) {
 TEST(ToolkitCopy, ACopyResultNeverExceedsTheMessageLimit) {
   constexpr std::uint32_t kMax = 1 << 20;
   const std::string huge(3 * kMax, 'p');
-  const auto text = [](const std::string& name, const std::string& value) {
-    CAssociativeArray parameters;
-    parameters.AddCouple(name, value);
-    std::string result;
-    long length = 0;
-    parameters.ToString(result, length, false, false);
-    return result;
-  };
-  const std::string echoed = text("$A", huge);
+  const std::string echoed = ParameterText({{"$A", huge}});
   const cVantrelMessage request(9, "", "NoClient", "", "me", QTYPE_CLIENT, vantrel::wire::kFileCopy, 0, echoed.data(),
                                 static_cast<std::uint32_t>(echoed.size()));
   // A small request is echoed; a large one is not, and a huge path is cut.
-  for (const auto& [echo, path, echoKept] : {std::tuple{text("$A", "1"), std::string("/f"), true},
+  for (const auto& [echo, path, echoKept] : {std::tuple{ParameterText({{"$A", "1"}}), std::string("/f"), true},
                                              {echoed, std::string("/f"), false},
                                              {echoed, huge, false}}) {
     std::unique_ptr<VantrelClientEvent> result(TK::CreateCopyResultEvent(request, echo, 3, path, kMax));

@@ -186,8 +186,7 @@ TEST_F(ThreeHostsTest, MessagesAddressedByHostNameReachEveryOtherHost) {
 
 TEST_F(ThreeHostsTest, FilesCopiedBetweenHostsArriveWhole) {
   // Several chunks and a short last one, both ways over one pair of hosts.
-  std::string content(3 * wire::kFileChunkSize + 777, '\0');
-  for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>((i * 131) ^ (i >> 9));
+  const std::string content = Pattern(3 * wire::kFileChunkSize + 777);
   TempDir files;
   const std::string source = files.write("source.bin", content);
   for (const auto& [from, to] : {std::pair{0, 1}, std::pair{1, 0}}) {

@@ -13,6 +13,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "vantrel/support/associativearray.h"
+
 namespace vantrel::test {
 
 bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
@@ -73,6 +75,25 @@ std::string ReadFile(const std::string& path) {
   std::ostringstream s;
   s << in.rdbuf();
   return s.str();
+}
+
+std::string Pattern(std::size_t size, unsigned seed) {
+  std::string bytes(size, '\0');
+  unsigned x = seed * 2654435761u + 1;
+  for (auto& b : bytes) {
+    x = x * 1103515245u + 12345u;
+    b = static_cast<char>(x >> 16);
+  }
+  return bytes;
+}
+
+std::string ParameterText(const std::vector<std::pair<std::string, std::string>>& couples) {
+  CAssociativeArray parameters;
+  for (const auto& [name, value] : couples) parameters.AddCouple(name, value);
+  std::string text;
+  long length = 0;
+  parameters.ToString(text, length, false, false);
+  return text;
 }
 
 LogCapture::LogCapture() { vantrel::log::SetCaptureSink(&LogCapture::Sink, this); }

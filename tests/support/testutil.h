@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vantrel/base/log/log.h"
@@ -38,6 +39,13 @@ class TempDir {
 };
 
 std::string ReadFile(const std::string& path);
+
+// `size` bytes of every value that differ with `seed`, so that a lost, repeated
+// or misplaced byte of a copied file shows.
+std::string Pattern(std::size_t size, unsigned seed = 0);
+
+// The text form of `couples` (name, value) as a copy request carries it.
+std::string ParameterText(const std::vector<std::pair<std::string, std::string>>& couples);
 
 // Sets (or, with null, unsets) an environment variable while it lives, then
 // puts back what was there.

@@ -2,27 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 using namespace nCommunication::nSocket::nImplementation_sho;
 
 TEST(CVantrelAddressTest, SplitsAtTheLastAtSign) {
-  const CVantrelAddress nested("a@b@c");
-  EXPECT_EQ(nested.ClientName(), "a@b");
-  EXPECT_EQ(nested.HostName(), "c");
-  EXPECT_EQ(nested.Address(), "a@b@c");
-
-  const CVantrelAddress noHost("nohost");
-  EXPECT_EQ(noHost.ClientName(), "nohost");
-  EXPECT_EQ(noHost.HostName(), "");
-  EXPECT_EQ(noHost.Address(), "nohost@");
-
-  const CVantrelAddress withPort("x@h~9011");
-  EXPECT_EQ(withPort.ClientName(), "x");
-  EXPECT_EQ(withPort.HostName(), "h~9011");
-
-  const CVantrelAddress emptyClient("@lg01");
-  EXPECT_EQ(emptyClient.ClientName(), "");
-  EXPECT_EQ(emptyClient.HostName(), "lg01");
-
+  for (const auto& [text, client, host, joined] : {std::tuple{"a@b@c", "a@b", "c", "a@b@c"},
+                                                   {"nohost", "nohost", "", "nohost@"},
+                                                   {"x@h~9011", "x", "h~9011", "x@h~9011"},
+                                                   {"@lg01", "", "lg01", "@lg01"}}) {
+    const CVantrelAddress address(text);
+    EXPECT_EQ(address.ClientName(), client) << text;
+    EXPECT_EQ(address.HostName(), host) << text;
+    EXPECT_EQ(address.Address(), joined) << text;
+  }
   // The joined text is itself a valid destination.
   const CVantrelAddress parts("recorder", "lg01~9011");
   EXPECT_EQ(CVantrelAddress(parts.Address()).ClientName(), "recorder");
@@ -30,25 +23,17 @@ TEST(CVantrelAddressTest, SplitsAtTheLastAtSign) {
 }
 
 TEST(CVantrelAddressTest, SplitsHostAndPortAtTheFirstDelimiter) {
-  auto hp = gSplitHostPort("h~9011", "~");
-  EXPECT_EQ(hp.host, "h");
-  EXPECT_TRUE(hp.hasDelimiter);
-  ASSERT_TRUE(hp.port.has_value());
-  EXPECT_EQ(*hp.port, 9011);
-
-  hp = gSplitHostPort("lg01", "~");
-  EXPECT_EQ(hp.host, "lg01");
-  EXPECT_FALSE(hp.hasDelimiter);
-  EXPECT_FALSE(hp.port.has_value());
-
-  // A multi-character delimiter, and text after the port that is not a number.
-  hp = gSplitHostPort("h::12", "::");
-  EXPECT_EQ(hp.host, "h");
-  EXPECT_EQ(hp.port.value_or(0), 12);
+  // A multi-character delimiter (0: no port).
+  for (const auto& [text, delimiter, host, delimited, port] :
+       {std::tuple{"h~9011", "~", "h", true, 9011}, {"lg01", "~", "lg01", false, 0}, {"h::12", "::", "h", true, 12}}) {
+    const auto split = gSplitHostPort(text, delimiter);
+    EXPECT_EQ(split.host, host) << text;
+    EXPECT_EQ(split.hasDelimiter, delimited) << text;
+    EXPECT_EQ(split.port.value_or(0), port) << text;
+  }
+  // Text after the delimiter that is not a port.
   for (const char* bad : {"h~", "h~x1", "h~70000", "h~0", "h~12~13", "h~+12", "h~ 12"}) {
-    hp = gSplitHostPort(bad, "~");
-    EXPECT_EQ(hp.host, "h") << bad;
-    EXPECT_TRUE(hp.hasDelimiter) << bad;
-    EXPECT_FALSE(hp.port.has_value()) << bad;
+    const auto split = gSplitHostPort(bad, "~");
+    EXPECT_TRUE(split.host == "h" && split.hasDelimiter && !split.port.has_value()) << bad;
   }
 }
