@@ -180,6 +180,7 @@ void cVantrelIni::Read() {
   // Below two messages a bound would refuse what a single sender may send.
   const auto queueBound = [&](const char* key, std::uint64_t fallback) {
     const int value = ReadIntWithDefault(t, key, static_cast<int>(fallback), parsed);
+    if (!parsed) return fallback;  // logged by the reader
     const std::uint64_t least = std::uint64_t{maxMessageSize_} * 2;
     const std::uint64_t bytes = value < 0 ? fallback : static_cast<std::uint64_t>(value);
     if (bytes >= least) return bytes;
