@@ -178,7 +178,7 @@ TEST_F(NetServiceTest, AClientThatNeverReadsCostsOnlyItsQueueBound) {
   RawLink sink;
   ASSERT_TRUE(sink.connectClient(a.clientsPort()) && sink.greet("sink"));
   ASSERT_TRUE(sink.next().has_value());  // the greeting's reply; nothing is read after it
-  const long rssBefore = a.rssKiB();
+  [[maybe_unused]] const long rssBefore = a.rssKiB();
   const std::string payload(60000, 'x');
   constexpr unsigned kSends = 1000;  // 60 MB
   for (unsigned id = 1; id <= kSends; ++id)
@@ -191,7 +191,9 @@ TEST_F(NetServiceTest, AClientThatNeverReadsCostsOnlyItsQueueBound) {
     EXPECT_EQ(answer->getType(), wire::kNotDelivered);
     EXPECT_TRUE(refused.insert(answer->getMessageId()).second) << "answered twice: " << answer->getMessageId();
   }
+#ifndef __SANITIZE_ADDRESS__  // its quarantine keeps freed memory resident
   EXPECT_LT(a.rssKiB() - rssBefore, 24 * 1024) << "KiB of growth";
+#endif
   EXPECT_TRUE(a.waitLog("queue of client sink is full")) << a.log();
 
   // Leaving, the sink leaves its queue unwritten: those senders learn it too.
