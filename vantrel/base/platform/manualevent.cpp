@@ -18,10 +18,10 @@ RQPManualEvent& RQPManualEvent::operator=(const RQPManualEvent& other) {
 }
 
 bool RQPManualEvent::Set() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    state_.store(true, std::memory_order_release);
-  }
+  // Notified under the lock: a waiter that sees the state may destroy the event
+  // as soon as it returns, so nothing may touch it after the lock is released.
+  std::lock_guard<std::mutex> lock(mutex_);
+  state_.store(true, std::memory_order_release);
   cond_.notify_all();
   return true;
 }
