@@ -139,6 +139,13 @@ void CVantrelClientConnection::doReading() {
   }
 }
 
+namespace {
+// Messages up to this size may be written by the thread that routes them. A
+// socket that polls writable has room for at least a third of its send buffer
+// (never below a few KiB), so such a write cannot block that thread.
+constexpr std::uint64_t kWriteNowBytes = 2048;
+}  // namespace
+
 std::uint64_t CVantrelClientConnection::queuedSize(const RWCollectable* item) {
   const auto* event = dynamic_cast<const VantrelClientEvent*>(item);
   if (event == nullptr || event->getType() == kDelivered || event->getType() == kNotDelivered) return 0;
@@ -204,6 +211,12 @@ void CVantrelClientConnection::doWriting() {
 bool CVantrelClientConnection::Post(RWCollectable* event) {
   if (event == nullptr) return false;
   const std::uint64_t bytes = queuedSize(event);
+  if (bytes > 0 && bytes <= kWriteNowBytes) {
+    // Only messages take this way here; answers come through SendAnswer.
+    std::unique_ptr<VantrelClientEvent> message(static_cast<VantrelClientEvent*>(event));
+    if (writeNow(message)) return true;
+    event = message.release();
+  }
   if (bytes > 0 && queuedBytes_.fetch_add(bytes, std::memory_order_acq_rel) + bytes > context_->maxClientQueueBytes) {
     queuedBytes_.fetch_sub(bytes, std::memory_order_acq_rel);
     const auto* message = static_cast<const VantrelClientEvent*>(event);
@@ -232,34 +245,43 @@ void CVantrelClientConnection::dropQueued() {
 }
 
 void CVantrelClientConnection::SendAnswer(std::unique_ptr<VantrelClientEvent> answer) {
-  if (answer == nullptr) return;
+  if (answer == nullptr || writeNow(answer)) return;
+  Post(answer.release());
+}
+
+bool CVantrelClientConnection::writeNow(std::unique_ptr<VantrelClientEvent>& event) {
   int idle = 0;
-  if (!unsent_.compare_exchange_strong(idle, 1, std::memory_order_acq_rel)) {
-    Post(answer.release());
-    return;
-  }
+  if (!unsent_.compare_exchange_strong(idle, 1, std::memory_order_acq_rel)) return false;
   // A client that reads nothing fills its socket; then its writer waits, not
   // the caller. The socket is ours alone while unsent_ is held.
   namespace platform = vantrel::platform;
   if (platform::gPoll(socket_.Handle(), platform::tReadiness::eWritable, nullptr, platform::gSteadyNowUs() + 1) !=
       platform::tPollResult::eReady) {
     unsent_.fetch_sub(1, std::memory_order_acq_rel);
-    Post(answer.release());
-    return;
+    return false;
   }
   bool sent = true;
+  std::unique_ptr<VantrelClientEvent> written = sendable(std::move(event));
   try {
-    if (auto event = sendable(std::move(answer)))
-      sent = socket_.SendTypedMessageZ2(event->getType(), event->getSubtype(), event->getPackedBuf(),
-                                        static_cast<unsigned>(event->getPackedBufLen()));
+    if (written)
+      sent = socket_.SendTypedMessageZ2(written->getType(), written->getSubtype(), written->getPackedBuf(),
+                                        static_cast<unsigned>(written->getPackedBufLen()));
   } catch (const std::exception& e) {
     // A failed write ends this connection only, whichever thread wrote.
     VLOG_ERROR("CVantrelClientConnection::doWriting - Error writing to socket: %s", e.what());
     sent = false;
   }
   unsent_.fetch_sub(1, std::memory_order_acq_rel);
-  // As when the writer fails: the connection ends (the reader's next wait fails).
-  if (!sent) socket_.CloseSocket();
+  if (!sent) {
+    // As when the writer fails: the connection ends (the reader's next wait
+    // fails), and the unwritten message tells its sender so as it goes.
+    socket_.CloseSocket();
+    return true;
+  }
+  // Settled after the socket is free again, so that an answer this sets off
+  // for a client writing to itself can take the direct way too.
+  if (written) written->settle(true);
+  return true;
 }
 
 void CVantrelClientConnection::Terminate(bool wait) {

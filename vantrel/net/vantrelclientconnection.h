@@ -46,6 +46,9 @@ class CVantrelClientConnection : public iVantrelClientLink {
   // Starts the reader; nothing once terminated.
   void Start();
   void Terminate(bool wait) override;
+  // Queues an event for the writer, or writes a small one at once (see
+  // writeNow). Called under the router's lock by other clients' readers and
+  // links; the write cannot block, as the socket is checked for room first.
   bool Post(RWCollectable* event) override;
   // Messages refused at the queue bound so far.
   std::uint64_t RefusedMessages() const { return refused_.Total(); }
@@ -69,6 +72,11 @@ class CVantrelClientConnection : public iVantrelClientLink {
   static std::uint64_t queuedSize(const RWCollectable* item);
   // Deletes what is still queued; their senders hear "not delivered".
   void dropQueued();
+  // Writes `event` on the calling thread when nothing is queued or being written
+  // and the socket has room for it, so that it need not wait for the writer
+  // thread to wake; a written message settles its receipt. False, leaving
+  // `event` to the caller, when it cannot.
+  bool writeNow(std::unique_ptr<VantrelClientEvent>& event);
   // Answers the greeting and creates the session. False ends the reader.
   bool greet(char* data, unsigned length, short type);
   void restartProcess();
