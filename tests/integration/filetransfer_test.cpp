@@ -207,23 +207,6 @@ TEST_F(FileTransferTest, ScriptedPeerRestartsTheFileReaderAndSurvivesBadTraffic)
 
 // ---- services inside the test process ----------------------------------------------
 
-class InProcessService : public CVantrelClass {
- public:
-  explicit InProcessService(const std::string& extra = "")
-      : CVantrelClass(cVantrelIni(nEnvSettings::gLoadTableFromText(
-            "SocketCommunicationTimeout = 10000\nSocketClosedReactivationTimeout_debug = 0\n"
-            "NetIsActiveImplemented_debug = 1\nCertificatesPath = /none\n" +
-                extra,
-            "test.ini"))) {
-    SetReportToLogOnly(true);
-  }
-  ~InProcessService() override { f_TerminateZ2(); }
-  void f_Terminate() override { f_TerminateInternal(); }
-
- protected:
-  void RestartProcess() override {}
-};
-
 // What happens to the next source once its first chunk was read: 's' it
 // shrinks to 100,000 bytes, 'g' it grows by four.
 std::atomic<char> gChange{0};

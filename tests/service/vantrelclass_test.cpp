@@ -21,28 +21,9 @@ namespace {
 
 using namespace vantrel::wire;
 
-class InProcessService : public CVantrelClass {
- public:
-  // The settings object is a temporary: the service must keep its own copy.
-  explicit InProcessService(const std::string& delimiter)
-      : CVantrelClass(cVantrelIni(nEnvSettings::gLoadTableFromText(
-            "SocketCommunicationTimeout = 10000\nSocketClosedReactivationTimeout_debug = 0\n"
-            "NetIsActiveImplemented_debug = 1\nCertificatesPath = /none\nAddressPortDelimiter = " +
-                delimiter + "\n",
-            "test.ini"))) {
-    SetReportToLogOnly(true);
-  }
-  ~InProcessService() override { f_TerminateZ2(); }
-  void f_Terminate() override { f_TerminateInternal(); }
-  std::atomic<int> restarts{0};
-
- protected:
-  void RestartProcess() override { ++restarts; }
-};
-
 TEST(InProcessServiceTest, EachServiceKeepsItsSettingsAndTheRestartRuleIsItsHook) {
-  InProcessService a("~");
-  InProcessService b("+");
+  InProcessService a("AddressPortDelimiter = ~\n");
+  InProcessService b("AddressPortDelimiter = +\n");
   ASSERT_TRUE(a.vInitZ1());
   ASSERT_TRUE(b.vInitZ1());
   EXPECT_EQ(a.GetAddressHostText(), a.GetHostName() + "~" + std::to_string(a.GetNetPortZ5181()));
@@ -83,11 +64,11 @@ TEST(InProcessServiceTest, ABusyNetPortIsReportedByTheFirstInstanceOnly) {
   // lock; so a second one, while the first lives, finds it and stays quiet (the
   // default hooks know no other service process).
   LogCapture log;
-  InProcessService first("~");
+  InProcessService first;
   first.SetNetPortZ5181(port);
   EXPECT_FALSE(first.vInitZ1());
   EXPECT_EQ(log.count(report), 1u);
-  InProcessService second("~");
+  InProcessService second;
   second.SetNetPortZ5181(port);
   EXPECT_FALSE(second.vInitZ1());
   EXPECT_EQ(log.count(report), 1u);
@@ -95,7 +76,7 @@ TEST(InProcessServiceTest, ABusyNetPortIsReportedByTheFirstInstanceOnly) {
 }
 
 TEST(InProcessServiceTest, GreetingsWithBadNamesAreRefusedAndQuotedEscaped) {
-  InProcessService service("~");
+  InProcessService service;
   ASSERT_TRUE(service.vInitZ1());
   const std::string longest(kMaxClientNameSize, 'n');
   struct {

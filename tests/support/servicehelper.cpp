@@ -8,6 +8,7 @@
 #include <future>
 #include <memory>
 
+#include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/env/settings.h"
 #include "vantrel/base/platform/hostinfo.h"
 #include "vantrel/base/socket/socketoptions.h"
@@ -220,6 +221,15 @@ std::optional<cFrame> RawLink::next(std::chrono::milliseconds timeout) {
   auto frame = read.get();
   closed_ = !frame.has_value();
   return frame;
+}
+
+InProcessService::InProcessService(const std::string& extra)
+    : CVantrelClass(cVantrelIni(nEnvSettings::gLoadTableFromText(
+          "SocketCommunicationTimeout = 10000\nSocketClosedReactivationTimeout_debug = 0\n"
+          "NetIsActiveImplemented_debug = 1\nCertificatesPath = /none\n" +
+              extra,
+          "test.ini"))) {
+  SetReportToLogOnly(true);
 }
 
 }  // namespace vantrel::test

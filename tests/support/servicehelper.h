@@ -3,6 +3,7 @@
 // own temporary folder, settings file and log file. Readiness is seen in the log
 // ("vantrel ready"), never by connecting and closing, which the service answers
 // by restarting itself.
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <map>
@@ -16,8 +17,23 @@
 #include "vantrel/base/platform/process.h"
 #include "vantrel/base/socket/streamsocket.h"
 #include "vantrel/client/vantrelclientobj.h"
+#include "vantrel/service/vantrelclass.h"
 
 namespace vantrel::test {
+
+// A service core inside the test process, on free ports, with `extra` settings
+// lines after the test defaults; the restart rule only counts. The settings
+// object is a temporary: the service must keep its own copy.
+class InProcessService : public CVantrelClass {
+ public:
+  explicit InProcessService(const std::string& extra = "");
+  ~InProcessService() override { f_TerminateZ2(); }
+  void f_Terminate() override { f_TerminateInternal(); }
+  std::atomic<int> restarts{0};
+
+ protected:
+  void RestartProcess() override { ++restarts; }
+};
 
 // Owner: the test. Owns the process (and a successor it relaunched), its folder
 // and files. Used by the test thread only.
