@@ -139,7 +139,13 @@ TEST(ServiceProgramTest, AClientsPortFromTheEnvironmentThatIsNoPortStopsTheStart
 }
 
 TEST(ServiceProgramTest, ForeignProgramOnTheNetPortIsReported) {
+  // While any vantrel service runs on the host the report is left out, and
+  // other tests run services meanwhile: this one gets a process table of its own.
+  const std::vector<std::string> ownProcesses = {RQPFindProgram("unshare"), "--pid", "--fork", "--mount-proc"};
+  if (ownProcesses[0].empty() || std::system((ownProcesses[0] + " --pid --fork --mount-proc true").c_str()) != 0)
+    GTEST_SKIP() << "needs unshare and the right to make a process namespace (root)";
   ServiceProcess service;
+  service.setLauncher(ownProcesses);
   // Bound but not listening: it holds the port and answers no ping.
   const int holder = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{AF_INET, htons(service.netPort()), {htonl(INADDR_ANY)}, {}};
