@@ -158,6 +158,23 @@ bool cCopyRequester::MayReach(const std::string& resolved, platform::tAccess acc
   return platform::gUserMayReach(account_, resolved, access);
 }
 
+int cCopyRequester::Admit(const char* operation, const std::string& path, const std::string& resolved,
+                          platform::tAccess access) const {
+  const bool reading = access == platform::tAccess::eRead;
+  const cCopyPolicy* policy = policy_.get();
+  const char* refusal = nullptr;
+  if (kind_ == tKind::eLocalClient && policy != nullptr && policy->Private(resolved))
+    refusal =
+        reading ? "the service's private files are never copied:" : "the service's private files are never replaced:";
+  else if (kind_ == tKind::eHost && policy != nullptr && !policy->WithinRoots(FolderOf(resolved)))
+    refusal = "outside the copy roots:";
+  else if (!MayReach(resolved, access))
+    refusal = reading ? "its user may not read" : "its user may not write";
+  if (refusal == nullptr) return kCopyDone;
+  Refuse(operation, refusal, path);
+  return kCopyDenied;
+}
+
 // ---- source ---------------------------------------------------------------------
 
 int cCopySource::Open(const cCopyRequester& requester, const std::string& path) {
@@ -170,23 +187,9 @@ int cCopySource::Open(const cCopyRequester& requester, const std::string& path) 
       return;
     }
     resolved_ = *resolved;
-    const cCopyPolicy* policy = requester.policy_.get();
-    if (requester.kind_ == cCopyRequester::tKind::eLocalClient && policy != nullptr && policy->Private(resolved_)) {
-      requester.Refuse("cCopySource::Open", "the service's private files are never copied:", path);
-      state = kCopyDenied;
-      return;
-    }
-    if (requester.kind_ == cCopyRequester::tKind::eHost && policy != nullptr &&
-        !policy->WithinRoots(FolderOf(resolved_))) {
-      requester.Refuse("cCopySource::Open", "outside the copy roots:", path);
-      state = kCopyDenied;
-      return;
-    }
-    if (!requester.MayReach(resolved_, platform::tAccess::eRead)) {
-      requester.Refuse("cCopySource::Open", "its user may not read", path);
-      state = kCopyDenied;
-      return;
-    }
+    state = requester.Admit("cCopySource::Open", path, resolved_, platform::tAccess::eRead);
+    if (state != kCopyDone) return;
+    state = kCopyOpenFailed;
     file_ = platform::cFile::OpenRegularForReading(resolved_);
     if (!file_.IsOpen()) {
       state = requester.OpenFailed("cCopySource::Open", "reading", path, file_.Error(), file_.Why());
@@ -253,23 +256,9 @@ int cCopyTarget::Open(const cCopyRequester& requester, const std::string& path, 
       state = kCopySameFile;
       return;
     }
-    const cCopyPolicy* policy = requester.policy_.get();
-    if (requester.kind_ == cCopyRequester::tKind::eLocalClient && policy != nullptr && policy->Private(resolved_)) {
-      requester.Refuse("cCopyTarget::Open", "the service's private files are never replaced:", path);
-      state = kCopyDenied;
-      return;
-    }
-    if (requester.kind_ == cCopyRequester::tKind::eHost && policy != nullptr &&
-        !policy->WithinRoots(FolderOf(resolved_))) {
-      requester.Refuse("cCopyTarget::Open", "outside the copy roots:", path);
-      state = kCopyDenied;
-      return;
-    }
-    if (!requester.MayReach(resolved_, platform::tAccess::eWrite)) {
-      requester.Refuse("cCopyTarget::Open", "its user may not write", path);
-      state = kCopyDenied;
-      return;
-    }
+    state = requester.Admit("cCopyTarget::Open", path, resolved_, platform::tAccess::eWrite);
+    if (state != kCopyDone) return;
+    state = kCopyOpenFailed;
     const std::string folder = FolderOf(resolved_);
     for (int attempt = 0; attempt < 8 && !file_.IsOpen(); ++attempt) {
       temporary_ = Join(folder, "." + NameOf(resolved_) + ".vantrel-" + RandomSuffix());

@@ -73,6 +73,12 @@ class cCopyRequester {
   // The rights check for a local client whose identity is not taken; true when
   // `path` (resolved) may be reached.
   bool MayReach(const std::string& resolved, vantrel::platform::tAccess access) const;
+  // The rules a file passes before it is opened for this requester: never the
+  // service's private files for a local client, only inside the copy roots for
+  // another host, only what the requester's user may reach. kCopyDone when it
+  // passes, otherwise kCopyDenied (logged with `path`, as the requester wrote it).
+  int Admit(const char* operation, const std::string& path, const std::string& resolved,
+            vantrel::platform::tAccess access) const;
   bool Refuse(const char* operation, const char* what, const std::string& path) const;
   // Logs a failed open of `path` for "reading" or "writing"; the completion state.
   int OpenFailed(const char* operation, const char* purpose, const std::string& path, int error,
