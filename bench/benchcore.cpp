@@ -26,6 +26,13 @@ std::string Figure(double value) {
   return text;
 }
 
+std::string Ratio(double value, const std::optional<double>& other, bool higherIsBetter) {
+  if (!other.has_value() || *other <= 0) return "-";
+  char text[32];
+  std::snprintf(text, sizeof text, "%.2fx%s", value / *other, higherIsBetter ? " (higher=better)" : "");
+  return text;
+}
+
 }  // namespace
 
 bool RegisterScenario(std::string name, std::string description, tScenario run) {
@@ -58,23 +65,15 @@ std::string SizeText(std::size_t bytes) {
 }
 
 std::string cBenchTable::Render() const {
-  const std::vector<std::string> header = {"scenario", "measure", "size",          "unit",
-                                           "vantrel",  "floor",   "vantrel/floor", "note"};
+  const std::vector<std::string> header = {"scenario", "measure",       "size",   "unit",           "vantrel",
+                                           "floor",    "vantrel/floor", "zeromq", "vantrel/zeromq", "note"};
   std::vector<std::vector<std::string>> cells;
   cells.push_back(header);
   for (const cBenchRow& row : rows_) {
-    std::string floor = "-";
-    std::string ratio = "-";
-    if (row.floor.has_value()) {
-      floor = Figure(*row.floor);
-      if (*row.floor > 0) {
-        const double value = row.value / *row.floor;
-        char text[32];
-        std::snprintf(text, sizeof text, "%.2fx%s", value, row.higherIsBetter ? " (higher=better)" : "");
-        ratio = text;
-      }
-    }
-    cells.push_back({row.scenario, row.what, row.size, row.unit, Figure(row.value), floor, ratio, row.note});
+    cells.push_back({row.scenario, row.what, row.size, row.unit, Figure(row.value),
+                     row.floor ? Figure(*row.floor) : "-", Ratio(row.value, row.floor, row.higherIsBetter),
+                     row.zeromq ? Figure(*row.zeromq) : "-", Ratio(row.value, row.zeromq, row.higherIsBetter),
+                     row.note});
   }
   std::vector<std::size_t> widths(header.size(), 0);
   for (const auto& line : cells)
@@ -85,7 +84,7 @@ std::string cBenchTable::Render() const {
     for (std::size_t i = 0; i < cells[n].size(); ++i) {
       const std::string& cell = cells[n][i];
       // Figures are right-aligned, words left-aligned.
-      const bool numeric = i >= 4 && i <= 6;
+      const bool numeric = i >= 4 && i <= 8;
       const std::string pad(widths[i] - cell.size(), ' ');
       text += numeric ? pad + cell : cell + pad;
       if (i + 1 < cells[n].size()) text += "  ";

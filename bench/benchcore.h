@@ -43,13 +43,16 @@ struct cBenchRow {
   std::optional<double> floor;
   bool higherIsBetter = false;
   std::string note;  // e.g. "12000 samples"
+  // A ZeroMQ broker of the same shape, measured in the same run.
+  std::optional<double> zeromq = std::nullopt;
 };
 
 class cBenchTable {
  public:
   void Add(cBenchRow row) { rows_.push_back(std::move(row)); }
   const std::vector<cBenchRow>& Rows() const { return rows_; }
-  // Aligned text table with the ratio bus/floor where a floor exists.
+  // Aligned text table with the ratios bus/floor and bus/ZeroMQ where those
+  // were measured.
   std::string Render() const;
 
  private:

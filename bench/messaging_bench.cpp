@@ -13,6 +13,7 @@
 #include "bench/benchcore.h"
 #include "bench/servicerunner.h"
 #include "bench/tcprelay.h"
+#include "bench/zmqbroker.h"
 #include "vantrel/client/vantrelclientobj.h"
 
 namespace vantrel::bench {
@@ -124,16 +125,30 @@ struct cFloorSetup {
   }
 };
 
+// The ZeroMQ broker of the same shape: one broker, or two linked brokers with
+// the sender on the first and the receiver on the second.
+struct cZmqSetup {
+  cZmqBroker first;
+  cZmqBroker last;  // used only for the remote shape
+  cZmqEndpoint receiver;
+  cZmqEndpoint sender;
+  const std::string destination = kReceiverName;
+
+  bool Open(bool remote) {
+    if (!first.Bind()) return false;
+    if (remote && !last.Bind()) return false;
+    if (!first.Run(remote ? last.Port() : 0)) return false;
+    if (remote && !last.Run(first.Port())) return false;
+    if (!receiver.Connect(remote ? last.Port() : first.Port(), kReceiverName)) return false;
+    receiver.StartCounting();
+    return sender.Connect(first.Port(), kSenderName);
+  }
+};
+
 // The machine is shared (builds, other benchmarks), so the bus and its floor
 // take turns in short slices rather than one long run each: a change of load
 // then falls on both.
 constexpr int kRounds = 5;
-
-struct cLatency {
-  double p50 = 0;
-  double p99 = 0;
-  std::size_t samples = 0;
-};
 
 // Sends with acknowledgement for `span`, one sample per send. `send` returns
 // false when a send failed.
@@ -199,53 +214,69 @@ bool BusSendFailed(cBusSetup& bus) {
   return cBusSetup::Fail("acknowledged send", "failed with status " + std::to_string(bus.sender.NETGetLastStatus()));
 }
 
-// Calls `measure(bus, floor, path, size, payload)` for every path and size,
-// with the bus and its floor of the same shape open (local: one hop; remote:
-// two). Stops at the first case that fails.
+// Calls `measure(bus, floor, zmq, path, size, payload)` for every path and
+// size, with the bus, its floor and the ZeroMQ broker of the same shape open
+// (local: one hop; remote: two). Stops at the first case that fails.
 template <class Measure>
 bool ForEachCase(const cBenchOptions& options, Measure measure) {
   for (const bool remote : {false, true}) {
     cBusSetup bus;
     cFloorSetup floor;
+    cZmqSetup zmq;
     if (!bus.Open(options, remote)) return false;
     if (!floor.Open(remote)) return cBusSetup::Fail("floor", "relay did not start");
+    if (!zmq.Open(remote)) return cBusSetup::Fail("zeromq", "broker did not start");
     const std::string path = remote ? "remote" : "local";
     for (const std::size_t size : kSizes)
-      if (!measure(bus, floor, path, size, Payload(size))) return false;
+      if (!measure(bus, floor, zmq, path, size, Payload(size))) return false;
   }
   return true;
 }
 
 bool RunLatency(const cBenchOptions& options, cBenchTable& table) {
-  return ForEachCase(options, [&](cBusSetup& bus, cFloorSetup& floor, const std::string& path, std::size_t size,
-                                  const std::vector<char>& data) {
+  return ForEachCase(options, [&](cBusSetup& bus, cFloorSetup& floor, cZmqSetup& zmq, const std::string& path,
+                                  std::size_t size, const std::vector<char>& data) {
     const auto length = static_cast<unsigned>(size);
     auto floorSend = [&] { return floor.sender.SendAcked(data.data(), length); };
+    auto zmqSend = [&] { return zmq.sender.SendAcked(zmq.destination, data.data(), length); };
     auto busSend = [&] { return bus.sender.NETSendMessageZ1(data.data(), length, bus.destination.c_str()); };
     const auto slice = options.caseBudget / kRounds;
     std::vector<double> floorSamples;
     std::vector<double> busSamples;
+    std::vector<double> zmqSamples;
     if (!WarmUp(floorSend)) return cBusSetup::Fail("floor", "acknowledged send failed");
+    if (!WarmUp(zmqSend)) return cBusSetup::Fail("zeromq", "acknowledged send failed");
     if (!WarmUp(busSend)) return BusSendFailed(bus);
     for (int round = 0; round < kRounds; ++round) {
       if (!CollectLatency(slice, floorSend, floorSamples)) return cBusSetup::Fail("floor", "acknowledged send failed");
+      if (!CollectLatency(slice, zmqSend, zmqSamples)) return cBusSetup::Fail("zeromq", "acknowledged send failed");
       if (!CollectLatency(slice, busSend, busSamples)) return BusSendFailed(bus);
     }
-    const cLatency floorResult{Percentile(floorSamples, 50), Percentile(floorSamples, 99), floorSamples.size()};
-    const cLatency busResult{Percentile(busSamples, 50), Percentile(busSamples, 99), busSamples.size()};
-    const std::string note = std::to_string(busResult.samples) + "/" + std::to_string(floorResult.samples) + " samples";
-    table.Add({"latency", path + " ack p50", SizeText(size), "us", busResult.p50, floorResult.p50, false, note});
-    table.Add({"latency", path + " ack p99", SizeText(size), "us", busResult.p99, floorResult.p99, false, note});
+    const std::string note = std::to_string(busSamples.size()) + "/" + std::to_string(floorSamples.size()) + "/" +
+                             std::to_string(zmqSamples.size()) + " samples";
+    for (const double p : {50.0, 99.0}) {
+      cBenchRow row{"latency",
+                    path + " ack p" + std::to_string(static_cast<int>(p)),
+                    SizeText(size),
+                    "us",
+                    Percentile(busSamples, p),
+                    Percentile(floorSamples, p),
+                    false,
+                    note};
+      row.zeromq = Percentile(zmqSamples, p);
+      table.Add(std::move(row));
+    }
     return true;
   });
 }
 
 bool RunThroughput(const cBenchOptions& options, cBenchTable& table) {
-  return ForEachCase(options, [&](cBusSetup& bus, cFloorSetup& floor, const std::string& path, std::size_t size,
-                                  const std::vector<char>& data) {
+  return ForEachCase(options, [&](cBusSetup& bus, cFloorSetup& floor, cZmqSetup& zmq, const std::string& path,
+                                  std::size_t size, const std::vector<char>& data) {
     const auto length = static_cast<unsigned>(size);
     cThroughput floorResult;
     cThroughput busResult;
+    cThroughput zmqResult;
     const auto slice = options.caseBudget / kRounds;
     for (int round = 0; round < kRounds; ++round) {
       if (!MeasureThroughput(
@@ -254,17 +285,31 @@ bool RunThroughput(const cBenchOptions& options, cBenchTable& table) {
               [&](std::uint64_t target) { return floor.receiver.WaitForCount(target, kArrivalTimeout); }, floorResult))
         return cBusSetup::Fail("floor", "one-way run failed");
       if (!MeasureThroughput(
+              slice, size, [&] { return zmq.sender.Send(zmq.destination, data.data(), length); },
+              [&] { return zmq.receiver.Count(); },
+              [&](std::uint64_t target) { return zmq.receiver.WaitForCount(target, kArrivalTimeout); }, zmqResult))
+        return cBusSetup::Fail("zeromq", "one-way run failed");
+      if (!MeasureThroughput(
               slice, size,
               [&] { return bus.sender.NETSendMessageNoresponseZ1(data.data(), length, bus.destination.c_str()); },
               [&] { return bus.receiver.Count(); },
               [&](std::uint64_t target) { return bus.receiver.WaitForCount(target, kArrivalTimeout); }, busResult))
         return cBusSetup::Fail("one-way send", "failed with status " + std::to_string(bus.sender.NETGetLastStatus()));
     }
-    char note[96];
-    std::snprintf(note, sizeof note, "%.1f/%.1f MiB/s, %llu msgs", busResult.MibPerSecond(size),
-                  floorResult.MibPerSecond(size), static_cast<unsigned long long>(busResult.messages));
-    table.Add({"throughput", path + " one-way", SizeText(size), "msg/s", busResult.MessagesPerSecond(),
-               floorResult.MessagesPerSecond(), true, note});
+    char note[128];
+    std::snprintf(note, sizeof note, "%.1f/%.1f/%.1f MiB/s, %llu msgs", busResult.MibPerSecond(size),
+                  floorResult.MibPerSecond(size), zmqResult.MibPerSecond(size),
+                  static_cast<unsigned long long>(busResult.messages));
+    cBenchRow row{"throughput",
+                  path + " one-way",
+                  SizeText(size),
+                  "msg/s",
+                  busResult.MessagesPerSecond(),
+                  floorResult.MessagesPerSecond(),
+                  true,
+                  note};
+    row.zeromq = zmqResult.MessagesPerSecond();
+    table.Add(std::move(row));
     return true;
   });
 }
