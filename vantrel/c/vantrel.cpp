@@ -116,8 +116,8 @@ bool cCallbackOwner::NewMessageEvent(cTypedMessageObject* message, short channel
   }
   if (callback == nullptr || channel != wire::kChannelMessages)
     return cVantrelClientObject::NewMessageEvent(message, channel);
-  const cVantrelMessage record(message->getData(), static_cast<std::uint32_t>(message->getLength()),
-                               message->getType(), channel);
+  const cVantrelMessage record(message->getData(), static_cast<std::uint32_t>(message->getLength()), message->getType(),
+                               channel);
   vantrel_message described{};
   std::string path;
   Describe(record, described, path);
@@ -162,8 +162,8 @@ int CheckSend(vantrel_client& client, const char* address, const void* data, std
   if (length > UINT32_MAX) return client.Finish(VANTREL_INVALID_ARGUMENT, "data longer than 4 GiB");
   const CVantrelAddress parsed(address);
   if (parsed.ClientName().empty() || parsed.HostName().empty())
-    return client.Finish(VANTREL_INVALID_ARGUMENT,
-                         "address \"" + std::string(vantrel::log::Escaped(address)) + "\" is not of the form client@host");
+    return client.Finish(VANTREL_INVALID_ARGUMENT, "address \"" + std::string(vantrel::log::Escaped(address)) +
+                                                       "\" is not of the form client@host");
   if (client.imp == nullptr) return client.Finish(VANTREL_NOT_INITIALISED);
   return VANTREL_OK;
 }

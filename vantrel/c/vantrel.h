@@ -89,22 +89,22 @@ typedef struct vantrel_message {
   const char* from_client;
   const char* to_host;
   const char* to_client;
-  const char* data;    /* `length` bytes, followed by a zero byte not counted; never null */
-  uint32_t length;     /* bytes of data */
-  int copy_state;      /* for a file-copy result: its completion state (0 done); otherwise -1 */
+  const char* data;      /* `length` bytes, followed by a zero byte not counted; never null */
+  uint32_t length;       /* bytes of data */
+  int copy_state;        /* for a file-copy result: its completion state (0 done); otherwise -1 */
   const char* copy_path; /* for a file-copy result: the failing path, "" when none; otherwise null */
 } vantrel_message;
 
 /* Completion states of a file copy (vantrel_message.copy_state). */
 enum vantrel_copy_state {
   VANTREL_COPY_DONE = 0,
-  VANTREL_COPY_OPEN_FAILED = 1,  /* the source or the destination could not be opened */
+  VANTREL_COPY_OPEN_FAILED = 1, /* the source or the destination could not be opened */
   VANTREL_COPY_CLOSE_FAILED = 2,
   VANTREL_COPY_READ_FAILED = 3,
   VANTREL_COPY_WRITE_FAILED = 4,
-  VANTREL_COPY_STOPPED = 5,    /* stopped between hosts, or the peer reported a failure */
-  VANTREL_COPY_SAME_FILE = 6,  /* refused: source and destination are one file */
-  VANTREL_COPY_DENIED = 7      /* the requesting user may not read or write the file */
+  VANTREL_COPY_STOPPED = 5,   /* stopped between hosts, or the peer reported a failure */
+  VANTREL_COPY_SAME_FILE = 6, /* refused: source and destination are one file */
+  VANTREL_COPY_DENIED = 7     /* the requesting user may not read or write the file */
 };
 
 /* Called for each incoming message on the library's reader thread, before the
