@@ -10,13 +10,11 @@
 #include "vantrel/version.h"
 
 static int failures = 0;
-#define CHECK(condition)                                                            \
-  do {                                                                              \
-    if (!(condition)) {                                                             \
-      fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
-      ++failures;                                                                   \
-    }                                                                               \
-  } while (0)
+static void Check(int ok, const char* what, int line) {
+  if (!ok) fprintf(stderr, "capi_test.c:%d: check failed: %s\n", line, what);
+  failures += !ok;
+}
+#define CHECK(condition) Check((condition) != 0, #condition, __LINE__)
 
 static atomic_int seen;
 static int Count(void* user, const vantrel_message* message) {
@@ -105,18 +103,11 @@ int main(int argc, char** argv) {
   CHECK(vantrel_client_post(bus, -1, self, "x", 1) == VANTREL_INVALID_ARGUMENT);
 
   /* Copy results are read without parsing. */
-  char source[512], destination[512];
-  snprintf(source, sizeof source, "%s/source.txt", argv[2]);
+  char destination[512];
   snprintf(destination, sizeof destination, "%s/copied.txt", argv[2]);
-  FILE* file = fopen(source, "w");
-  CHECK(file != NULL && fputs("payload", file) >= 0 && fclose(file) == 0);
-  const char* host = vantrel_client_local_host(bus);
-  CHECK(vantrel_client_copy(bus, 5, source, host, destination) == VANTREL_OK);
-  message = Answer(bus, 5);
-  CHECK(message->type == 102 && message->copy_state == VANTREL_COPY_DONE);
-  CHECK(vantrel_client_copy(bus, 6, "/nonexistent/file", host, destination) == VANTREL_OK);
+  CHECK(vantrel_client_copy(bus, 6, "/nonexistent/file", vantrel_client_local_host(bus), destination) == VANTREL_OK);
   message = Answer(bus, 6);
-  CHECK(message->copy_state == VANTREL_COPY_OPEN_FAILED);
+  CHECK(message->type == 102 && message->copy_state == VANTREL_COPY_OPEN_FAILED);
   CHECK(message->copy_path != NULL && strstr(message->copy_path, "/nonexistent/file") != NULL);
 
   /* After terminate every call reports the ended session. */
