@@ -1,6 +1,4 @@
 """Starts real `vantrel` programs for the tests: free ports, a folder of their own."""
-from __future__ import annotations
-
 import os
 import socket
 import subprocess
@@ -42,8 +40,8 @@ class Service:
              str(log), "--log-level", "debug"], cwd=folder, env=dict(os.environ, VANTREL_INI=str(folder / "Vantrel.ini")),
             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         text = lambda: log.read_text(errors="replace") if log.exists() else ""  # noqa: E731
-        assert wait_until(lambda: self.process.poll() is not None or "vantrel ready" in text())
-        assert self.process.poll() is None, f"the service did not start: {text()}"
+        started = wait_until(lambda: self.process.poll() is not None or "vantrel ready" in text())
+        assert started and self.process.poll() is None, f"the service did not start: {text()}"
 
 
 @pytest.fixture
