@@ -288,7 +288,8 @@ class Client:
     def _receive(self, timeout: Optional[float]) -> Optional[Message]:
         if timeout is not None and (not isinstance(timeout, (int, float)) or timeout < 0):
             raise ValueError(f"timeout must be None or seconds >= 0, not {timeout!r}")
-        milliseconds = -1 if timeout is None else int(timeout * 1000)
+        # A C long is 32 bits on Windows: longer waits are cut to about 24 days.
+        milliseconds = -1 if timeout is None else min(int(timeout * 1000), 2**31 - 1)
         with self._use() as handle:
             raw = ctypes.POINTER(_capi.MessageStruct)()
             status = self._lib.vantrel_client_wait(handle, milliseconds, ctypes.byref(raw))
