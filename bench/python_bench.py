@@ -40,7 +40,7 @@ def receive(port: int, ready, counts) -> None:
 
 
 def main() -> None:
-    program, seconds = sys.argv[1], float(sys.argv[2]) if len(sys.argv) > 2 else 3.0
+    program, seconds = os.path.abspath(sys.argv[1]), float(sys.argv[2]) if len(sys.argv) > 2 else 3.0
     folder = tempfile.mkdtemp()
     port = free_port()
     service = subprocess.Popen([program, "--clients-port", str(port), "--net-port", str(free_port()),
