@@ -74,7 +74,7 @@ class Message:
 
 
 def _text(value: object, what: str) -> bytes:
-    if isinstance(value, os.PathLike):
+    if not isinstance(value, str) and isinstance(value, os.PathLike):
         value = os.fspath(value)
     if not isinstance(value, str):
         raise TypeError(f"{what} must be a str, not {type(value).__name__}")
@@ -136,7 +136,9 @@ class Client:
         if not self._handle:
             raise MemoryError("no memory for a client handle")
         self._busy = 0
-        self._idle = threading.Condition()
+        self._lock = threading.Lock()
+        self._closing: Optional[threading.Event] = None
+        self._user = Client._Use(self)
         self._backlog: Deque[Message] = collections.deque()
         self._ids = itertools.count(1)
         self._id_lock = threading.Lock()
@@ -165,16 +167,17 @@ class Client:
 
     def close(self) -> None:
         """Ends the session and releases the client; harmless when repeated."""
-        with self._idle:
+        with self._lock:
             handle, self._handle = self._handle, None
-        if handle is None:
-            return
+            if handle is None:
+                return
+            self._closing = threading.Event()
+            if self._busy == 0:
+                self._closing.set()
         # Ends waits of other threads, then lets their calls return before the
         # handle goes away under them.
         self._lib.vantrel_client_terminate(handle)
-        with self._idle:
-            while self._busy:
-                self._idle.wait()
+        self._closing.wait()
         self._lib.vantrel_client_free(handle)
 
     def terminate(self) -> None:
@@ -323,12 +326,15 @@ class Client:
         raise VantrelError(status, reason)
 
     class _Use:
+        """Holds the handle for the calls in progress; keeps no state of its own
+        per call, so one object serves every thread."""
+
         def __init__(self, client: "Client") -> None:
             self.client = client
 
         def __enter__(self) -> int:
             client = self.client
-            with client._idle:
+            with client._lock:
                 if client._handle is None:
                     raise ClientClosed(_capi.NOT_INITIALISED, "the client is closed")
                 client._busy += 1
@@ -336,10 +342,11 @@ class Client:
 
         def __exit__(self, *exc_info: object) -> None:
             client = self.client
-            with client._idle:
+            with client._lock:
                 client._busy -= 1
-                client._idle.notify_all()
+                if client._busy == 0 and client._closing is not None:
+                    client._closing.set()
 
     def _use(self) -> "Client._Use":
-        """Holds the handle for one call: close() waits until the call has returned."""
-        return Client._Use(self)
+        """The handle for one call: close() waits until the call has returned."""
+        return self._user
