@@ -1,5 +1,4 @@
 """The Python package and the C interface against real services."""
-from __future__ import annotations
 
 import os
 import subprocess

@@ -168,16 +168,10 @@ int CheckSend(vantrel_client& client, const char* address, const void* data, std
   return VANTREL_OK;
 }
 
-int CheckId(vantrel_client& client, long id) {
-  if (id < 0 || static_cast<unsigned long>(id) > UINT32_MAX)
-    return client.Finish(VANTREL_INVALID_ARGUMENT, "message id " + std::to_string(id) + " outside 0 to 4294967295");
-  return VANTREL_OK;
-}
-
 const char* Data(const void* data) { return data != nullptr ? static_cast<const char*>(data) : ""; }
 
-// A message id as the client API takes it: the low 32 bits travel.
-long WireId(long id) { return static_cast<long>(static_cast<std::int32_t>(static_cast<std::uint32_t>(id))); }
+// A message id as the client API takes it; the same 32 bits travel.
+std::int32_t WireId(std::uint32_t id) { return static_cast<std::int32_t>(id); }
 
 }  // namespace
 
@@ -276,21 +270,18 @@ int vantrel_client_notify(vantrel_client* client, const char* address, const voi
   });
 }
 
-int vantrel_client_post(vantrel_client* client, long id, const char* address, const void* data, size_t length) {
+int vantrel_client_post(vantrel_client* client, uint32_t id, const char* address, const void* data, size_t length) {
   return Guarded(client, "post", [&] {
-    if (const int refused = CheckId(*client, id)) return refused;
     if (const int refused = CheckSend(*client, address, data, length)) return refused;
-    if (client->imp->NETSendMessageNowait(static_cast<std::int32_t>(WireId(id)), Data(data),
-                                          static_cast<unsigned>(length), address))
+    if (client->imp->NETSendMessageNowait(WireId(id), Data(data), static_cast<unsigned>(length), address))
       return client->Finish(VANTREL_OK);
     return SendFailure(*client);
   });
 }
 
-int vantrel_client_copy(vantrel_client* client, long id, const char* local_path, const char* host,
+int vantrel_client_copy(vantrel_client* client, uint32_t id, const char* local_path, const char* host,
                         const char* remote_path) {
   return Guarded(client, "copy", [&] {
-    if (const int refused = CheckId(*client, id)) return refused;
     if (local_path == nullptr || *local_path == '\0' || remote_path == nullptr || *remote_path == '\0')
       return client->Finish(VANTREL_INVALID_ARGUMENT, "a copy needs a local and a remote path");
     if (host == nullptr || *host == '\0') return client->Finish(VANTREL_INVALID_ARGUMENT, "a copy needs a host");
@@ -305,8 +296,7 @@ int vantrel_client_copy(vantrel_client* client, long id, const char* local_path,
     std::string text;
     long length = 0;
     request.ToString(text, length, false, false);
-    if (client->imp->NETCopyFile(static_cast<std::int32_t>(WireId(id)), text.data(), static_cast<unsigned>(length),
-                                 host))
+    if (client->imp->NETCopyFile(WireId(id), text.data(), static_cast<unsigned>(length), host))
       return client->Finish(VANTREL_OK);
     return SendFailure(*client);
   });

@@ -57,8 +57,7 @@ enum vantrel_status {
   /* vantrel_client_fetch: no message waits. */
   VANTREL_NO_MESSAGE = 2,
   /* A null handle or pointer, an address that is not "client@host", an empty
-     host or path, data longer than 4 GiB or a message id outside 0 to
-     4294967295. Nothing was sent. */
+     host or path, or data longer than 4 GiB. Nothing was sent. */
   VANTREL_INVALID_ARGUMENT = 3,
   /* Memory ran out, or the library met a fault of its own (logged). */
   VANTREL_INTERNAL_ERROR = 4,
@@ -165,7 +164,7 @@ VANTREL_API int vantrel_client_notify(vantrel_client* client, const char* addres
 
 /* Send without waiting: VANTREL_OK once written. If the message cannot be
    delivered, a message of type 103 carrying `id` arrives later. */
-VANTREL_API int vantrel_client_post(vantrel_client* client, long id, const char* address, const void* data,
+VANTREL_API int vantrel_client_post(vantrel_client* client, uint32_t id, const char* address, const void* data,
                                     size_t length);
 
 /* Asks the service to copy `local_path` (on this host) to `remote_path` on
@@ -173,7 +172,7 @@ VANTREL_API int vantrel_client_post(vantrel_client* client, long id, const char*
    the result arrives later as a message carrying `id`: type 102 with
    copy_state and copy_path set, or type 103 when the link to the host broke.
    A relative `local_path` is taken from the caller's working folder. */
-VANTREL_API int vantrel_client_copy(vantrel_client* client, long id, const char* local_path, const char* host,
+VANTREL_API int vantrel_client_copy(vantrel_client* client, uint32_t id, const char* local_path, const char* host,
                                     const char* remote_path);
 
 /* Waits up to `timeout_ms` milliseconds (negative: no limit) for the next
