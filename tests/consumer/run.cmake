@@ -46,7 +46,7 @@ if(NOT LAST_OUTPUT MATCHES "consumer ok")
   message(FATAL_ERROR "pkg-config consumer printed: ${LAST_OUTPUT}")
 endif()
 
-if(PYTHON AND PYTHON_DIR)
+if(PYTHON AND PYTHON_DIR AND NOT SANITIZE)
   set(ENV{PYTHONPATH} ${prefix}/${PYTHON_DIR})
   unset(ENV{VANTREL_LIBRARY})
   run(${PYTHON} -c "import vantrel; print(vantrel.__file__, vantrel.library_version())")
