@@ -55,7 +55,9 @@ class CopyResult:
         return self.state == 0
 
 
-@dataclass(frozen=True)
+# Not frozen: a frozen dataclass's constructor costs several times more, and
+# one is built for every message received.
+@dataclass
 class Message:
     """One received message. `sender` is an address ("client@host") that can be answered."""
 
