@@ -1,8 +1,8 @@
 # Installs the built project into a scratch prefix, then builds and runs a small
 # application against the installed package twice: through find_package(vantrel)
-# and through pkg-config.
+# and through pkg-config; and loads the installed Python package's library.
 #   -DBUILD_DIR=<project build> -DSOURCE_DIR=<this folder> -DWORK_DIR=<scratch>
-#   -DSANITIZE=<flags or empty>
+#   -DSANITIZE=<flags or empty> -DPYTHON=<interpreter> -DPYTHON_DIR=<its package folder below the prefix>
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
   if(NOT rc EQUAL 0)
@@ -44,4 +44,13 @@ run(c++ -std=c++20 ${flags} ${SOURCE_DIR}/main.cpp ${pc_flags} -Wl,-rpath,${pc_l
 run(${WORK_DIR}/consumer-pc)
 if(NOT LAST_OUTPUT MATCHES "consumer ok")
   message(FATAL_ERROR "pkg-config consumer printed: ${LAST_OUTPUT}")
+endif()
+
+if(PYTHON AND PYTHON_DIR AND NOT SANITIZE)
+  set(ENV{PYTHONPATH} ${prefix}/${PYTHON_DIR})
+  unset(ENV{VANTREL_LIBRARY})
+  run(${PYTHON} -c "import vantrel; print(vantrel.__file__, vantrel.library_version())")
+  if(NOT LAST_OUTPUT MATCHES "^${prefix}/.* [0-9]+\\.[0-9]+\\.[0-9]+")
+    message(FATAL_ERROR "the installed Python package printed: ${LAST_OUTPUT}")
+  endif()
 endif()

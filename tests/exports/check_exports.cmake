@@ -5,7 +5,7 @@ cmake_minimum_required(VERSION 3.25)
 set(public "^(cVantrelClientObject|cVantrelMessage|RWCollectable|cTypedMessageObject|QXErrorException|\
 CAssociativeArrayException|CIllegalAssoSyntaxException|CAssoKeyDoesNotExistException|CAssociativeArray|\
 CVantrelClass|VantrelServiceConfig)(::|$)|^(VantrelClientTerminate|NVSTmo2Ttm|NVSDeleteMsg|RunVantrel|\
-IsVantrelProcessRunning|IsVantrlServiceRunning|TerminateVantrel|VantrelVersion)\\(")
+IsVantrelProcessRunning|IsVantrlServiceRunning|TerminateVantrel|VantrelVersion)\\(|^vantrel_[a-z_]+$")
 set(missing
     "cVantrelClientObject::NETInitZ641(char const*, unsigned short)"
     "vtable for cVantrelClientObject"
@@ -15,7 +15,9 @@ set(missing
     "typeinfo for CAssoKeyDoesNotExistException"
     "vtable for CVantrelClass"
     "RunVantrel(bool)"
-    "VantrelVersion()")
+    "VantrelVersion()"
+    "vantrel_client_new"
+    "vantrel_client_wait")
 
 execute_process(COMMAND ${NM} -D --defined-only --demangle ${LIBRARY} OUTPUT_VARIABLE table)
 # One list element per symbol: brackets and semicolons in C++ names would upset

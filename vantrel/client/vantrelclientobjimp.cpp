@@ -65,13 +65,14 @@ void CVantrelClientQueue::putMessage(cTypedMessageObject* message) {
   }
 }
 
-cTypedMessageObject* CVantrelClientQueue::waitMessage(long milliseconds) {
+cTypedMessageObject* CVantrelClientQueue::waitMessage(long milliseconds, bool* timedOut) {
   RWCollectable* event = nullptr;
   switch (waitEvent(event, milliseconds)) {
     case htEvent:
       return AsFrame(event);
     case htTimeout:
       VLOG_INFO("CVantrelClientQueue::waitMessage - WaitMessage Timeout\t");
+      if (timedOut != nullptr) *timedOut = true;
       return nullptr;
     default:
       return nullptr;
@@ -240,6 +241,7 @@ bool cVantrelClientObjectImp::sendMessage(const char* data, unsigned length, con
   const cVantrelMessage record(0, toHost.c_str(), toClient.c_str(), fromHost.c_str(), fromClient.c_str(), qtype, type,
                                0, data, length);
 
+  lastRefusal_.clear();
   // Whatever waits on queue 1 now answers an earlier send.
   while (RWCollectable* stale = queues_[wire::kChannelAnswers]->get()) delete stale;
 
@@ -258,6 +260,8 @@ bool cVantrelClientObjectImp::sendMessage(const char* data, unsigned length, con
   std::unique_ptr<cVantrelMessage> answer(NVSTmo2Ttm(ack));
   delete ack;
   if (answer && answer->isValid() && answer->getType() == wire::kDelivered) return true;
+  if (answer && answer->isValid())
+    lastRefusal_.assign(answer->getData(), strnlen(answer->getData(), answer->getDatalen()));
   SetStatus(wire::kStatusAckError);
   VLOG_WARN("cVantrelClientObjectImp::sendMessage(%s) - ack on send error %d", WhoAmIText(), wire::kStatusAckError);
   return false;
@@ -325,11 +329,12 @@ bool cVantrelClientObjectImp::NETCopyFile(std::int32_t messageId, const char* da
   return false;
 }
 
-const cVantrelMessage* cVantrelClientObjectImp::waitMessage(int queue) {
+const cVantrelMessage* cVantrelClientObjectImp::waitMessage(int queue, long milliseconds, bool* timedOut) {
   DiscardCurrent();
   SetStatus(wire::kStatusOk);
-  cTypedMessageObject* frame = queues_[queue]->waitMessage(-1);
+  cTypedMessageObject* frame = queues_[queue]->waitMessage(milliseconds, timedOut);
   if (frame == nullptr) {
+    if (timedOut != nullptr && *timedOut) return nullptr;
     // Released or turned off: the session is over for this object.
     valid_.store(false, std::memory_order_release);
     SetStatus(wire::kStatusNotInitialised);
@@ -342,7 +347,13 @@ const cVantrelMessage* cVantrelClientObjectImp::waitMessage(int queue) {
 
 const cVantrelMessage* cVantrelClientObjectImp::NETWaitMessage() {
   if (NotValid()) return nullptr;
-  return waitMessage(wire::kChannelMessages);
+  return waitMessage(wire::kChannelMessages, -1, nullptr);
+}
+
+const cVantrelMessage* cVantrelClientObjectImp::NETWaitMessageFor(long milliseconds, bool& timedOut) {
+  timedOut = false;
+  if (NotValid()) return nullptr;
+  return waitMessage(wire::kChannelMessages, milliseconds, &timedOut);
 }
 
 const char* cVantrelClientObjectImp::NETWaitMessageX2() {
@@ -351,6 +362,11 @@ const char* cVantrelClientObjectImp::NETWaitMessageX2() {
 }
 
 const char* cVantrelClientObjectImp::NETFetchMessage() {
+  const cVantrelMessage* record = NETFetchRecord();
+  return record ? record->getData() : nullptr;
+}
+
+const cVantrelMessage* cVantrelClientObjectImp::NETFetchRecord() {
   if (NotValid()) return nullptr;
   DiscardCurrent();
   SetStatus(wire::kStatusOk);
@@ -358,7 +374,7 @@ const char* cVantrelClientObjectImp::NETFetchMessage() {
   if (frame == nullptr) return nullptr;
   currentMessage_ = NVSTmo2Ttm(frame);
   delete frame;
-  return currentMessage_ ? currentMessage_->getData() : nullptr;
+  return currentMessage_;
 }
 
 const char* cVantrelClientObjectImp::NETWhoAmI() {

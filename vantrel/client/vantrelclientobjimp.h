@@ -39,8 +39,9 @@ class CVantrelClientQueue : public RQPEventQueue {
   // turned off).
   void putMessage(cTypedMessageObject* message);
   // Waits up to `milliseconds` (-1: no limit) for the next message. Null on a
-  // time-out (logged), or when the queue is released or turned off.
-  cTypedMessageObject* waitMessage(long milliseconds);
+  // time-out (logged; `timedOut` set when given), or when the queue is released
+  // or turned off.
+  cTypedMessageObject* waitMessage(long milliseconds, bool* timedOut = nullptr);
   // Takes the next message without ever blocking; null when there is none.
   cTypedMessageObject* fetchMessage();
 
@@ -92,6 +93,12 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
   bool NETSendMultiMessageZ1(const char* data, unsigned length, const char* addressList);
   bool NETCopyFile(std::int32_t messageId, const char* data, unsigned length, const char* host);
   const cVantrelMessage* NETWaitMessage();
+  // The same wait bounded by `milliseconds` (-1: no limit). A time-out returns
+  // null with `timedOut` set and kStatusOk, and the object stays valid; the
+  // session's end returns null as NETWaitMessage does.
+  const cVantrelMessage* NETWaitMessageFor(long milliseconds, bool& timedOut);
+  // NETFetchMessage's record: null when none waits or the object is not valid.
+  const cVantrelMessage* NETFetchRecord();
   const char* NETWaitMessageX2();
   const char* NETFetchMessage();
   const char* NETWhoAmI();
@@ -100,6 +107,10 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
   // Why the last NETInit failed before it reached the service (a bad client
   // name or VANTREL_CLIENT_PORT); empty otherwise.
   const char* NETGetLastErrorMessage() const { return lastErrorMessage_.c_str(); }
+  // The text of the answer that refused the last acknowledged send (empty when
+  // that send was delivered, timed out or never reached the service). For the
+  // thread that made the send, as the acknowledgement queue is.
+  const std::string& LastRefusal() const { return lastRefusal_; }
   bool NETTurnOn();
   bool NETTurnOff();
   // Ends the session: farewell frame, queues released, connection closed and
@@ -125,7 +136,7 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
   bool sendMessage(const char* data, unsigned length, const std::string& toClient, const std::string& toHost,
                    QType qtype, long timeout);
   bool sendMessageToVantrel(const cVantrelMessage& record);
-  const cVantrelMessage* waitMessage(int queue);
+  const cVantrelMessage* waitMessage(int queue, long milliseconds, bool* timedOut);
   // NETInit refused to start: the status and the error text say why.
   bool RefuseInit(std::string why);
   // Greeting block fields; names may fill their field without a terminator.
@@ -156,6 +167,8 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
   std::atomic<int> lastStatus_{0};
   std::unique_ptr<CVantrelClientQueue> queues_[vantrel::wire::kChannelCount];
   cVantrelMessage* currentMessage_ = nullptr;
+  // Written and read by the thread of the acknowledged sends only.
+  std::string lastRefusal_;
   // Written once by NETInit before the object becomes valid; read-only afterwards.
   std::string whoAmI_;
   unsigned short clientPort_ = 0;
