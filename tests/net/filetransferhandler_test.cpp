@@ -22,6 +22,7 @@
 
 namespace {
 
+using vantrel::test::LogCapture;
 using vantrel::test::Pattern;
 using vantrel::test::TempDir;
 using vantrel::test::WaitUntil;
@@ -91,36 +92,62 @@ class FileTransferHandlerTest : public ::testing::Test {
   CFileTransferHandler handler{&link};
 };
 
-TEST_F(FileTransferHandlerTest, SendWindowKeepsAtMostFiveChunksUnacknowledged) {
-  const std::string content = Pattern(kFileChunkSize * 8 + 10);
+TEST(FileTransferHandlerSend, WindowStartsAtFiveAndGrowsByOneChunkPerAcknowledgement) {
+  // Limits of five chunks (a peer of the fixed window) and of eight: each
+  // acknowledgement lets two chunks go until the limit, never more in flight.
+  TempDir dir;
+  const std::string content = Pattern(kFileChunkSize * 12 + 10);
   const std::string source = dir.write("src", content);
-  auto sent = std::async(std::launch::async, [&] { return handler.SendFile(source, "/remote", Request()); });
-
-  // The copy request goes alone until it is accepted; it announces the size.
-  EXPECT_EQ(link.at(0), Posted(kFileRequest, cAnnouncedCopy::Build("/remote", content.size())));
-  ASSERT_TRUE(WaitUntil([&] { return handler.Credits() == 0; }));
-  EXPECT_EQ(link.count(), 1u);
-  Feed(handler, {kFileAccepted});
-
-  // Five chunks, then the sender waits with no credit left.
-  ASSERT_TRUE(WaitUntil([&] { return link.chunks == 5 && handler.Credits() == 0; }));
-  for (int chunk = 5; chunk < 9; ++chunk) {
-    Ack(handler, link);
-    ASSERT_TRUE(WaitUntil([&] { return link.chunks == chunk + 1; }));
+  for (const int limit : {5, 8}) {
+    SCOPED_TRACE(limit);
+    LogCapture log;
+    ScriptedLink link;
+    CFileTransferHandler handler(&link, {std::uint64_t{kFileChunkSize} * limit + 1});
+    auto sent = std::async(std::launch::async, [&] { return handler.SendFile(source, "/remote", Request()); });
+    // The copy request goes alone until it is accepted; it announces the size.
+    EXPECT_EQ(link.at(0), Posted(kFileRequest, cAnnouncedCopy::Build("/remote", content.size())));
+    Feed(handler, {kFileAccepted});
+    ASSERT_TRUE(WaitUntil([&] { return link.chunks == 5 && handler.InFlight().inFlight == 5; }));
+    for (int acked = 1; acked <= 8; ++acked) {
+      Ack(handler, link);
+      const int expected = std::min(13, acked + std::min(limit, 5 + acked));
+      ASSERT_TRUE(WaitUntil([&] { return link.chunks == expected; })) << link.chunks;
+    }
+    for (int i = 8; i < 13; ++i) Ack(handler, link);
+    // Acknowledgements of nothing are one protocol error and open no room.
+    for (int i = 0; i < 3; ++i) Feed(handler, {kFileChunkWritten});
+    EXPECT_EQ(handler.InFlight().inFlight, 0);
+    EXPECT_EQ(log.count("protocol error: the peer acknowledges more than was sent"), 1u);
+    Feed(handler, "0F");
+    auto result = sent.get();
+    EXPECT_EQ(result->state, kCopyDone);
+    EXPECT_EQ(result->fileName, source);
+    EXPECT_EQ(link.maxUnacknowledged.load(), limit);
+    EXPECT_EQ(link.at(13), Posted(kFileTraffic, content.substr(kFileChunkSize * 12) + kFileLastChunk));
   }
-  for (int i = 0; i < 5; ++i) Ack(handler, link);
-  // A surplus acknowledgement cannot widen the window beyond five.
-  Feed(handler, {kFileChunkWritten});
-  EXPECT_LE(handler.Credits(), CFileTransferHandler::kWindow);
-  Feed(handler, "0F");
+}
 
-  auto result = sent.get();
-  EXPECT_EQ(result->state, kCopyDone);
-  EXPECT_EQ(result->fileName, source);
-  EXPECT_EQ(link.maxUnacknowledged.load(), 5);
-  // 8 full chunks "B" and the remaining 10 bytes with "C".
-  EXPECT_EQ(link.chunks.load(), 9);
-  EXPECT_EQ(link.at(9), Posted(kFileTraffic, content.substr(kFileChunkSize * 8) + kFileLastChunk));
+TEST(FileTransferHandlerSend, APeerThatStopsAnsweringFailsTheCopyAndIsToldToAbort) {
+  // Silent before accepting, after some chunks, and before its final report.
+  TempDir dir;
+  const std::string source = dir.write("src", Pattern(kFileChunkSize * 3));
+  for (const int acks : {-1, 1, 4}) {
+    SCOPED_TRACE(acks);
+    ScriptedLink link;
+    CFileTransferHandler handler(&link, {kFileChunkSize * 2, 300ms});
+    auto sent = std::async(std::launch::async, [&] { return handler.SendFile(source, "/remote", Request()); });
+    link.at(0);
+    if (acks >= 0) Feed(handler, {kFileAccepted});
+    for (int i = 0; i < acks; ++i) {
+      link.at(i + 1);
+      Ack(handler, link);
+    }
+    auto result = sent.get();
+    EXPECT_EQ(result->state, kCopyStopped);
+    EXPECT_EQ(result->fileName, "/remote");
+    EXPECT_EQ(link.at(link.count() - 1), Posted(kFileTraffic, {kFileAbort}));
+    EXPECT_FALSE(handler.Sending());
+  }
 }
 
 TEST(FileTransferHandlerSend, FinalReportKeepsItsDigitCountAndARefusalIsNoCopy) {
@@ -164,7 +191,7 @@ TEST_F(FileTransferHandlerTest, StopWakesSenderAndReceiverAndEndsLaterTransfers)
   auto sent = std::async(std::launch::async, [&] { return handler.SendFile(source, "/remote", Request()); });
   EXPECT_EQ(link.at(2), Posted(kFileRequest, cAnnouncedCopy::Build("/remote", kFileChunkSize * 10)));
   Feed(handler, {kFileAccepted});
-  ASSERT_TRUE(WaitUntil([&] { return link.chunks == 5 && handler.Credits() == 0; }));
+  ASSERT_TRUE(WaitUntil([&] { return link.chunks == 5 && handler.InFlight().inFlight == 5; }));
 
   handler.Stop();
   ASSERT_EQ(sent.wait_for(10s), std::future_status::ready);
