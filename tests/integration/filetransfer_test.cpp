@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "bench/tcprelay.h"
 #include "tests/support/servicehelper.h"
 #include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/env/settings.h"
@@ -82,7 +83,9 @@ class FileTransferTest : public ::testing::Test {
     return path;
   }
 
-  ServiceProcess sender;
+  // The copies from `sender` keep the fixed window of five chunks of older
+  // peers; those from `receiver` widen theirs.
+  ServiceProcess sender{"FileCopyWindowBytes = 256000\n"};
   ServiceProcess receiver;
   TestClient client;
   TempDir files;
@@ -139,14 +142,33 @@ TEST_F(FileTransferTest, QueuedCopiesArriveByteIdenticalAndInOrderWhileACopyRuns
   EXPECT_TRUE(ReadFile(files.file("back-dst")) == backContent);
 }
 
-TEST_F(FileTransferTest, ReceiverKilledMidTransferFailsTheCopy) {
-  request(20, bigFile(), files.file("big-copy"));
-  ASSERT_TRUE(receiver.waitLog("ReceiveFile(dstFilePath=")) << receiver.log();
-  receiver.kill();
-  const std::string result = answer(client);
+TEST_F(FileTransferTest, ALongLinkBrokenWithTheWindowFullFailsTheCopyAndLeavesNoPartialFile) {
+  // The receiver's sender widens to its whole window over 100 ms round trips.
+  bench::cDelayRelay relay(std::chrono::milliseconds(50));
+  ASSERT_TRUE(relay.Start(sender.netPort()));
+  TestClient far;
+  ASSERT_TRUE(far.NETInitZ641("far", receiver.clientsPort()));
+  std::filesystem::create_directory(files.file("in"));
+  const std::string text = Request(bigFile(), files.file("in/big-copy"));
+  ASSERT_TRUE(far.NETCopyFileZ1(20, text.data(), static_cast<unsigned>(text.size()),
+                                ("127.0.0.1~" + std::to_string(relay.Port())).c_str()));
+  const auto arrived = [&] {
+    std::error_code ec;
+    std::uintmax_t bytes = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(files.file("in"))) bytes += entry.file_size(ec);
+    return bytes;
+  };
+  ASSERT_TRUE(WaitUntil([&] { return arrived() > (24u << 20); }, 60s)) << arrived();
+  relay.Stop();
+  const std::string result = answer(far);
   EXPECT_TRUE(result.starts_with(Completed(20, kCopyStopped, "")) ||
               result == std::to_string(kNotDelivered) + " #20 Connection to host broke.")
       << result;
+  EXPECT_TRUE(WaitUntil([&] { return std::filesystem::is_empty(files.file("in")); }));
+  // Both go on: the other way, directly.
+  EXPECT_EQ(copy(21, files.write("small", "small"), files.file("in/small")),
+            Completed(21, kCopyDone, files.file("small")));
+  EXPECT_TRUE(sender.running() && receiver.running());
 }
 
 // A file message from a peer played by the test.

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include "bench/tcprelay.h"
 #include "tests/support/servicehelper.h"
 #include "tests/support/tlscerts.h"
 
@@ -126,6 +127,35 @@ TEST_F(NetServiceTest, APeerThatDiesOrHangsAnswersEveryWaitingRequestOnce) {
     ExpectOneBrokenAnswerEach(alice, a, {11, 12, 13});
     EXPECT_TRUE(a.running());
   }
+}
+
+// Across regions: a healthy link of 300 ms round trip (+-50 ms) under the
+// shortest pings, answer time-out and silence limit breaks nothing.
+TEST_F(NetServiceTest, TimersHoldOnAHealthyLongLink) {
+  ServiceProcess a("AnswerTimeoutSeconds = 1\n"), b("AnswerTimeoutSeconds = 1\n");
+  for (auto* service : {&a, &b}) service->setEnv("VANTREL_INTERNAL_PING_TIMEOUT_SECONDS", "1");
+  TestClient alice, bob;
+  Join(a, alice, "alice");
+  Join(b, bob, "bob");
+  bench::cDelayRelay relay(std::chrono::milliseconds(150), std::chrono::milliseconds(25));
+  ASSERT_TRUE(relay.Start(b.netPort()));
+  const std::string bobThere = "bob@127.0.0.1~" + std::to_string(relay.Port());
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < 4; ++i) {
+      const auto start = std::chrono::steady_clock::now();
+      ASSERT_TRUE(alice.NETSendMessageZ1("over", 5, bobThere.c_str())) << a.log();
+      EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(240));
+    }
+    // An idle second: both sides ping across the link.
+    for (auto* service : {&a, &b}) {
+      const std::size_t pings = service->logCount("Sending Ping to host");
+      EXPECT_TRUE(WaitUntil([&] { return service->logCount("Sending Ping to host") > pings; })) << service->log();
+    }
+  }
+  for (auto* service : {&a, &b})
+    for (const char* text : {"not answered by host", "silent for", "CVantrelHostConnection::Terminate("})
+      EXPECT_EQ(service->logCount(text), 0u) << text << "\n" << service->log();
+  EXPECT_EQ(relay.Accepted(), 1);
 }
 
 // A link's peer may answer only what it was asked on that link and in time:
