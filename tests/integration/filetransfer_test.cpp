@@ -58,14 +58,14 @@ class FileTransferTest : public ::testing::Test {
     ASSERT_TRUE(client.NETInitZ641("requester", sender.clientsPort()));
   }
 
-  // Asks `from`'s service to copy `local` to `remote` on the host of `to`.
+  // Asks `from`'s service to copy `local` to `remote` on `host`.
   void request(long id, const std::string& local, const std::string& remote, TestClient& from,
-               const ServiceProcess& to) {
+               const std::string& host) {
     const std::string text = Request(local, remote);
-    ASSERT_TRUE(from.NETCopyFileZ1(id, text.data(), static_cast<unsigned>(text.size()), to.hostText().c_str()));
+    ASSERT_TRUE(from.NETCopyFileZ1(id, text.data(), static_cast<unsigned>(text.size()), host.c_str()));
   }
   void request(long id, const std::string& local, const std::string& remote) {
-    request(id, local, remote, client, receiver);
+    request(id, local, remote, client, receiver.hostText());
   }
   // The next answer `requester` got, described.
   static std::string answer(TestClient& requester, std::chrono::milliseconds timeout = 60s) {
@@ -121,7 +121,7 @@ TEST_F(FileTransferTest, QueuedCopiesArriveByteIdenticalAndInOrderWhileACopyRuns
   ASSERT_TRUE(back.NETInitZ641("backwards", receiver.clientsPort()));
   const std::string backContent = Pattern(30 * kFileChunkSize + 11, 8);
   const std::string backSource = files.write("back-src", backContent);
-  request(500, backSource, files.file("back-dst"), back, sender);
+  request(500, backSource, files.file("back-dst"), back, sender.hostText());
   // Once the back copy arrives, the sender knows the receiver's link; queued
   // before that, the requests could leave over two links and finish out of order.
   ASSERT_TRUE(sender.waitLog("ReceiveFile(dstFilePath=" + files.file("back-dst"))) << sender.log();
@@ -149,9 +149,7 @@ TEST_F(FileTransferTest, ALongLinkBrokenWithTheWindowFullFailsTheCopyAndLeavesNo
   TestClient far;
   ASSERT_TRUE(far.NETInitZ641("far", receiver.clientsPort()));
   std::filesystem::create_directory(files.file("in"));
-  const std::string text = Request(bigFile(), files.file("in/big-copy"));
-  ASSERT_TRUE(far.NETCopyFileZ1(20, text.data(), static_cast<unsigned>(text.size()),
-                                ("127.0.0.1~" + std::to_string(relay.Port())).c_str()));
+  request(20, bigFile(), files.file("in/big-copy"), far, "127.0.0.1~" + std::to_string(relay.Port()));
   const auto arrived = [&] {
     std::error_code ec;
     std::uintmax_t bytes = 0;
