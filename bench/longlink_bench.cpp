@@ -184,8 +184,8 @@ bool RunLongLink(const cBenchOptions& options, cBenchTable& table) {
     }
     arrived += count;
     if (!sink.WaitForCount(arrived, std::chrono::seconds(120))) return Fail("one-way messages were lost at " + where);
-    table.Add({"longlink", "one-way, " + where, SizeText(kMessageSize), "msg/s", static_cast<double>(count) / Seconds(oneWay),
-               std::nullopt, true, std::to_string(count) + " messages"});
+    table.Add({"longlink", "one-way, " + where, SizeText(kMessageSize), "msg/s",
+               static_cast<double>(count) / Seconds(oneWay), std::nullopt, true, std::to_string(count) + " messages"});
   }
 
   // The receiving service's memory while a large copy crosses the 100 ms link.
@@ -195,9 +195,8 @@ bool RunLongLink(const cBenchOptions& options, cBenchTable& table) {
   cDelayRelay relay(std::chrono::milliseconds(50));
   if (!relay.Start(receiver.NetPort())) return Fail("cannot start the relay");
   long peak = before;
-  auto copying = std::async(std::launch::async, [&] {
-    return Copy(client, large, copied, "127.0.0.1~" + std::to_string(relay.Port()));
-  });
+  auto copying = std::async(std::launch::async,
+                            [&] { return Copy(client, large, copied, "127.0.0.1~" + std::to_string(relay.Port())); });
   do peak = std::max(peak, RssKiB(receiver.Pid()));
   while (copying.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready);
   const double seconds = copying.get();
