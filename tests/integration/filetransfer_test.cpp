@@ -83,8 +83,7 @@ class FileTransferTest : public ::testing::Test {
     return path;
   }
 
-  // The copies from `sender` keep the fixed window of five chunks of older
-  // peers; those from `receiver` widen theirs.
+  // `sender` keeps older peers' fixed window of five chunks; `receiver` widens its own.
   ServiceProcess sender{"FileCopyWindowBytes = 256000\n"};
   ServiceProcess receiver;
   TestClient client;

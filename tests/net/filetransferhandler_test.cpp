@@ -122,7 +122,6 @@ TEST(FileTransferHandlerSend, WindowStartsAtFiveAndGrowsByOneChunkPerAcknowledge
     auto result = sent.get();
     EXPECT_EQ(result->state, kCopyDone);
     EXPECT_EQ(link.maxUnacknowledged.load(), limit);
-    EXPECT_EQ(link.at(13), Posted(kFileTraffic, content.substr(kFileChunkSize * 12) + kFileLastChunk));
   }
 }
 
