@@ -31,6 +31,9 @@ struct cBenchOptions {
   std::string serviceProgram;
   // The service's log level; above "info" so that logging stays off the hot path.
   std::string serviceLogLevel = "warning";
+  // The long-link scenario's large copy, whose receiving service's memory is
+  // watched, in MiB.
+  std::size_t largeCopyMiB = 1024;
 };
 
 // One line of the result table. `higherIsBetter` says how to read the ratio.

@@ -67,6 +67,10 @@ int main(int argc, char** argv) {
   std::string clientLogLevel = "critical";
   app.add_option("--client-log-level", clientLogLevel, "log level of the benchmark's own clients")
       ->capture_default_str();
+  std::vector<std::string> settings;
+  app.add_option("--setting", settings, "a 'Key = value' line for every started service (repeatable)");
+  app.add_option("--large-copy-mib", options.largeCopyMiB, "size of longlink's large copy (its memory is watched)")
+      ->capture_default_str();
   app.add_flag("--list", list, "list the scenarios and exit");
   CLI11_PARSE(app, argc, argv);
 
@@ -75,6 +79,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "vantrel-bench: unknown log level '%s'\n", clientLogLevel.c_str());
     return 2;
   }
+  for (const std::string& line : settings) AddBenchSetting(line);
   options.caseBudget = std::chrono::milliseconds(caseMs > 0 ? caseMs : options.quick ? 200 : 1000);
   const std::vector<cScenarioEntry> scenarios = RegisteredScenarios();
   if (list) {

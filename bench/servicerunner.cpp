@@ -23,11 +23,20 @@ constexpr auto kProbeInterval = std::chrono::milliseconds(20);
 constexpr auto kStopTimeout = std::chrono::seconds(20);
 }  // namespace
 
+namespace {
+std::string& ExtraSettings() {
+  static std::string text;
+  return text;
+}
+}  // namespace
+
+void AddBenchSetting(const std::string& line) { ExtraSettings() += "\n" + line + "\n"; }
+
 std::string BenchSettingsText() {
   // The shipped defaults (TLS and clock corrections are off there).
   std::ifstream in(VANTREL_DEFAULT_INI);
   std::ostringstream text;
-  text << in.rdbuf();
+  text << in.rdbuf() << ExtraSettings();
   return text.str();
 }
 

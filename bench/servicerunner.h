@@ -54,7 +54,11 @@ class cBenchService {
 unsigned short FreeTcpPort(bool loopbackOnly);
 
 // The settings both the services and the benchmark's clients use: the shipped
-// defaults, without TLS and without clock corrections.
+// defaults, without TLS and without clock corrections, then the lines given to
+// AddBenchSetting.
 std::string BenchSettingsText();
+// A "Key = value" line every service started afterwards reads after the
+// defaults (set by the driver before any scenario runs).
+void AddBenchSetting(const std::string& line);
 
 }  // namespace vantrel::bench

@@ -7,8 +7,10 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <random>
 
 namespace vantrel::bench {
 
@@ -271,6 +273,140 @@ void cFloorEndpoint::Close() {
   if (counter_.joinable()) counter_.join();
   if (fd_ >= 0) ::close(fd_);
   fd_ = -1;
+}
+
+// ---- delaying relay ----------------------------------------------------------
+
+// One direction of one connection: what was read, each piece with the time it
+// is due on the other side.
+struct cDelayRelay::cPipe {
+  int from = -1;
+  int to = -1;
+  std::mutex mutex;
+  std::condition_variable changed;
+  struct cPiece {
+    std::chrono::steady_clock::time_point due;
+    std::vector<char> bytes;  // empty: the end of the stream
+  };
+  std::deque<cPiece> pieces;  // guarded by mutex
+  bool broken = false;        // guarded by mutex
+  std::chrono::steady_clock::time_point lastDue;
+  std::minstd_rand random{12345};
+};
+
+cDelayRelay::cDelayRelay(std::chrono::microseconds oneWay, std::chrono::microseconds jitter)
+    : oneWay_(oneWay), jitter_(jitter) {}
+
+cDelayRelay::~cDelayRelay() { Stop(); }
+
+bool cDelayRelay::Start(unsigned short targetPort) {
+  targetPort_ = targetPort;
+  listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (listener_ < 0) return false;
+  const int on = 1;
+  ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(listener_, 16) != 0 ||
+      ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+    return false;
+  port_ = ntohs(address.sin_port);
+  acceptThread_ = std::thread([this] { AcceptLoop(); });
+  return true;
+}
+
+void cDelayRelay::AcceptLoop() {
+  while (!stopping_) {
+    const int near = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (near < 0) {
+      if (errno == EINTR || errno == ECONNABORTED) continue;
+      return;
+    }
+    const int far = ConnectLoopback(targetPort_);
+    if (far < 0) {
+      ::close(near);
+      continue;
+    }
+    NoDelay(near);
+    ++accepted_;
+    std::lock_guard<std::mutex> guard(mutex_);
+    for (const auto& [from, to] : {std::pair{near, far}, std::pair{far, near}}) {
+      pipes_.push_back(std::make_unique<cPipe>());
+      cPipe& pipe = *pipes_.back();
+      pipe.from = from;
+      pipe.to = to;
+      threads_.emplace_back([this, &pipe] { Read(pipe); });
+      threads_.emplace_back([this, &pipe] { Write(pipe); });
+    }
+    if (stopping_) {
+      ::shutdown(near, SHUT_RDWR);
+      ::shutdown(far, SHUT_RDWR);
+    }
+  }
+}
+
+void cDelayRelay::Read(cPipe& pipe) {
+  std::uniform_int_distribution<long long> spread(-jitter_.count(), jitter_.count());
+  for (;;) {
+    std::vector<char> bytes(256 * 1024);
+    const ssize_t got = ::recv(pipe.from, bytes.data(), bytes.size(), 0);
+    if (got < 0 && errno == EINTR) continue;
+    bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    auto due = std::chrono::steady_clock::now() + oneWay_ + std::chrono::microseconds(spread(pipe.random));
+    // Jitter may delay a piece, never let it overtake the one before.
+    due = std::max(due, pipe.lastDue);
+    pipe.lastDue = due;
+    std::lock_guard<std::mutex> guard(pipe.mutex);
+    pipe.pieces.push_back({due, std::move(bytes)});
+    pipe.changed.notify_all();
+    if (got <= 0) return;
+  }
+}
+
+void cDelayRelay::Write(cPipe& pipe) {
+  std::unique_lock<std::mutex> lock(pipe.mutex);
+  for (;;) {
+    pipe.changed.wait(lock, [&] { return !pipe.pieces.empty() || pipe.broken; });
+    if (pipe.broken) return;
+    const auto due = pipe.pieces.front().due;
+    if (pipe.changed.wait_until(lock, due, [&] { return pipe.broken; })) return;
+    std::vector<char> bytes = std::move(pipe.pieces.front().bytes);
+    pipe.pieces.pop_front();
+    lock.unlock();
+    // The end of the stream (or a broken read) goes on as a half close.
+    const bool ok = !bytes.empty() && WriteAll(pipe.to, bytes.data(), bytes.size());
+    if (!ok) {
+      ::shutdown(pipe.to, SHUT_WR);
+      if (!bytes.empty()) ::shutdown(pipe.from, SHUT_RDWR);
+      return;
+    }
+    lock.lock();
+  }
+}
+
+void cDelayRelay::Stop() {
+  stopping_ = true;
+  if (listener_ >= 0) ::shutdown(listener_, SHUT_RDWR);
+  if (acceptThread_.joinable()) acceptThread_.join();
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    for (auto& pipe : pipes_) {
+      ::shutdown(pipe->from, SHUT_RDWR);
+      std::lock_guard<std::mutex> pipeGuard(pipe->mutex);
+      pipe->broken = true;
+      pipe->changed.notify_all();
+    }
+  }
+  for (std::thread& thread : threads_)
+    if (thread.joinable()) thread.join();
+  threads_.clear();
+  // Each connection appears as `from` of one of its two pipes.
+  for (auto& pipe : pipes_) ::close(pipe->from);
+  pipes_.clear();
+  if (listener_ >= 0) ::close(listener_);
+  listener_ = -1;
 }
 
 }  // namespace vantrel::bench

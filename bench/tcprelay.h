@@ -16,8 +16,11 @@
 // destructor). An endpoint is used by one thread at a time, except that a
 // receiving endpoint's counting thread runs beside the sending thread.
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -114,6 +117,57 @@ class cFloorEndpoint {
   std::mutex mutex_;
   std::condition_variable changed_;
   bool ended_ = false;
+};
+
+// A long link between two programs on one machine: a byte-for-byte TCP
+// forwarder that holds what it reads in each direction for a set delay (half a
+// round trip), with optional jitter, before writing it on. Bytes are never
+// reordered (a piece is never due before the one read ahead of it) and never
+// throttled: only the delay and the peers' own windows limit the rate. No
+// kernel support is needed.
+//
+// Every accepted connection gets a connection to `targetPort` and two pumps
+// (a reader and a writer thread per direction). A reader that meets the end of
+// its stream passes it on after the data before it; Stop breaks every
+// connection at once, as a failed network would.
+//
+// Ownership: the creator owns the relay; the relay owns its listener, its
+// connections and its threads (joined by Stop or the destructor). Start and
+// Stop are called by one thread; the pumps share only their queues (each with
+// its own lock).
+class cDelayRelay {
+ public:
+  // `oneWay` delays each direction; `jitter` adds a uniform ±jitter to each
+  // piece, as far as the order of the bytes allows.
+  cDelayRelay(std::chrono::microseconds oneWay, std::chrono::microseconds jitter = {});
+  ~cDelayRelay();
+  cDelayRelay(const cDelayRelay&) = delete;
+  cDelayRelay& operator=(const cDelayRelay&) = delete;
+
+  // Listens on a free loopback port and forwards to `targetPort` on loopback.
+  bool Start(unsigned short targetPort);
+  void Stop();
+  unsigned short Port() const { return port_; }
+  // Connections accepted so far.
+  int Accepted() const { return accepted_.load(); }
+
+ private:
+  struct cPipe;
+  void AcceptLoop();
+  void Read(cPipe& pipe);
+  void Write(cPipe& pipe);
+
+  const std::chrono::microseconds oneWay_;
+  const std::chrono::microseconds jitter_;
+  unsigned short targetPort_ = 0;
+  int listener_ = -1;
+  unsigned short port_ = 0;
+  std::atomic<int> accepted_{0};
+  std::atomic<bool> stopping_{false};
+  std::thread acceptThread_;
+  std::mutex mutex_;  // guards pipes_ and threads_
+  std::vector<std::unique_ptr<cPipe>> pipes_;
+  std::vector<std::thread> threads_;
 };
 
 }  // namespace vantrel::bench

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "bench/tcprelay.h"
 #include "tests/support/servicehelper.h"
 #include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/env/settings.h"
@@ -57,14 +58,14 @@ class FileTransferTest : public ::testing::Test {
     ASSERT_TRUE(client.NETInitZ641("requester", sender.clientsPort()));
   }
 
-  // Asks `from`'s service to copy `local` to `remote` on the host of `to`.
+  // Asks `from`'s service to copy `local` to `remote` on `host`.
   void request(long id, const std::string& local, const std::string& remote, TestClient& from,
-               const ServiceProcess& to) {
+               const std::string& host) {
     const std::string text = Request(local, remote);
-    ASSERT_TRUE(from.NETCopyFileZ1(id, text.data(), static_cast<unsigned>(text.size()), to.hostText().c_str()));
+    ASSERT_TRUE(from.NETCopyFileZ1(id, text.data(), static_cast<unsigned>(text.size()), host.c_str()));
   }
   void request(long id, const std::string& local, const std::string& remote) {
-    request(id, local, remote, client, receiver);
+    request(id, local, remote, client, receiver.hostText());
   }
   // The next answer `requester` got, described.
   static std::string answer(TestClient& requester, std::chrono::milliseconds timeout = 60s) {
@@ -82,7 +83,8 @@ class FileTransferTest : public ::testing::Test {
     return path;
   }
 
-  ServiceProcess sender;
+  // `sender` keeps older peers' fixed window of five chunks; `receiver` widens its own.
+  ServiceProcess sender{"FileCopyWindowBytes = 256000\n"};
   ServiceProcess receiver;
   TestClient client;
   TempDir files;
@@ -118,7 +120,7 @@ TEST_F(FileTransferTest, QueuedCopiesArriveByteIdenticalAndInOrderWhileACopyRuns
   ASSERT_TRUE(back.NETInitZ641("backwards", receiver.clientsPort()));
   const std::string backContent = Pattern(30 * kFileChunkSize + 11, 8);
   const std::string backSource = files.write("back-src", backContent);
-  request(500, backSource, files.file("back-dst"), back, sender);
+  request(500, backSource, files.file("back-dst"), back, sender.hostText());
   // Once the back copy arrives, the sender knows the receiver's link; queued
   // before that, the requests could leave over two links and finish out of order.
   ASSERT_TRUE(sender.waitLog("ReceiveFile(dstFilePath=" + files.file("back-dst"))) << sender.log();
@@ -139,14 +141,31 @@ TEST_F(FileTransferTest, QueuedCopiesArriveByteIdenticalAndInOrderWhileACopyRuns
   EXPECT_TRUE(ReadFile(files.file("back-dst")) == backContent);
 }
 
-TEST_F(FileTransferTest, ReceiverKilledMidTransferFailsTheCopy) {
-  request(20, bigFile(), files.file("big-copy"));
-  ASSERT_TRUE(receiver.waitLog("ReceiveFile(dstFilePath=")) << receiver.log();
-  receiver.kill();
-  const std::string result = answer(client);
+TEST_F(FileTransferTest, ALongLinkBrokenWithTheWindowFullFailsTheCopyAndLeavesNoPartialFile) {
+  // The receiver's sender widens to its whole window over 100 ms round trips.
+  bench::cDelayRelay relay(std::chrono::milliseconds(50));
+  ASSERT_TRUE(relay.Start(sender.netPort()));
+  TestClient far;
+  ASSERT_TRUE(far.NETInitZ641("far", receiver.clientsPort()));
+  std::filesystem::create_directory(files.file("in"));
+  request(20, bigFile(), files.file("in/big-copy"), far, "127.0.0.1~" + std::to_string(relay.Port()));
+  const auto arrived = [&] {
+    std::error_code ec;
+    std::uintmax_t bytes = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(files.file("in"))) bytes += entry.file_size(ec);
+    return bytes;
+  };
+  ASSERT_TRUE(WaitUntil([&] { return arrived() > (24u << 20); }, 60s)) << arrived();
+  relay.Stop();
+  const std::string result = answer(far);
   EXPECT_TRUE(result.starts_with(Completed(20, kCopyStopped, "")) ||
               result == std::to_string(kNotDelivered) + " #20 Connection to host broke.")
       << result;
+  EXPECT_TRUE(WaitUntil([&] { return std::filesystem::is_empty(files.file("in")); }));
+  // Both go on: the other way, directly.
+  EXPECT_EQ(copy(21, files.write("small", "small"), files.file("in/small")),
+            Completed(21, kCopyDone, files.file("small")));
+  EXPECT_TRUE(sender.running() && receiver.running());
 }
 
 // A file message from a peer played by the test.

@@ -6,7 +6,9 @@
 #include <future>
 #include <set>
 #include <string>
+#include <tuple>
 
+#include "bench/tcprelay.h"
 #include "tests/support/servicehelper.h"
 #include "tests/support/tlscerts.h"
 
@@ -126,6 +128,31 @@ TEST_F(NetServiceTest, APeerThatDiesOrHangsAnswersEveryWaitingRequestOnce) {
     ExpectOneBrokenAnswerEach(alice, a, {11, 12, 13});
     EXPECT_TRUE(a.running());
   }
+}
+
+// A healthy link of 300 ms (+-50 ms) round trip under the shortest pings,
+// answer time-out and silence limit: nothing fires.
+TEST_F(NetServiceTest, TimersHoldOnAHealthyLongLink) {
+  ServiceProcess a("AnswerTimeoutSeconds = 1\n"), b("AnswerTimeoutSeconds = 1\n");
+  TestClient alice, bob;
+  for (auto [service, client, name] : {std::tuple{&a, &alice, "alice"}, {&b, &bob, "bob"}}) {
+    service->setEnv("VANTREL_INTERNAL_PING_TIMEOUT_SECONDS", "1");
+    Join(*service, *client, name);
+  }
+  bench::cDelayRelay relay(std::chrono::milliseconds(150), std::chrono::milliseconds(25));
+  ASSERT_TRUE(relay.Start(b.netPort()));
+  const std::string bobThere = "bob@127.0.0.1~" + std::to_string(relay.Port());
+  for (int i = 0; i < 8; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(alice.NETSendMessageZ1("over", 5, bobThere.c_str())) << a.log();
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(240));
+    // Halfway, an idle time in which both sides ping.
+    for (auto* service : {&a, &b}) EXPECT_TRUE(i != 3 || service->waitLog("Sending Ping to host")) << service->log();
+  }
+  for (auto* service : {&a, &b})
+    for (const char* text : {"not answered by host", "silent for", "CVantrelHostConnection::Terminate("})
+      EXPECT_EQ(service->logCount(text), 0u) << text << "\n" << service->log();
+  EXPECT_EQ(relay.Accepted(), 1);
 }
 
 // A link's peer may answer only what it was asked on that link and in time:

@@ -1,5 +1,6 @@
 #include "vantrel/net/FileTransferHandler.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <utility>
@@ -21,7 +22,13 @@ constexpr int kStopped = kCopyStopped;
 std::atomic<CFileTransferHandler::tChunkReadHook> gChunkReadHook{nullptr};
 }  // namespace
 
-CFileTransferHandler::CFileTransferHandler(iFileTransferLink* link) : link_(link) {
+int cCopyFlowLimits::WindowChunks() const {
+  const std::uint64_t chunks = windowBytes / kFileChunkSize;
+  return static_cast<int>(std::clamp<std::uint64_t>(chunks, 1, 1u << 20));
+}
+
+CFileTransferHandler::CFileTransferHandler(iFileTransferLink* link, cCopyFlowLimits limits)
+    : link_(link), limits_(limits) {
   VLOG_INFO("CFileTransferHandler::CFileTransferHandler - initializing.");
 }
 
@@ -31,9 +38,9 @@ void CFileTransferHandler::SetChunkReadHook(tChunkReadHook hook) {
   gChunkReadHook.store(hook, std::memory_order_release);
 }
 
-int CFileTransferHandler::Credits() const {
+cCopyInFlight CFileTransferHandler::InFlight() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return credits_;
+  return flight_;
 }
 
 bool CFileTransferHandler::Sending() const {
@@ -53,36 +60,70 @@ void CFileTransferHandler::post(const cVantrelMessage& request, bool back, const
            : VantrelToolKit::CreateSendHostEvent(request, data, length, type, QTYPE_SYNC)));
 }
 
-void CFileTransferHandler::reserveCredit() {
+void CFileTransferHandler::reserve() {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (credits_ > 0) --credits_;
+  ++flight_.inFlight;
 }
 
-void CFileTransferHandler::awaitCredit() {
+template <class Done>
+bool CFileTransferHandler::awaitPeer(std::unique_lock<std::mutex>& lock, Done done) {
+  // The deadline moves with every answer of the peer: a slow link that keeps
+  // acknowledging never times out, a silent one does.
+  for (;;) {
+    const auto deadline = lastHeard_ + limits_.ackTimeout;
+    if (cond_.wait_until(lock, deadline, done)) return true;
+    if (std::chrono::steady_clock::now() >= lastHeard_ + limits_.ackTimeout) return false;
+  }
+}
+
+bool CFileTransferHandler::awaitRoom() {
   std::unique_lock<std::mutex> lock(mutex_);
-  cond_.wait(lock, [this] { return !(sending_ && credits_ == 0); });
+  return awaitPeer(lock, [this] { return !sending_ || flight_.Room(); });
 }
 
-void CFileTransferHandler::waitForWindow() {
+bool CFileTransferHandler::awaitAccepted() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return awaitPeer(lock, [this] { return !sending_ || flight_.inFlight == 0; });
+}
+
+bool CFileTransferHandler::waitForWindow() {
   std::unique_lock<std::mutex> lock(mutex_);
   // Reads the receiving flag on purpose: a host that only sends does not wait
   // here, and the peers are built around that.
-  cond_.wait(lock, [this] { return !(receiving_ && credits_ < window_); });
+  return awaitPeer(lock, [this] { return !receiving_ || flight_.inFlight == 0; });
 }
 
-bool CFileTransferHandler::waitSendingEnded(long milliseconds) {
+bool CFileTransferHandler::awaitSendingEnded() {
   std::unique_lock<std::mutex> lock(mutex_);
-  return cond_.wait_for(lock, std::chrono::milliseconds(milliseconds), [this] { return !sending_; });
+  return awaitPeer(lock, [this] { return !sending_; });
 }
 
 void CFileTransferHandler::finish(int state) {
   std::lock_guard<std::mutex> lock(mutex_);
   sending_ = false;
-  credits_ = kWindow;
+  flight_.inFlight = 0;
   // A report of success before the destination was accepted comes from a peer
   // that reads one digit: it could not open the destination.
   finalState_ = state == kCopied && !accepted_ ? kOpenFailed : state;
   cond_.notify_all();
+}
+
+void CFileTransferHandler::abandon(const cVantrelMessage& request, const std::string& dstPath) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    sending_ = false;
+    flight_.inFlight = 0;
+    finalState_ = kStopped;
+    cond_.notify_all();
+  }
+  VLOG_ERROR("CFileTransferHandler::SendFile - no answer from %s for %lld s; the copy to %s is abandoned",
+             vantrel::log::Escaped(link_->HostText()),
+             static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(limits_.ackTimeout).count()),
+             vantrel::log::Escaped(dstPath));
+  // A receiver that is only slow drops its partial file and reports; that late
+  // report finds no copy waiting for it.
+  const char abort = kFileAbort;
+  post(request, false, &abort, 1, kFileTraffic);
 }
 
 std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::string& localPath,
@@ -102,8 +143,8 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     }
     sending_ = true;
     accepted_ = false;
-    credits_ = kWindow;
-    window_ = kWindow;
+    flight_.Begin(limits_.WindowChunks());
+    lastHeard_ = std::chrono::steady_clock::now();
   }
   cCopySource source;
   const int opened = source.Open(requester, localPath);
@@ -121,31 +162,27 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
   }
   const std::uint64_t announced = source.Status().size;
 
-  // The copy request: one credit, returned by the peer's "A".
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    credits_ = 1;
-    window_ = 1;
-  }
-  reserveCredit();
+  // The copy request goes alone; the peer's "A" acknowledges it.
+  reserve();
   const std::string requestData = cAnnouncedCopy::Build(dstPath, announced);
   post(request, false, requestData.data(), static_cast<unsigned>(requestData.size()), kFileRequest);
-  awaitCredit();
-
-  {
+  bool answering = awaitAccepted();
+  if (answering) {
     std::lock_guard<std::mutex> lock(mutex_);
-    credits_ = kWindow;
-    window_ = kWindow;
+    flight_.Open();
   }
+
   const tChunkReadHook hook = gChunkReadHook.load(std::memory_order_acquire);
   std::uint64_t total = 0;
   bool finished = false;
-  for (;;) {
+  while (answering && !finished) {
+    // Room first, then the read: a chunk is never held while the window is full.
+    answering = awaitRoom();
+    if (!answering) break;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (!sending_) break;
     }
-    if (finished) break;
     // The chunk is read straight into its record; only a short last chunk is
     // copied once more, into a record of its own size.
     std::unique_ptr<VantrelHostEvent> chunk(
@@ -175,19 +212,18 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
       chunk.reset(VantrelToolKit::CreateSendHostEvent(request, data, static_cast<unsigned>(count + 1), kFileTraffic,
                                                       QTYPE_SYNC));
     }
-    reserveCredit();
+    reserve();
     link_->PostFileEvent(std::move(chunk));
-    awaitCredit();
     if (last) {
-      waitForWindow();
-      finished = true;
+      answering = waitForWindow();
+      finished = answering;
     }
   }
   const bool closeFailed = !source.File().Close();
 
   int state = kCopied;
   bool decided = false;
-  if (!finished) {
+  if (answering && !finished) {
     bool stillSending = false;
     bool stopped = false;
     {
@@ -199,8 +235,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
       const char abort = kFileAbort;
       post(request, false, &abort, 1, kFileTraffic);
       if (stillSending) {
-        while (!waitSendingEnded(kSendPollMs)) {
-        }
+        answering = awaitSendingEnded();
         state = kSenderFailed;
       } else {
         state = kStopped;
@@ -208,9 +243,8 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
       decided = true;
     }
   }
-  if (!decided) {
-    while (!waitSendingEnded(kSendPollMs)) {
-    }
+  if (answering && !decided) {
+    answering = awaitSendingEnded();
     int finalState = 0;
     bool stopped = false;
     {
@@ -224,6 +258,10 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     } else {
       state = closeFailed ? kCloseFailed : kCopied;
     }
+  }
+  if (!answering) {
+    abandon(request, dstPath);
+    state = kStopped;
   }
   if (state == kStopped) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -351,7 +389,7 @@ void CFileTransferHandler::HandleFileEvent(std::unique_ptr<VantrelHostEvent> eve
       std::lock_guard<std::mutex> lock(mutex_);
       accepted_ = true;
     }
-      SetFileChunkEventAck();
+      acknowledge(false);
       return;
     case kFileChunkWritten:
       SetFileChunkEventAck();
@@ -390,16 +428,29 @@ void CFileTransferHandler::PutFileChunkEvent(std::unique_ptr<VantrelHostEvent> e
   chunks_.putEvent(event.release());
 }
 
-void CFileTransferHandler::SetFileChunkEventAck() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (credits_ < window_) {
-    ++credits_;
-  } else {
-    // An acknowledgement nobody waits for must not open the window wider.
-    VLOG_WARN("CFileTransferHandler::SetFileChunkEventAck - unexpected acknowledgement ignored");
+void CFileTransferHandler::SetFileChunkEventAck() { acknowledge(true); }
+
+void CFileTransferHandler::acknowledge(bool grow) {
+  bool surplus = false;
+  int window = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lastHeard_ = std::chrono::steady_clock::now();
+    // An acknowledgement of nothing must not let more than the window go.
+    if (!flight_.Acknowledge(grow) && !flight_.surplusReported) {
+      flight_.surplusReported = true;
+      surplus = true;
+    }
+    window = flight_.window;
+    cond_.notify_all();
   }
-  cond_.notify_all();
-  VLOG_DEBUG("CFileTransferHandler::SetFileChunkEventAck(Counter=%d)", credits_);
+  if (surplus) {
+    VLOG_ERROR(
+        "CFileTransferHandler::SetFileChunkEventAck - protocol error: %s acknowledges more than was sent; the "
+        "surplus is ignored",
+        vantrel::log::Escaped(link_->HostText()));
+  }
+  VLOG_DEBUG("CFileTransferHandler::SetFileChunkEventAck(Counter=%d)", window);
 }
 
 void CFileTransferHandler::Stop() {
@@ -407,7 +458,7 @@ void CFileTransferHandler::Stop() {
   std::lock_guard<std::mutex> lock(mutex_);
   stopRequested_ = true;
   sending_ = false;
-  credits_ = kWindow;
+  flight_.inFlight = 0;
   finalState_ = kStopped;
   receiving_ = false;
   chunks_.TerminateZ72();

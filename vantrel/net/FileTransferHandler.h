@@ -6,7 +6,12 @@
 // request. The handler posts the copy request (wire::kFileRequest), waits for
 // the peer's kFileAccepted, then streams chunks of up to kFileChunkSize bytes,
 // each followed by a marker letter (kFileChunk: more follow, kFileLastChunk),
-// with at most `window` chunks waiting for their kFileChunkWritten. The peer's
+// with at most a window of chunks waiting for their kFileChunkWritten. The
+// window starts at five chunks and grows by one with every acknowledgement
+// (each acknowledged chunk lets two more go, as TCP's slow start does) up to
+// the limit the settings give, so a long link is kept full while a short one
+// never holds more in flight than it needs. A peer that stops acknowledging
+// for the answer time-out fails the copy; the peer's
 // final report ("<digits>" then kFileFinal) ends the transfer. Every message
 // after the request is wire::kFileTraffic, named by its last byte.
 // The request carries the destination path and, after its NUL, the size of
@@ -24,8 +29,10 @@
 // posted.
 // Threads: SendFile runs on the worker's file writer, ReceiveFile on its file
 // reader, HandleFileEvent on the link's reader, Stop/AbortReceive on whichever
-// thread terminates the link or restarts its file reader. Credits, window,
-// flags and the final state are guarded by the monitor (mutex_ + cond_).
+// thread terminates the link or restarts its file reader. The copy in flight,
+// the flags and the final state are guarded by the monitor (mutex_ + cond_).
+#include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -33,6 +40,7 @@
 #include <optional>
 #include <string>
 
+#include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/platform/eventqueue.h"
 #include "vantrel/message/vantrelevents.h"
 #include "vantrel/net/filecopy.h"
@@ -44,6 +52,52 @@ class iFileTransferLink {
   virtual ~iFileTransferLink() = default;
   // Sends `event` to the peer after everything posted before it.
   virtual void PostFileEvent(std::unique_ptr<VantrelHostEvent> event) = 0;
+  // The peer's address text, for log lines.
+  virtual std::string HostText() const { return "the peer"; }
+};
+
+// How far a sender may run ahead of its peer.
+struct cCopyFlowLimits {
+  // The most file bytes sent and not yet acknowledged.
+  std::uint64_t windowBytes = nVantrelIni::kDefaultFileCopyWindowBytes;
+  // A copy whose peer says nothing for this long fails.
+  std::chrono::milliseconds ackTimeout{std::chrono::seconds(nVantrelIni::kDefaultAnswerTimeoutSeconds)};
+
+  static cCopyFlowLimits From(std::uint64_t windowBytes, long answerTimeoutSeconds) {
+    return {windowBytes, std::chrono::seconds(answerTimeoutSeconds)};
+  }
+  // The window in whole chunks, at least one.
+  int WindowChunks() const;
+};
+
+// The copy a handler is sending, as far as the peer has confirmed it. One
+// value under the handler's monitor; what is known of a copy in flight is kept
+// here, so that whoever reports on copies reads one snapshot.
+struct cCopyInFlight {
+  static constexpr int kInitialChunks = 5;
+  int limit = kInitialChunks;   // the window may grow to this many messages
+  int window = kInitialChunks;  // messages that may be unacknowledged now
+  int inFlight = 0;             // messages sent and not yet acknowledged
+  bool surplusReported = false;
+
+  // A new copy: only its request may be unacknowledged until it is accepted.
+  void Begin(int limitChunks) {
+    limit = limitChunks;
+    window = 1;
+    inFlight = 0;
+    surplusReported = false;
+  }
+  // The request was accepted: chunks may go, starting from the initial window.
+  void Open() { window = std::min(kInitialChunks, limit); }
+  bool Room() const { return inFlight < window; }
+  // One acknowledgement; with `grow` it also widens the window by one. False
+  // when nothing was unacknowledged: a surplus that changes nothing.
+  bool Acknowledge(bool grow) {
+    if (inFlight == 0) return false;
+    --inFlight;
+    if (grow && window < limit) ++window;
+    return true;
+  }
 };
 
 // Outcome of one SendFile: the completion state and the path it concerns.
@@ -54,11 +108,9 @@ struct cFileTransferResult {
 
 class CFileTransferHandler {
  public:
-  static constexpr int kWindow = 5;
   static constexpr long kChunkWaitMs = 60000;
-  static constexpr long kSendPollMs = 1000;
 
-  explicit CFileTransferHandler(iFileTransferLink* link);
+  explicit CFileTransferHandler(iFileTransferLink* link, cCopyFlowLimits limits = {});
   virtual ~CFileTransferHandler();
   CFileTransferHandler(const CFileTransferHandler&) = delete;
   CFileTransferHandler& operator=(const CFileTransferHandler&) = delete;
@@ -84,7 +136,7 @@ class CFileTransferHandler {
   void HandleFileEvent(std::unique_ptr<VantrelHostEvent> event);
   // Queues a received chunk for ReceiveFile.
   void PutFileChunkEvent(std::unique_ptr<VantrelHostEvent> event);
-  // One chunk has been acknowledged: returns one credit.
+  // One chunk has been acknowledged: frees its place and widens the window.
   void SetFileChunkEventAck();
 
   // The link is going: ends a send and a receive in progress with kCopyStopped and
@@ -106,7 +158,7 @@ class CFileTransferHandler {
   static void SetChunkReadHook(tChunkReadHook hook);
 
   // Observers for tests and diagnostics (taken under the monitor).
-  int Credits() const;
+  cCopyInFlight InFlight() const;
   bool Sending() const;
   bool Receiving() const;
 
@@ -117,21 +169,31 @@ class CFileTransferHandler {
 
  private:
   void post(const cVantrelMessage& request, bool back, const char* data, unsigned length, short type);
-  // Taking a credit: reserved before the message goes out, so that an answer
-  // quicker than this thread is counted; then waited for while none is left.
-  void reserveCredit();
-  void awaitCredit();
-  void waitForWindow();
-  // True when sending ended (by the final report or Stop) within `milliseconds`.
-  bool waitSendingEnded(long milliseconds);
+  // Counts one more message in flight; done before it goes out, so that an
+  // answer quicker than this thread finds it counted.
+  void reserve();
+  // Each waits under the monitor until its condition holds or the peer has said
+  // nothing for the acknowledgement time-out; false on the time-out.
+  bool awaitRoom();
+  bool awaitAccepted();
+  bool waitForWindow();
+  bool awaitSendingEnded();
+  template <class Done>
+  bool awaitPeer(std::unique_lock<std::mutex>& lock, Done done);
+  void acknowledge(bool grow);
   void finish(int state);
+  // The peer has stopped answering: ends the send as failed and tells the
+  // peer to drop what it has.
+  void abandon(const cVantrelMessage& request, const std::string& dstPath);
 
   iFileTransferLink* const link_;
+  const cCopyFlowLimits limits_;
 
   mutable std::mutex mutex_;
   std::condition_variable cond_;
-  int credits_ = kWindow;
-  int window_ = kWindow;
+  cCopyInFlight flight_;
+  // When the peer last answered the copy being sent.
+  std::chrono::steady_clock::time_point lastHeard_;
   bool sending_ = false;
   bool receiving_ = false;
   bool stopRequested_ = false;

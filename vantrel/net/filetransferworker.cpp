@@ -13,12 +13,12 @@
 
 cFileTransferWorker::cFileTransferWorker(iFileTransferWorkerLink* link, iVantrelRouter* router,
                                          nParallel::nImplementation_sho::cThreadAttributes threadAttributes,
-                                         std::shared_ptr<const cCopyPolicy> copies)
+                                         std::shared_ptr<const cCopyPolicy> copies, cCopyFlowLimits flow)
     : link_(link),
       router_(router),
       threadAttributes_(std::move(threadAttributes)),
       copies_(std::move(copies)),
-      handler_(link) {}
+      handler_(link, flow) {}
 
 cFileTransferWorker::~cFileTransferWorker() { Stop(); }
 

@@ -38,17 +38,17 @@ class iFileTransferWorkerLink : public iFileTransferLink {
   virtual bool IsConnected() const = 0;
   // Blocks until the link has connected or failed to; true when connected.
   virtual bool AwaitConnection() = 0;
-  // The peer's address text, for log lines.
-  virtual std::string HostText() const = 0;
+  std::string HostText() const override = 0;
 };
 
 class cFileTransferWorker {
  public:
   // `router` may be null (nothing is answered). `copies` limits what the
-  // peer's copy requests may write (null: anywhere).
+  // peer's copy requests may write (null: anywhere); `flow` bounds this side's
+  // copies to the peer.
   cFileTransferWorker(iFileTransferWorkerLink* link, iVantrelRouter* router,
                       nParallel::nImplementation_sho::cThreadAttributes threadAttributes,
-                      std::shared_ptr<const cCopyPolicy> copies = nullptr);
+                      std::shared_ptr<const cCopyPolicy> copies = nullptr, cCopyFlowLimits flow = {});
   // Stops; the link must not call the worker any more.
   ~cFileTransferWorker();
   cFileTransferWorker(const cFileTransferWorker&) = delete;

@@ -58,6 +58,8 @@ struct cVantrelConnectionContext {
   // most answerTimeoutSeconds.
   long linkSilenceSeconds = 0;
   long answerTimeoutSeconds = 120;
+  // Bytes a copy to the peer may have unacknowledged.
+  std::uint64_t fileCopyWindowBytes = std::uint64_t{8} << 20;
   // What file copies may touch; null: no limits beyond the requester's rights.
   std::shared_ptr<const cCopyPolicy> copies;
 };

@@ -52,7 +52,8 @@ CVantrelHostConnection::CVantrelHostConnection(const std::string& hostText,
       lastReceived_(RQPSysTime()),
       answers_(std::make_shared<cAnswerPath>(
           [this](const cVantrelMessage& request, bool delivered) { answerPeer(request, delivered); })),
-      files_(this, context_->router, context_->threadAttributes, context_->copies) {
+      files_(this, context_->router, context_->threadAttributes, context_->copies,
+             cCopyFlowLimits::From(context_->fileCopyWindowBytes, context_->answerTimeoutSeconds)) {
   if (context_->tls.useOpenSsl) socket_.SetTlsSettings(TlsSettings(context_->tls));
   postHandler_ = signOn([this](BaseEvent* event) { return post(event); });
   if (context_->router != nullptr) context_->router->registerHostEvent(hostText.c_str(), this, postHandler_);
@@ -67,7 +68,8 @@ CVantrelHostConnection::CVantrelHostConnection(cSocketHandle&& accepted, cTlsCon
       lastReceived_(RQPSysTime()),
       answers_(std::make_shared<cAnswerPath>(
           [this](const cVantrelMessage& request, bool delivered) { answerPeer(request, delivered); })),
-      files_(this, context_->router, context_->threadAttributes, context_->copies) {
+      files_(this, context_->router, context_->threadAttributes, context_->copies,
+             cCopyFlowLimits::From(context_->fileCopyWindowBytes, context_->answerTimeoutSeconds)) {
   if (tlsState) socket_.SetTlsSettings(TlsSettings(context_->tls));
   postHandler_ = signOn([this](BaseEvent* event) { return post(event); });
 }

@@ -116,6 +116,7 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
     built->maxLinkQueueBytes = settings.MaxLinkQueueBytes();
     built->linkSilenceSeconds = settings.LinkSilenceLimitSeconds();
     built->answerTimeoutSeconds = settings.AnswerTimeoutSeconds();
+    built->fileCopyWindowBytes = settings.FileCopyWindowBytes();
     built->copies = cCopyPolicy::Make(settings.CopyRoots(), settings.CertificatesPath(), settings.MaxMessageSize());
     context = std::move(built);
 

@@ -125,12 +125,15 @@ TEST(VantrelIni, MissingAndUnparsableValuesAreReportedOnceAndNeutral) {
     EXPECT_EQ(log.count(key), 1u) << key;
 }
 
-TEST(VantrelIni, SmallMaxMessageSizeIsRaisedWithALogLine) {
+TEST(VantrelIni, SizesBelowTheirLeastAreRaisedWithALogLine) {
   LogCapture log;
   EXPECT_EQ(Build(kRequiredOnly + "MaxMessageSize = 1000\n").ini->MaxMessageSize(), 65536u);
-  EXPECT_EQ(log.count("MaxMessageSize"), 1u);
   EXPECT_EQ(Build(kRequiredOnly + "MaxMessageSize = 65536\n").ini->MaxMessageSize(), 65536u);
   EXPECT_EQ(log.count("MaxMessageSize"), 1u);
+  EXPECT_EQ(Build(kRequiredOnly + "FileCopyWindowBytes = 1000\n").ini->FileCopyWindowBytes(), 51200u);
+  EXPECT_EQ(Build(kRequiredOnly + "FileCopyWindowBytes = 51200\n").ini->FileCopyWindowBytes(), 51200u);
+  EXPECT_EQ(Build(kRequiredOnly).ini->FileCopyWindowBytes(), 8u << 20);
+  EXPECT_EQ(log.count("FileCopyWindowBytes"), 1u);
 }
 
 TEST(SimulatedLatency, ListsStopAtMinusOneOrAtTheFirstBadValue) {

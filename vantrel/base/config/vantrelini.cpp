@@ -9,6 +9,7 @@
 #include "vantrel/base/env/integer.h"
 #include "vantrel/base/env/settings.h"
 #include "vantrel/base/log/log.h"
+#include "vantrel/message/wire.h"
 
 namespace nVantrelIni {
 namespace {
@@ -194,6 +195,19 @@ void cVantrelIni::Read() {
   linkSilenceLimitSeconds_ = silence < 0 ? kDefaultLinkSilenceLimitSeconds : silence;
   const int answerTimeout = gReadIntWithDefault(t, "AnswerTimeoutSeconds", kDefaultAnswerTimeoutSeconds);
   answerTimeoutSeconds_ = answerTimeout < 1 ? kDefaultAnswerTimeoutSeconds : answerTimeout;
+
+  // A window smaller than one chunk would let no chunk go at all.
+  const int window =
+      ReadIntWithDefault(t, "FileCopyWindowBytes", static_cast<int>(kDefaultFileCopyWindowBytes), parsed);
+  if (!parsed) {
+    fileCopyWindowBytes_ = kDefaultFileCopyWindowBytes;
+  } else if (window < static_cast<int>(vantrel::wire::kFileChunkSize)) {
+    VLOG_WARN("cVantrelIni - FileCopyWindowBytes %d is below one chunk; %u is used", window,
+              vantrel::wire::kFileChunkSize);
+    fileCopyWindowBytes_ = vantrel::wire::kFileChunkSize;
+  } else {
+    fileCopyWindowBytes_ = static_cast<std::uint64_t>(window);
+  }
 }
 
 const cVantrelIni& cVantrelIni::Instance() {

@@ -33,6 +33,10 @@ inline constexpr std::uint64_t kDefaultMaxLinkQueueBytes = 64ull << 20;
 inline constexpr int kDefaultLinkSilenceLimitSeconds = 0;
 inline constexpr int kDefaultAnswerTimeoutSeconds = 120;
 
+// File copies between hosts: the most bytes a sender keeps unacknowledged. Its
+// window starts small and grows to this, so a long link can be kept full.
+inline constexpr std::uint64_t kDefaultFileCopyWindowBytes = 8ull << 20;
+
 // Reading one key from a settings table. Integers are 32-bit signed decimals,
 // extracted as a stream extraction does it (leading blanks skipped, reading stops
 // at the first character that is not part of the number).
@@ -102,6 +106,10 @@ class cVantrelIni {
   // between them); empty: anywhere.
   const std::string& CopyRoots() const { return copyRoots_; }
 
+  // File copies between hosts: bytes a sender may have unacknowledged (at
+  // least one chunk).
+  std::uint64_t FileCopyWindowBytes() const { return fileCopyWindowBytes_; }
+
   // Admission on the service's ports.
   // The one address the net port listens on; empty: all addresses.
   const std::string& NetListenAddress() const { return netListenAddress_; }
@@ -134,6 +142,7 @@ class cVantrelIni {
   int linkSilenceLimitSeconds_ = nVantrelIni::kDefaultLinkSilenceLimitSeconds;
   int answerTimeoutSeconds_ = nVantrelIni::kDefaultAnswerTimeoutSeconds;
   std::string copyRoots_;
+  std::uint64_t fileCopyWindowBytes_ = nVantrelIni::kDefaultFileCopyWindowBytes;
   std::string netListenAddress_;
   std::uint32_t maxPendingConnections_ = nVantrelIni::kDefaultMaxPendingConnections;
 };
