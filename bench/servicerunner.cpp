@@ -28,6 +28,8 @@ std::string BenchSettingsText() {
   std::ifstream in(VANTREL_DEFAULT_INI);
   std::ostringstream text;
   text << in.rdbuf();
+  // Services of one run must not contend for the shared monitoring port.
+  text << "\nMonitorPort = 0\n";
   return text.str();
 }
 
