@@ -97,14 +97,18 @@ class cTable {
 };
 
 std::vector<std::string> Traffic(const nlohmann::json& entry) {
-  return {std::to_string(Number(entry, "messages_in")),  HumanBytes(static_cast<double>(Number(entry, "bytes_in"))),
-          std::to_string(Number(entry, "messages_out")), HumanBytes(static_cast<double>(Number(entry, "bytes_out"))),
-          std::to_string(Number(entry, "answers_delivered")), std::to_string(Number(entry, "answers_not_delivered")),
-          std::to_string(Number(entry, "drops")),        HumanBytes(static_cast<double>(Number(entry, "queued_bytes")))};
+  return {std::to_string(Number(entry, "messages_in")),
+          HumanBytes(static_cast<double>(Number(entry, "bytes_in"))),
+          std::to_string(Number(entry, "messages_out")),
+          HumanBytes(static_cast<double>(Number(entry, "bytes_out"))),
+          std::to_string(Number(entry, "answers_delivered")),
+          std::to_string(Number(entry, "answers_not_delivered")),
+          std::to_string(Number(entry, "drops")),
+          HumanBytes(static_cast<double>(Number(entry, "queued_bytes")))};
 }
 
-const std::vector<std::string> kTrafficHeader = {"MSGS IN", "BYTES IN", "MSGS OUT", "BYTES OUT",
-                                                 "DELIVERED", "NOT DELIV.", "DROPS", "QUEUED"};
+const std::vector<std::string> kTrafficHeader = {"MSGS IN",   "BYTES IN",   "MSGS OUT", "BYTES OUT",
+                                                 "DELIVERED", "NOT DELIV.", "DROPS",    "QUEUED"};
 
 std::vector<std::string> Joined(std::vector<std::string> front, const std::vector<std::string>& back) {
   front.insert(front.end(), back.begin(), back.end());

@@ -161,8 +161,8 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     }
     const std::size_t count = *read;
     total += count;
-    if (hook != nullptr) hook(localPath, total);
     if (sendProgress_ != nullptr) sendProgress_->bytesDone.store(total, std::memory_order_relaxed);
+    if (hook != nullptr) hook(localPath, total);
     const bool last = count < kFileChunkSize;
     // A source that grew, shrank or was rewritten would arrive as a mixture of
     // two versions: the copy is abandoned instead.

@@ -111,8 +111,8 @@ cCopyWatch::cCopyWatch(cServiceStats* registry, cCopyProgress::tDirection direct
                        std::string destination, std::string peer, std::string requester)
     : registry_(registry) {
   if (registry_ != nullptr)
-    progress_ = registry_->AddCopy(direction, std::move(source), std::move(destination), std::move(peer),
-                                   std::move(requester));
+    progress_ =
+        registry_->AddCopy(direction, std::move(source), std::move(destination), std::move(peer), std::move(requester));
 }
 
 cCopyWatch::~cCopyWatch() {

@@ -23,9 +23,7 @@ namespace vantrel::stats {
 inline void Add(std::atomic<std::uint64_t>& counter, std::uint64_t amount = 1) {
   counter.fetch_add(amount, std::memory_order_relaxed);
 }
-inline std::uint64_t Read(const std::atomic<std::uint64_t>& counter) {
-  return counter.load(std::memory_order_relaxed);
-}
+inline std::uint64_t Read(const std::atomic<std::uint64_t>& counter) { return counter.load(std::memory_order_relaxed); }
 
 // Monotonic counts of one connection, and its queue gauge.
 struct cTrafficCounters {
@@ -92,7 +90,11 @@ class cConnectionStats {
 struct cCopyProgress {
   enum class tDirection { eSend, eReceive };
   cCopyProgress(tDirection way, std::string from, std::string to, std::string host, std::string by)
-      : direction(way), source(std::move(from)), destination(std::move(to)), peer(std::move(host)), requester(std::move(by)) {}
+      : direction(way),
+        source(std::move(from)),
+        destination(std::move(to)),
+        peer(std::move(host)),
+        requester(std::move(by)) {}
   const tDirection direction;
   const std::string source;       // the sender's path (empty on the receiving side)
   const std::string destination;  // the receiver's path
@@ -141,8 +143,8 @@ class cServiceStats {
 // a registry. Used by the one file thread that runs the copy.
 class cCopyWatch {
  public:
-  cCopyWatch(cServiceStats* registry, cCopyProgress::tDirection direction, std::string source,
-             std::string destination, std::string peer, std::string requester);
+  cCopyWatch(cServiceStats* registry, cCopyProgress::tDirection direction, std::string source, std::string destination,
+             std::string peer, std::string requester);
   ~cCopyWatch();
   cCopyWatch(const cCopyWatch&) = delete;
   cCopyWatch& operator=(const cCopyWatch&) = delete;

@@ -19,10 +19,14 @@ double SecondsSince(std::chrono::steady_clock::time_point since) {
 }
 
 nlohmann::json Counters(const cTrafficTotals& totals) {
-  return {{"messages_in", totals.messagesIn},     {"bytes_in", totals.bytesIn},
-          {"messages_out", totals.messagesOut},   {"bytes_out", totals.bytesOut},
-          {"answers_delivered", totals.delivered}, {"answers_not_delivered", totals.notDelivered},
-          {"drops", totals.drops},                {"queued_bytes", totals.queuedBytes}};
+  return {{"messages_in", totals.messagesIn},
+          {"bytes_in", totals.bytesIn},
+          {"messages_out", totals.messagesOut},
+          {"bytes_out", totals.bytesOut},
+          {"answers_delivered", totals.delivered},
+          {"answers_not_delivered", totals.notDelivered},
+          {"drops", totals.drops},
+          {"queued_bytes", totals.queuedBytes}};
 }
 
 // Live and retired counts of one kind of connection, added up.
@@ -203,8 +207,7 @@ std::string gMetricsText(const cServiceIdentity& identity, const cServiceStats::
        &cTrafficTotals::messagesOut);
   each("vantrel_connection_bytes_received_total", "counter", "Bytes received on one connection.",
        &cTrafficTotals::bytesIn);
-  each("vantrel_connection_bytes_sent_total", "counter", "Bytes written on one connection.",
-       &cTrafficTotals::bytesOut);
+  each("vantrel_connection_bytes_sent_total", "counter", "Bytes written on one connection.", &cTrafficTotals::bytesOut);
   each("vantrel_connection_queued_bytes", "gauge", "Bytes waiting to be written on one connection.",
        &cTrafficTotals::queuedBytes);
   return out.str();

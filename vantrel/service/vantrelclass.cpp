@@ -199,7 +199,7 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
       identity.clientsPort = clientsPort;
       identity.netPort = netPort;
       identity.tls = tls.useOpenSsl;
-      identity.started = started;
+      identity.started = startedAt;
       auto endpoint = std::make_unique<vantrel::monitor::cMonitorEndpoint>(stats, [this] { return serving.load(); });
       std::string error;
       if (endpoint->Start(settings.MonitorAddress(), settings.MonitorPort(), std::move(identity), error)) {
@@ -293,7 +293,7 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
   int instanceLockFd = -1;
   bool stopped = false;
   std::shared_ptr<const cVantrelConnectionContext> context;
-  const std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+  const std::chrono::steady_clock::time_point startedAt = std::chrono::steady_clock::now();
   // Counters of every connection and copy; connections share it through the context.
   const std::shared_ptr<vantrel::stats::cServiceStats> stats = std::make_shared<vantrel::stats::cServiceStats>();
   std::atomic<bool> serving{false};  // read by the endpoint's workers
