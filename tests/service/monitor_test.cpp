@@ -244,17 +244,19 @@ TEST(MonitorEndpointTest, TheCliShowsTheStatusAsTables) {
   ASSERT_TRUE(monitored.service.vInitZ1());
   TestClient carol;
   ASSERT_TRUE(carol.NETInitZ641("carol", monitored.service.GetClientsPortZ5181()));
-  const auto shown =
-      RQPRunAndCapture(program, {"status", "--monitor-port", std::to_string(monitored.port)}, nTime::cDiff::FromSeconds(20));
+  const auto shown = RQPRunAndCapture(program, {"status", "--monitor-port", std::to_string(monitored.port)},
+                                      nTime::cDiff::FromSeconds(20));
   EXPECT_EQ(shown.exitCode, 0);
   EXPECT_NE(shown.output.find("service " + monitored.service.GetAddressHostText()), std::string::npos) << shown.output;
-  EXPECT_TRUE(std::regex_search(shown.output, std::regex("\n  carol +connected +[0-9:]+ +0 +0 B +0 +0 B"))) << shown.output;
+  EXPECT_TRUE(std::regex_search(shown.output, std::regex("\n  carol +connected +[0-9:]+ +0 +0 B +0 +0 B")))
+      << shown.output;
   EXPECT_NE(shown.output.find("LINKS\n  (none)"), std::string::npos) << shown.output;
 
   const unsigned short closed = FreePort();
-  EXPECT_EQ(RQPRunAndCapture(program, {"status", "--monitor-port", std::to_string(closed)}, nTime::cDiff::FromSeconds(20))
-                .exitCode,
-            3);
+  EXPECT_EQ(
+      RQPRunAndCapture(program, {"status", "--monitor-port", std::to_string(closed)}, nTime::cDiff::FromSeconds(20))
+          .exitCode,
+      3);
 }
 
 }  // namespace
