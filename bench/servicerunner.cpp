@@ -79,7 +79,7 @@ bool cBenchService::Start(std::chrono::milliseconds timeout) {
       return false;
     }
     folder_ = pattern;
-    std::ofstream(SettingsFile()) << BenchSettingsText();
+    std::ofstream(SettingsFile()) << BenchSettingsText() << "MonitorPort = " << monitorPort_ << "\n";
   }
   clientsPort_ = FreeTcpPort(true);
   do netPort_ = FreeTcpPort(false);

@@ -276,8 +276,8 @@ void cCopyProgressView::show(std::uint64_t done, std::uint64_t total, double sec
     std::string bar(static_cast<std::size_t>(filled), '#');
     bar.append(static_cast<std::size_t>(kBarWidth - filled), '.');
     // Cleared to the end of the line: the previous text may have been longer.
-    std::fprintf(stderr, "\r[%s] %6s  %s  %s  ETA %s  \033[K", bar.c_str(), Percent(done, total).c_str(),
-                 amount.c_str(), speed.c_str(), eta.c_str());
+    std::fprintf(stderr, "\r[%s] %6s  %s  %s  ETA %s  %s\033[K", bar.c_str(), Percent(done, total).c_str(),
+                 amount.c_str(), speed.c_str(), eta.c_str(), Duration(seconds).c_str());
   } else {
     std::fprintf(stderr, "copy %s -> %s:%s: %s (%s), %s, ETA %s, %.1f s\n", source_.c_str(), host_.c_str(),
                  destination_.c_str(), amount.c_str(), Percent(done, total).c_str(), speed.c_str(), eta.c_str(),
