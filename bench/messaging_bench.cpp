@@ -3,17 +3,22 @@
 // (two services linked over loopback, the destination addressed as host~port),
 // each beside the plain-TCP relay floor of the same shape measured in the same
 // run (one relay for local, a chain of two for remote).
+#include <httplib.h>
+
+#include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/benchcore.h"
 #include "bench/servicerunner.h"
 #include "bench/tcprelay.h"
 #include "bench/zmqbroker.h"
+#include "vantrel/base/platform/manualevent.h"
 #include "vantrel/client/vantrelclientobj.h"
 
 namespace vantrel::bench {
@@ -80,8 +85,10 @@ struct cBusSetup {
   cVantrelClientObject sender;
   std::string destination;
 
-  bool Open(const cBenchOptions& options, bool remote) {
+  // `monitorPort`: the sending service's monitoring endpoint (0: off).
+  bool Open(const cBenchOptions& options, bool remote, unsigned short monitorPort = 0) {
     senderService = std::make_unique<cBenchService>(options.serviceProgram, options.serviceLogLevel);
+    senderService->SetMonitorPort(monitorPort);
     if (!senderService->Start()) return Fail("service", senderService->Error());
     cBenchService* destinationService = senderService.get();
     if (remote) {
@@ -314,8 +321,56 @@ bool RunThroughput(const cBenchOptions& options, cBenchTable& table) {
   });
 }
 
+// What monitoring costs: one-way throughput through a service whose endpoint
+// is scraped ten times a second, beside one whose endpoint is off, in turns.
+bool RunMonitoring(const cBenchOptions& options, cBenchTable& table) {
+  const unsigned short port = FreeTcpPort(true);
+  cBusSetup off;
+  cBusSetup on;
+  if (!off.Open(options, false) || !on.Open(options, false, port)) return false;
+  RQPManualEvent stop;
+  std::atomic<std::uint64_t> scrapes{0};
+  std::thread scraper([&] {
+    httplib::Client client("127.0.0.1", port);
+    do {
+      for (const char* path : {"/metrics", "/status"})
+        if (const auto response = client.Get(path); response && response->status == 200) ++scrapes;
+    } while (stop.Wait(100) == 0);
+  });
+  bool ok = true;
+  for (const std::size_t size : {std::size_t{64}, std::size_t{1024}}) {
+    const std::vector<char> data = Payload(size);
+    const auto length = static_cast<unsigned>(size);
+    cThroughput offResult;
+    cThroughput onResult;
+    const auto slice = options.caseBudget / kRounds;
+    const auto measure = [&](cBusSetup& bus, cThroughput& result) {
+      return MeasureThroughput(
+          slice, size,
+          [&] { return bus.sender.NETSendMessageNoresponseZ1(data.data(), length, bus.destination.c_str()); },
+          [&] { return bus.receiver.Count(); },
+          [&](std::uint64_t target) { return bus.receiver.WaitForCount(target, kArrivalTimeout); }, result);
+    };
+    // Turns in alternating order, so that neither side always runs first.
+    for (int round = 0; round < kRounds && ok; ++round)
+      ok = round % 2 == 0 ? measure(off, offResult) && measure(on, onResult)
+                          : measure(on, onResult) && measure(off, offResult);
+    if (!ok) break;
+    char note[96];
+    std::snprintf(note, sizeof note, "floor: endpoint off; %llu scrapes so far",
+                  static_cast<unsigned long long>(scrapes.load()));
+    table.Add({"monitoring", "local one-way, endpoint scraped", SizeText(size), "msg/s", onResult.MessagesPerSecond(),
+               offResult.MessagesPerSecond(), true, note});
+  }
+  stop.Set();
+  scraper.join();
+  return ok || cBusSetup::Fail("monitoring", "one-way run failed");
+}
+
 }  // namespace
 
+VANTREL_BENCH_SCENARIO("monitoring", "one-way throughput with the monitoring endpoint scraped, beside it off",
+                       RunMonitoring);
 VANTREL_BENCH_SCENARIO("latency", "acknowledged-send latency (p50, p99), local and remote, beside the TCP floor",
                        RunLatency);
 VANTREL_BENCH_SCENARIO("throughput", "one-way (no-response) throughput, local and remote, beside the TCP floor",

@@ -37,6 +37,8 @@ std::string BenchSettingsText() {
   std::ifstream in(VANTREL_DEFAULT_INI);
   std::ostringstream text;
   text << in.rdbuf() << ExtraSettings();
+  // Services of one run must not contend for the shared monitoring port.
+  text << "\nMonitorPort = 0\n";
   return text.str();
 }
 
@@ -86,7 +88,7 @@ bool cBenchService::Start(std::chrono::milliseconds timeout) {
       return false;
     }
     folder_ = pattern;
-    std::ofstream(SettingsFile()) << BenchSettingsText();
+    std::ofstream(SettingsFile()) << BenchSettingsText() << "MonitorPort = " << monitorPort_ << "\n";
   }
   clientsPort_ = FreeTcpPort(true);
   do netPort_ = FreeTcpPort(false);

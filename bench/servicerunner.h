@@ -21,6 +21,8 @@ class cBenchService {
   cBenchService(const cBenchService&) = delete;
   cBenchService& operator=(const cBenchService&) = delete;
 
+  // The monitoring endpoint's port for the next Start (0, the default: off).
+  void SetMonitorPort(unsigned short port) { monitorPort_ = port; }
   // Starts the program and waits until a client can register. On failure the
   // reason is in Error() and the child, if any, has been stopped.
   bool Start(std::chrono::milliseconds timeout = std::chrono::seconds(20));
@@ -46,6 +48,7 @@ class cBenchService {
   std::string folder_;
   unsigned short clientsPort_ = 0;
   unsigned short netPort_ = 0;
+  unsigned short monitorPort_ = 0;
   long pid_ = 0;
   std::string error_;
 };

@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "programs/vantrel-cli/monitorview.h"
 #include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/process.h"
@@ -276,10 +277,13 @@ class cCopy : public iCommand {
     app.add_option("local", local_, "the file on this host")->required();
     app.add_option("host", host_, "the destination host (may carry ~port)")->required();
     app.add_option("remote", remote_, "the destination path on that host")->required();
-    app.add_option("--timeout", timeoutMs_, "give up waiting after this many milliseconds")
+    app.add_option("--timeout", timeoutMs_,
+                   "give up after this many milliseconds without progress (progress is read from the service's "
+                   "monitoring endpoint; without it, after this many milliseconds in all)")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
     app.add_option("--id", id_, "message id of the copy request")->capture_default_str();
+    progress_.Configure(app);
   }
 
   int Run(cSession& session) override {
@@ -322,8 +326,11 @@ class cCopy : public iCommand {
       done.notify_all();
     });
 
-    const bool terminal = vantrel::platform::StandardErrorIsTerminal();
-    const auto deadline = start + std::chrono::milliseconds(timeoutMs_);
+    progress_.Begin(source, host_, remote_,
+                    bytes < 0 ? std::nullopt : std::optional<std::uint64_t>(static_cast<std::uint64_t>(bytes)));
+    // The time-out counts from the last progress, so a large copy on a slow
+    // link is not cut off while it moves.
+    auto deadline = start + std::chrono::milliseconds(timeoutMs_);
     bool timedOut = false;
     {
       std::unique_lock<std::mutex> lock(mutex);
@@ -333,17 +340,15 @@ class cCopy : public iCommand {
           timedOut = true;
           break;
         }
-        const auto next = std::min(deadline, now + std::chrono::milliseconds(terminal ? 250 : 60000));
+        const auto next = std::min(deadline, now + progress_.Interval());
         if (done.wait_until(lock, next, [&] { return ended; })) break;
-        if (terminal) {
-          const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-          std::fprintf(stderr, "\rcopying %s (%lld bytes) to %s: %.1f s", local_.c_str(), bytes, host_.c_str(),
-                       seconds);
-          std::fflush(stderr);
-        }
+        lock.unlock();
+        const bool moved = progress_.Update();
+        lock.lock();
+        if (moved) deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs_);
       }
     }
-    if (terminal) std::fputc('\n', stderr);
+    progress_.End();
     // Turning the client off ends the waiter's blocked wait.
     if (timedOut) session.client.NETTurnOff();
     waiter.join();
@@ -408,6 +413,7 @@ class cCopy : public iCommand {
   std::string remote_;
   long timeoutMs_ = 600000;
   long id_ = 1;
+  vantrel::cli::cCopyProgressView progress_;
 };
 
 }  // namespace
@@ -443,6 +449,8 @@ int main(int argc, char** argv) {
     commands.push_back(std::make_unique<cWhoAmI>());
     commands.push_back(std::make_unique<cCopy>());
 
+    vantrel::cli::cStatusCommand status;
+    status.Register(app);
     iCommand* chosen = nullptr;
     for (auto& command : commands) {
       CLI::App* sub = app.add_subcommand(command->Name(), command->Description());
@@ -465,6 +473,7 @@ int main(int argc, char** argv) {
       }
       vantrel::log::SetLevel(severity);
     }
+    if (status.Chosen()) return status.Run();
     if (chosen == nullptr) return kExitUsage;
     ReadSettingsQuietly();
     if (!session.Open()) return kExitNoService;

@@ -5,12 +5,14 @@
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -271,6 +273,46 @@ TEST(ServiceProgramTest, TheNetPortAdmitsOnlyPeersThatMayUseTheNameTheyGive) {
   ServiceProcess elsewhere("NetListenAddress = 192.0.2.1");  // not this host's
   ASSERT_TRUE(elsewhere.start());
   EXPECT_EQ(elsewhere.waitExit(std::chrono::seconds(20)), 2) << elsewhere.log();
+}
+
+TEST(ServiceProgramTest, TheServiceManagerHearsReadyWatchdogAndStopping) {
+  // The service manager's side of the notification: a datagram socket.
+  TempDir dir;
+  const std::string path = dir.file("notify");
+  const int manager = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  ASSERT_LT(path.size(), sizeof address.sun_path);
+  path.copy(address.sun_path, path.size());
+  ASSERT_EQ(::bind(manager, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  timeval wait{10, 0};
+  ::setsockopt(manager, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  // The datagrams in order, blank-separated, until `last` arrived or none came for 10 s.
+  const auto heard = [manager](const std::string& last) {
+    std::string said;
+    char buffer[256];
+    for (ssize_t got; said.size() < last.size() || said.compare(said.size() - last.size(), last.size(), last) != 0;) {
+      if ((got = ::recv(manager, buffer, sizeof buffer, 0)) <= 0) break;
+      said += (said.empty() ? "" : " ") + std::string(buffer, static_cast<std::size_t>(got));
+    }
+    return said;
+  };
+
+  ServiceProcess service;
+  service.setEnv("NOTIFY_SOCKET", path);
+  service.setEnv("WATCHDOG_USEC", "200000");
+  ASSERT_TRUE(service.launch()) << service.log();
+  // Ready comes once, when the clients port already answers; then the watchdog
+  // is fed until the stop.
+  EXPECT_EQ(heard("READY=1"), "READY=1");
+  TestClient client;
+  EXPECT_TRUE(client.NETInitZ641("early", service.clientsPort()));
+  client.NETTerminate();
+  EXPECT_EQ(heard("WATCHDOG=1"), "WATCHDOG=1");
+  EXPECT_EQ(service.stop(), 0) << service.log();
+  const std::string stopping = heard("STOPPING=1");
+  EXPECT_TRUE(std::regex_match(stopping, std::regex("(WATCHDOG=1 )*STOPPING=1"))) << stopping;
+  ::close(manager);
 }
 
 }  // namespace

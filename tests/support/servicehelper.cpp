@@ -31,7 +31,8 @@ std::string LocalHostName() {
 ServiceProcess::ServiceProcess(const std::string& iniExtra) : clientsPort_(FreePort()), netPort_(FreePort()) {
   while (netPort_ == clientsPort_) netPort_ = FreePort();
   // The shipped defaults with the test's own lines after them (a later key wins).
-  dir_.write("Vantrel.ini", std::string(nEnvSettings::gBuiltInDefaults()) + "\n" + iniExtra + "\n");
+  // Many services run at once: none takes the shared monitoring port unless a test asks.
+  dir_.write("Vantrel.ini", std::string(nEnvSettings::gBuiltInDefaults()) + "\nMonitorPort = 0\n" + iniExtra + "\n");
 }
 
 ServiceProcess::~ServiceProcess() {
@@ -226,7 +227,7 @@ std::optional<cFrame> RawLink::next(std::chrono::milliseconds timeout) {
 InProcessService::InProcessService(const std::string& extra)
     : CVantrelClass(cVantrelIni(nEnvSettings::gLoadTableFromText(
           "SocketCommunicationTimeout = 10000\nSocketClosedReactivationTimeout_debug = 0\n"
-          "NetIsActiveImplemented_debug = 1\nCertificatesPath = /none\n" +
+          "NetIsActiveImplemented_debug = 1\nCertificatesPath = /none\nMonitorPort = 0\n" +
               extra,
           "test.ini"))) {
   SetReportToLogOnly(true);

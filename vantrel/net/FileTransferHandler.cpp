@@ -161,6 +161,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     return result;
   }
   const std::uint64_t announced = source.Status().size;
+  if (sendProgress_ != nullptr) sendProgress_->bytesTotal.store(announced, std::memory_order_relaxed);
 
   // The copy request goes alone; the peer's "A" acknowledges it.
   reserve();
@@ -197,6 +198,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     }
     const std::size_t count = *read;
     total += count;
+    if (sendProgress_ != nullptr) sendProgress_->bytesDone.store(total, std::memory_order_relaxed);
     if (hook != nullptr) hook(localPath, total);
     const bool last = count < kFileChunkSize;
     // A source that grew, shrank or was rewritten would arrive as a mixture of
@@ -297,6 +299,8 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
   if (opened == kCopied) {
     const char accepted = kFileAccepted;
     post(request, true, &accepted, 1, kFileTraffic);
+    if (receiveProgress_ != nullptr && announcedSize)
+      receiveProgress_->bytesTotal.store(*announcedSize, std::memory_order_relaxed);
     std::uint64_t total = 0;
     bool finished = false;
     for (;;) {
@@ -317,6 +321,7 @@ int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrel
         break;
       }
       total += length - 1;
+      if (receiveProgress_ != nullptr) receiveProgress_->bytesDone.store(total, std::memory_order_relaxed);
       if (data[length - 1] == kFileLastChunk) finished = true;
       const char written = kFileChunkWritten;
       post(request, true, &written, 1, kFileTraffic);

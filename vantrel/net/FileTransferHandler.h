@@ -44,6 +44,7 @@
 #include "vantrel/base/platform/eventqueue.h"
 #include "vantrel/message/vantrelevents.h"
 #include "vantrel/net/filecopy.h"
+#include "vantrel/net/servicestats.h"
 
 // Where the handler posts the file messages for the peer. Implemented by the
 // host link (its outgoing queue) and by test doubles.
@@ -149,6 +150,13 @@ class CFileTransferHandler {
   // Lets the next ReceiveFile run after an AbortReceive.
   void ArmReceive();
 
+  // Where the next SendFile (`sending`) or ReceiveFile reports its bytes; null:
+  // nowhere. Set on the thread that then runs that transfer; the progress
+  // must outlive it.
+  void WatchProgress(bool sending, vantrel::stats::cCopyProgress* progress) {
+    (sending ? sendProgress_ : receiveProgress_) = progress;
+  }
+
   // How long ReceiveFile waits for the next chunk; shortened by tests.
   void SetChunkWaitMs(long milliseconds) { chunkWaitMs_ = milliseconds; }
   // Called by every sender of the process after each chunk it has read, with
@@ -203,4 +211,6 @@ class CFileTransferHandler {
   int finalState_ = 0;
 
   long chunkWaitMs_ = kChunkWaitMs;
+  vantrel::stats::cCopyProgress* sendProgress_ = nullptr;     // the file writer only
+  vantrel::stats::cCopyProgress* receiveProgress_ = nullptr;  // the file reader only
 };

@@ -13,11 +13,13 @@
 
 cFileTransferWorker::cFileTransferWorker(iFileTransferWorkerLink* link, iVantrelRouter* router,
                                          nParallel::nImplementation_sho::cThreadAttributes threadAttributes,
-                                         std::shared_ptr<const cCopyPolicy> copies, cCopyFlowLimits flow)
+                                         std::shared_ptr<const cCopyPolicy> copies, cCopyFlowLimits flow,
+                                         std::shared_ptr<vantrel::stats::cServiceStats> stats)
     : link_(link),
       router_(router),
       threadAttributes_(std::move(threadAttributes)),
       copies_(std::move(copies)),
+      stats_(std::move(stats)),
       handler_(link, flow) {}
 
 cFileTransferWorker::~cFileTransferWorker() { Stop(); }
@@ -193,7 +195,12 @@ void cFileTransferWorker::sendOneFile(const VantrelHostEvent& event) {
     // rights to use: they are refused.
     const auto* copy = dynamic_cast<const cFileCopyRequest*>(request);
     if (copy != nullptr) {
+      vantrel::stats::cCopyWatch watch(stats_.get(), vantrel::stats::cCopyProgress::tDirection::eSend, localFile,
+                                       remoteFile, link_->HostText(), request->getFromClient());
+      handler_.WatchProgress(true, watch.Progress());
       result = handler_.SendFile(localFile, remoteFile, *request, copy->Requester());
+      handler_.WatchProgress(true, nullptr);
+      watch.Finished(result->state == vantrel::wire::kCopyDone);
     } else {
       VLOG_ERROR("CVantrelHostConnection::doFileWriting - copy request of %s has no requester, refused",
                  request->getFromClient());
@@ -234,7 +241,13 @@ void cFileTransferWorker::readFiles() {
     if (item == nullptr) break;
     const auto& request = static_cast<const VantrelHostEvent&>(*item);
     const cAnnouncedCopy copy = cAnnouncedCopy::Parse(request.getData(), request.getDatalen());
-    handler_.ReceiveFile(copy.path, request, copy.size, cCopyRequester::Host(link_->HostText(), copies_));
+    const std::string peer = link_->HostText();
+    vantrel::stats::cCopyWatch watch(stats_.get(), vantrel::stats::cCopyProgress::tDirection::eReceive, "", copy.path,
+                                     peer, peer);
+    handler_.WatchProgress(false, watch.Progress());
+    const int state = handler_.ReceiveFile(copy.path, request, copy.size, cCopyRequester::Host(peer, copies_));
+    handler_.WatchProgress(false, nullptr);
+    watch.Finished(state == vantrel::wire::kCopyDone);
   }
   readerRunning_ = false;
 }

@@ -45,10 +45,12 @@ class cFileTransferWorker {
  public:
   // `router` may be null (nothing is answered). `copies` limits what the
   // peer's copy requests may write (null: anywhere); `flow` bounds this side's
-  // copies to the peer.
+  // copies to the peer. `stats` (may be null, else outlives the worker) shows
+  // the copies in flight.
   cFileTransferWorker(iFileTransferWorkerLink* link, iVantrelRouter* router,
                       nParallel::nImplementation_sho::cThreadAttributes threadAttributes,
-                      std::shared_ptr<const cCopyPolicy> copies = nullptr, cCopyFlowLimits flow = {});
+                      std::shared_ptr<const cCopyPolicy> copies = nullptr, cCopyFlowLimits flow = {},
+                      std::shared_ptr<vantrel::stats::cServiceStats> stats = nullptr);
   // Stops; the link must not call the worker any more.
   ~cFileTransferWorker();
   cFileTransferWorker(const cFileTransferWorker&) = delete;
@@ -91,6 +93,7 @@ class cFileTransferWorker {
   iVantrelRouter* const router_;
   const nParallel::nImplementation_sho::cThreadAttributes threadAttributes_;
   const std::shared_ptr<const cCopyPolicy> copies_;
+  const std::shared_ptr<vantrel::stats::cServiceStats> stats_;
   // Outlives both threads: they are joined in Stop, before the members go.
   CFileTransferHandler handler_;
 

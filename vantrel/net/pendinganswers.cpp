@@ -17,6 +17,7 @@ bool cPendingAnswers::Record(const cVantrelMessage& request, double sentAt) {
   if (!open_) return false;
   entries_.push_back(cEntry{request.getMessageId(), request.getType(), request.getToHost(), request.getToClient(),
                             request.getFromHost(), request.getFromClient(), sentAt});
+  publish();
   return true;
 }
 
@@ -25,6 +26,7 @@ bool cPendingAnswers::Settle(std::uint32_t messageId, const char* requester) {
   for (auto it = entries_.begin(); it != entries_.end(); ++it) {
     if (it->messageId == messageId && it->fromClient == requester) {
       entries_.erase(it);
+      publish();
       return true;
     }
   }
@@ -38,6 +40,7 @@ std::list<cPendingAnswers::cEntry> cPendingAnswers::Expire(double sentBefore) {
   while (end != entries_.end() && end->sentAt < sentBefore) ++end;
   std::list<cEntry> expired;
   expired.splice(expired.end(), entries_, entries_.begin(), end);
+  publish();
   return expired;
 }
 
@@ -52,6 +55,7 @@ std::list<cPendingAnswers::cEntry> cPendingAnswers::Close() {
   closed_ = true;
   std::list<cEntry> waiting;
   waiting.swap(entries_);
+  publish();
   return waiting;
 }
 

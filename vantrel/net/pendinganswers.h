@@ -50,6 +50,9 @@ class cPendingAnswers {
   bool Settle(std::uint32_t messageId, const char* requester);
   // Takes out, oldest first, every request sent before `sentBefore`.
   std::list<cEntry> Expire(double sentBefore);
+  // Keeps `gauge` (which must outlive the ledger) at the number of requests
+  // waiting; set before the ledger opens.
+  void SetGauge(std::atomic<std::uint64_t>* gauge) { gauge_ = gauge; }
   // True while any request waits for an answer.
   bool Waiting() const;
   // The link broke: closes the ledger for good and hands back every entry still
@@ -71,4 +74,9 @@ class cPendingAnswers {
   std::atomic<bool> open_{false};
   bool closed_ = false;
   std::list<cEntry> entries_;
+  std::atomic<std::uint64_t>* gauge_ = nullptr;
+  // Under the mutex, after each change of the entries.
+  void publish() {
+    if (gauge_ != nullptr) gauge_->store(entries_.size(), std::memory_order_relaxed);
+  }
 };

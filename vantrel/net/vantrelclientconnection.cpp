@@ -18,13 +18,32 @@ using nCommunication::nSocket::nImplementation_sho::tLatencyPath;
 CVantrelClientConnection::CVantrelClientConnection(cSocketHandle&& accepted,
                                                    std::shared_ptr<const cVantrelConnectionContext> context)
     : context_(std::move(context)),
+      stats_(context_->stats != nullptr
+                 ? context_->stats->AddConnection(vantrel::stats::tConnectionKind::eClient, false, false)
+                 : std::make_shared<vantrel::stats::cConnectionStats>(vantrel::stats::tConnectionKind::eClient, false,
+                                                                      false)),
       socket_(std::move(accepted), nullptr, "client"),
       port_(socket_.PeerPort()),
-      peerUser_(vantrel::platform::gLoopbackPeerUser(socket_.Handle())) {
+      peerUser_(vantrel::platform::gLoopbackPeerUser(socket_.Handle())),
+      queuedBytes_(stats_->counters.queuedBytes) {
   if (!peerUser_) VLOG_WARN("CVantrelClientConnection - the user of the client on port %d is unknown", port_);
 }
 
-CVantrelClientConnection::~CVantrelClientConnection() { Terminate(true); }
+CVantrelClientConnection::~CVantrelClientConnection() {
+  Terminate(true);
+  if (context_->stats != nullptr) context_->stats->RemoveConnection(stats_);
+}
+
+void CVantrelClientConnection::countWritten(const VantrelClientEvent& event) {
+  auto& counters = stats_->counters;
+  const short type = event.getType();
+  if (type == kDelivered)
+    vantrel::stats::Add(counters.delivered);
+  else if (type == kNotDelivered)
+    vantrel::stats::Add(counters.notDelivered);
+  vantrel::stats::Add(counters.messagesOut);
+  vantrel::stats::Add(counters.bytesOut, event.getPackedBufLen());
+}
 
 void CVantrelClientConnection::Start() {
   RQPMutexGuard guard(lock_);
@@ -90,6 +109,8 @@ bool CVantrelClientConnection::greet(char* data, unsigned length, short type) {
     if (!terminated_) {
       session_ = std::move(session);
       clientName_ = name;
+      stats_->SetName(name);
+      stats_->SetState(vantrel::stats::tLinkState::eConnected);
     }
   }
   if (session != nullptr) {
@@ -133,6 +154,8 @@ void CVantrelClientConnection::doReading() {
       VLOG_INFO("CVantrelClientConnection::doReading - terminate");
       return;
     }
+    vantrel::stats::Add(stats_->counters.messagesIn);
+    vantrel::stats::Add(stats_->counters.bytesIn, length);
     const bool more = session->handleMessage(data, length, type, subtype);
     StreamSocket::FreeMessage(data);
     if (!more) return;
@@ -197,7 +220,10 @@ void CVantrelClientConnection::doWriting() {
       // Written: now their senders hear "delivered". Not written: clearing the
       // batch tells them "not delivered".
       if (sent) {
-        for (auto& event : batch) event->settle(true);
+        for (auto& event : batch) {
+          countWritten(*event);
+          event->settle(true);
+        }
       }
       batch.clear();
       unsent_.fetch_sub(taken, std::memory_order_acq_rel);
@@ -227,6 +253,7 @@ bool CVantrelClientConnection::Post(RWCollectable* event) {
           "refused (%llu refused so far)",
           vantrel::log::Escaped(clientName()), static_cast<unsigned long long>(context_->maxClientQueueBytes),
           message->getType(), vantrel::log::Escaped(message->getFromClient()), static_cast<unsigned long long>(total));
+    vantrel::stats::Add(stats_->counters.drops);
     delete event;  // its sender, if it waits, hears "not delivered"
     return false;
   }
@@ -280,7 +307,10 @@ bool CVantrelClientConnection::writeNow(std::unique_ptr<VantrelClientEvent>& eve
   }
   // Settled after the socket is free again, so that an answer this sets off
   // for a client writing to itself can take the direct way too.
-  if (written) written->settle(true);
+  if (written) {
+    countWritten(*written);
+    written->settle(true);
+  }
   return true;
 }
 
@@ -294,6 +324,7 @@ void CVantrelClientConnection::Terminate(bool wait) {
       VLOG_INFO("CVantrelClientConnection::Terminate (%s,%d)", vantrel::log::Escaped(clientName_), port_);
       socket_.CloseSocket();
       terminated_ = true;
+      stats_->SetState(vantrel::stats::tLinkState::eClosed);
       eventQueue().TerminateZ72();
       session = session_.get();
     }

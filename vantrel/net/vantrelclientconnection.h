@@ -26,6 +26,7 @@
 #include "vantrel/base/socket/streamsocket.h"
 #include "vantrel/message/vantrelevents.h"
 #include "vantrel/net/answerpath.h"
+#include "vantrel/net/servicestats.h"
 #include "vantrel/net/vantrelconnectioncontext.h"
 #include "vantrel/net/vantrellinks.h"
 #include "vantrel/support/sync.h"
@@ -82,7 +83,12 @@ class CVantrelClientConnection : public iVantrelClientLink {
   void restartProcess();
   std::string clientName();
 
+  // Counts what is written to the client; any thread that writes.
+  void countWritten(const VantrelClientEvent& event);
+
   const std::shared_ptr<const cVantrelConnectionContext> context_;
+  // This connection's counters, shared with the service's registry.
+  const std::shared_ptr<vantrel::stats::cConnectionStats> stats_;
   vantrel::platform::cThread reader_;
   vantrel::platform::cThread writer_;
   RQPMutex lock_;
@@ -98,7 +104,8 @@ class CVantrelClientConnection : public iVantrelClientLink {
   // being sent directly by the reader. Zero means the socket is free for a
   // direct send without overtaking anything.
   std::atomic<int> unsent_{0};
-  // Bytes of messages queued and not yet taken by the writer.
-  std::atomic<std::uint64_t> queuedBytes_{0};
+  // Bytes of messages queued and not yet taken by the writer (kept with the
+  // counters, so the endpoint sees the queue without asking the connection).
+  std::atomic<std::uint64_t>& queuedBytes_;
   cDropCounter refused_;
 };

@@ -18,6 +18,9 @@ class iVantrelRouter;
 class iVantrelConnectionOwner;
 class iVantrelClientSessionFactory;
 struct cCopyPolicy;
+namespace vantrel::stats {
+class cServiceStats;
+}
 
 // What a host link needs to know about TLS.
 struct cVantrelTlsChoice {
@@ -62,4 +65,7 @@ struct cVantrelConnectionContext {
   std::uint64_t fileCopyWindowBytes = std::uint64_t{8} << 20;
   // What file copies may touch; null: no limits beyond the requester's rights.
   std::shared_ptr<const cCopyPolicy> copies;
+  // Where connections and copies keep their counters for the monitoring
+  // endpoint; null: counted by each connection alone, seen by nobody.
+  std::shared_ptr<vantrel::stats::cServiceStats> stats;
 };

@@ -20,6 +20,15 @@ using nCommunication::nSocket::nImplementation_sho::gSplitHostPort;
 using nCommunication::nSocket::nImplementation_sho::tLatencyPath;
 
 namespace {
+std::shared_ptr<vantrel::stats::cConnectionStats> LinkStats(const cVantrelConnectionContext& context, bool outgoing,
+                                                            bool tls) {
+  if (context.stats != nullptr)
+    return context.stats->AddConnection(vantrel::stats::tConnectionKind::eLink, outgoing, tls);
+  return std::make_shared<vantrel::stats::cConnectionStats>(vantrel::stats::tConnectionKind::eLink, outgoing, tls);
+}
+}  // namespace
+
+namespace {
 constexpr long kDefaultPingSeconds = 120;
 
 bool IsWaitedRequest(short type) { return type == kSend || type == kSendNoWait; }
@@ -46,15 +55,19 @@ CVantrelHostConnection::CVantrelHostConnection(const std::string& hostText,
                                                std::shared_ptr<const cVantrelConnectionContext> context)
     : context_(std::move(context)),
       outgoing_(true),
+      stats_(LinkStats(*context_, true, context_->tls.useOpenSsl)),
       host_(hostText),
       socket_(context_->tls.useOpenSsl, "link " + hostText),
       lastActivity_(RQPSysTime()),
       lastReceived_(RQPSysTime()),
+      queuedBytes_(stats_->counters.queuedBytes),
       answers_(std::make_shared<cAnswerPath>(
           [this](const cVantrelMessage& request, bool delivered) { answerPeer(request, delivered); })),
       files_(this, context_->router, context_->threadAttributes, context_->copies,
-             cCopyFlowLimits::From(context_->fileCopyWindowBytes, context_->answerTimeoutSeconds)) {
+             cCopyFlowLimits::From(context_->fileCopyWindowBytes, context_->answerTimeoutSeconds), context_->stats) {
   if (context_->tls.useOpenSsl) socket_.SetTlsSettings(TlsSettings(context_->tls));
+  stats_->SetName(hostText);
+  pending_.SetGauge(&stats_->counters.pendingAnswers);
   postHandler_ = signOn([this](BaseEvent* event) { return post(event); });
   if (context_->router != nullptr) context_->router->registerHostEvent(hostText.c_str(), this, postHandler_);
 }
@@ -63,18 +76,35 @@ CVantrelHostConnection::CVantrelHostConnection(cSocketHandle&& accepted, cTlsCon
                                                std::shared_ptr<const cVantrelConnectionContext> context)
     : context_(std::move(context)),
       outgoing_(false),
+      stats_(LinkStats(*context_, false, static_cast<bool>(tlsState))),
       socket_(std::move(accepted), tlsState, "link"),
       lastActivity_(RQPSysTime()),
       lastReceived_(RQPSysTime()),
+      queuedBytes_(stats_->counters.queuedBytes),
       answers_(std::make_shared<cAnswerPath>(
           [this](const cVantrelMessage& request, bool delivered) { answerPeer(request, delivered); })),
       files_(this, context_->router, context_->threadAttributes, context_->copies,
-             cCopyFlowLimits::From(context_->fileCopyWindowBytes, context_->answerTimeoutSeconds)) {
+             cCopyFlowLimits::From(context_->fileCopyWindowBytes, context_->answerTimeoutSeconds), context_->stats) {
   if (tlsState) socket_.SetTlsSettings(TlsSettings(context_->tls));
+  pending_.SetGauge(&stats_->counters.pendingAnswers);
   postHandler_ = signOn([this](BaseEvent* event) { return post(event); });
 }
 
-CVantrelHostConnection::~CVantrelHostConnection() { Terminate(true); }
+CVantrelHostConnection::~CVantrelHostConnection() {
+  // Joins every thread, the worker's too: nothing counts any more.
+  Terminate(true);
+  if (context_->stats != nullptr) context_->stats->RemoveConnection(stats_);
+}
+
+void CVantrelHostConnection::countWritten(short type, std::size_t bytes) {
+  auto& counters = stats_->counters;
+  if (type == kDelivered)
+    vantrel::stats::Add(counters.delivered);
+  else if (type == kNotDelivered)
+    vantrel::stats::Add(counters.notDelivered);
+  vantrel::stats::Add(counters.messagesOut);
+  vantrel::stats::Add(counters.bytesOut, bytes);
+}
 
 std::string CVantrelHostConnection::HostText() const {
   std::lock_guard<std::mutex> guard(hostMutex_);
@@ -137,6 +167,7 @@ void CVantrelHostConnection::runWriter() {
 }
 
 void CVantrelHostConnection::connected() {
+  stats_->SetState(vantrel::stats::tLinkState::eConnected);
   pending_.Open();
   connectedEvent_.Set();
 }
@@ -227,6 +258,7 @@ bool CVantrelHostConnection::receiveHandshake() {
     std::lock_guard<std::mutex> guard(hostMutex_);
     host_ = peer;
   }
+  stats_->SetName(peer);
   iVantrelRouter* router = context_->router;
   if (router != nullptr) router->registerHostEvent(peer.c_str(), this, postHandler_);
   if (context_->owner != nullptr) context_->owner->Admitted(this);
@@ -274,6 +306,8 @@ void CVantrelHostConnection::doReading() {
     char* data = nullptr;
     unsigned length = 0;
     if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, latency)) return;
+    vantrel::stats::Add(stats_->counters.messagesIn);
+    vantrel::stats::Add(stats_->counters.bytesIn, length);
     // The records made from the frame take its buffer over rather than copy it.
     tFrameData frame(data);
     if (subtype != kVersionMarker) {
@@ -365,6 +399,7 @@ void CVantrelHostConnection::deliverAnswer(short type, short subtype, tFrameData
     // Never asked for on this link, or already answered (timed out): passing it
     // on would end some other wait with a result the peer had no say in.
     std::uint64_t total = 0;
+    vantrel::stats::Add(stats_->counters.drops);
     if (unmatched_.Count(total))
       VLOG_WARN(
           "CVantrelHostConnection::doReading - answer %d to message %u for %s from host %s dropped: no request waits "
@@ -403,6 +438,7 @@ int CVantrelHostConnection::post(BaseEvent* base) {
   if (bytes > 0 && queuedBytes_.fetch_add(bytes, std::memory_order_acq_rel) + bytes > context_->maxLinkQueueBytes) {
     queuedBytes_.fetch_sub(bytes, std::memory_order_acq_rel);
     std::uint64_t total = 0;
+    vantrel::stats::Add(stats_->counters.drops);
     if (refused_.Count(total))
       VLOG_WARN(
           "CVantrelHostConnection::post - queue of the link to %s is full (%llu bytes), message %u of type %d from %s "
@@ -460,6 +496,7 @@ bool CVantrelHostConnection::sendEvent(std::unique_ptr<VantrelHostEvent> event) 
   bool sent = false;
   try {
     sent = socket_.SendTypedMessageZ2(type, kVersionMarker, event->getPackedBuf(), event->getPackedBufLen());
+    if (sent) countWritten(type, event->getPackedBufLen());
   } catch (const std::exception& e) {
     VLOG_ERROR("CVantrelHostConnection::doWriting - Exception: %s", e.what());
     restartProcess("sending to host");
@@ -544,6 +581,7 @@ bool CVantrelHostConnection::keepAlive(double now) {
     VLOG_INFO("Sending Ping to host %s", host);
     try {
       if (!socket_.SendTypedMessageZ2(kPing, kVersionMarker, "", 1)) return false;
+      countWritten(kPing, 1);
     } catch (const std::exception& e) {
       VLOG_ERROR("CVantrelHostConnection::doWriting - Exception: %s", e.what());
       restartProcess("pinging host");
@@ -589,6 +627,7 @@ void CVantrelHostConnection::Terminate(bool wait) {
       first = true;
       VLOG_INFO("CVantrelHostConnection::Terminate(%s,%d)", vantrel::log::Escaped(HostText()), socket_.PeerPort());
       connectedEvent_.Set();
+      stats_->SetState(vantrel::stats::tLinkState::eClosed);
       files_.Abort();
       socket_.CloseSocket();
       terminated_ = true;
@@ -638,6 +677,7 @@ void CVantrelHostConnection::PostFileEvent(std::unique_ptr<VantrelHostEvent> eve
   } catch (const std::exception& e) {
     VLOG_ERROR("CVantrelHostConnection::PostFileEvent - Exception: %s", e.what());
   }
+  if (sent) countWritten(event->getType(), event->getPackedBufLen());
   event.reset();
   if (sent) lastActivity_ = RQPSysTime();
   unsent_.fetch_sub(1, std::memory_order_acq_rel);

@@ -40,6 +40,7 @@
 #include "vantrel/net/answerpath.h"
 #include "vantrel/net/filetransferworker.h"
 #include "vantrel/net/pendinganswers.h"
+#include "vantrel/net/servicestats.h"
 #include "vantrel/net/vantrelconnectioncontext.h"
 #include "vantrel/net/vantrellinks.h"
 #include "vantrel/support/sync.h"
@@ -122,8 +123,13 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   void breakLink();
   void restartProcess(const char* what);
 
+  // Counts a frame written to the peer; any thread that writes.
+  void countWritten(short type, std::size_t bytes);
+
   const std::shared_ptr<const cVantrelConnectionContext> context_;
   const bool outgoing_;
+  // This link's counters, shared with the service's registry.
+  const std::shared_ptr<vantrel::stats::cConnectionStats> stats_;
   mutable std::mutex hostMutex_;
   std::string host_;  // guarded by hostMutex_
   vantrel::platform::cThread reader_;
@@ -142,7 +148,8 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   std::atomic<double> lastReceived_;  // last frame from the peer: its silence
   double nextKeepAlive_ = 0;          // writer only
   // Bytes of messages (sends of types 2 to 4) queued and not yet taken by the writer.
-  std::atomic<std::uint64_t> queuedBytes_{0};
+  // Kept with the counters, so the endpoint sees the queue without asking the link.
+  std::atomic<std::uint64_t>& queuedBytes_;
   cDropCounter refused_;
   cDropCounter unmatched_;
   int postHandler_ = 0;

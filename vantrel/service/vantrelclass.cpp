@@ -1,5 +1,7 @@
 #include "vantrel/service/vantrelclass.h"
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +14,7 @@
 #include "vantrel/base/platform/lockfile.h"
 #include "vantrel/base/platform/manualevent.h"
 #include "vantrel/base/platform/process.h"
+#include "vantrel/base/platform/servicemanager.h"
 #include "vantrel/base/platform/thread.h"
 #include "vantrel/base/socket/hostlookup.h"
 #include "vantrel/base/socket/socketoptions.h"
@@ -20,10 +23,12 @@
 #include "vantrel/net/vantrelclientconnection.h"
 #include "vantrel/net/vantrelconnectioncontext.h"
 #include "vantrel/net/vantrelnetconnection.h"
+#include "vantrel/service/monitorendpoint.h"
 #include "vantrel/service/vantrelclientinstance.h"
 #include "vantrel/service/vantrelconnectionkeeper.h"
 #include "vantrel/service/vantreleventserver.h"
 #include "vantrel/service/vantrellistensockets.h"
+#include "vantrel/version.h"
 
 using nCommunication::nSocket::nImplementation_sho::cSocketHandle;
 using nCommunication::nSocket::nImplementation_sho::cSocketOptions;
@@ -80,6 +85,7 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
   }
 
   ~cCore() override {
+    AnnounceStopping();
     // Normally f_TerminateInternal has emptied the keeper already; connections
     // refer to the router and the context, so they go first in any case.
     keeper.Shutdown();
@@ -118,6 +124,7 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
     built->answerTimeoutSeconds = settings.AnswerTimeoutSeconds();
     built->fileCopyWindowBytes = settings.FileCopyWindowBytes();
     built->copies = cCopyPolicy::Make(settings.CopyRoots(), settings.CertificatesPath(), settings.MaxMessageSize());
+    built->stats = stats;
     context = std::move(built);
 
     cLocalIdentity identity;
@@ -182,6 +189,54 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
     keeper.Started(connection);
   }
 
+  // Once both listeners run: the monitoring endpoint (when configured), then
+  // the service manager hears that the service is ready.
+  void AnnounceReady() {
+    serving = true;
+    if (settings.MonitorPort() != 0) {
+      vantrel::monitor::cServiceIdentity identity;
+      identity.version = VANTREL_VERSION_STRING;
+      identity.hostText = addressHostText;
+      identity.clientsPort = clientsPort;
+      identity.netPort = netPort;
+      identity.tls = tls.useOpenSsl;
+      identity.started = startedAt;
+      auto endpoint = std::make_unique<vantrel::monitor::cMonitorEndpoint>(stats, [this] { return serving.load(); });
+      std::string error;
+      if (endpoint->Start(settings.MonitorAddress(), settings.MonitorPort(), std::move(identity), error)) {
+        VLOG_INFO("CVantrelClass::Init - monitoring on http://%s:%d/ (/healthz, /status, /metrics)",
+                  settings.MonitorAddress(), endpoint->Port());
+        monitor = std::move(endpoint);
+      } else {
+        // The service works without it; an operator sees why it is missing.
+        VLOG_ERROR("CVantrelClass::Init - monitoring endpoint is off: %s (MonitorPort, MonitorAddress)", error);
+      }
+    }
+    if (vantrel::platform::gNotifyServiceReady()) VLOG_INFO("CVantrelClass::Init - service manager told: ready");
+    const long watchdogMs = vantrel::platform::gServiceWatchdogIntervalMs();
+    if (watchdogMs > 0) {
+      watchdogStop.Reset();
+      // Twice per interval, so one late beat does not count as a hang.
+      const long beatMs = std::max(1L, watchdogMs / 2);
+      watchdog.Start(
+          [this, beatMs] {
+            while (watchdogStop.Wait(beatMs) == 0) vantrel::platform::gNotifyServiceAlive();
+          },
+          "VTWatchdog", "CVantrelClass:Watchdog");
+      VLOG_INFO("CVantrelClass::Init - service manager watchdog every %ld ms", beatMs);
+    }
+  }
+
+  // First in the stop order: nobody should read "ready" or "ok" from a service
+  // that is closing.
+  void AnnounceStopping() {
+    const bool wasServing = serving.exchange(false);
+    if (wasServing) vantrel::platform::gNotifyServiceStopping();
+    watchdogStop.Set();
+    watchdog.Join();
+    if (monitor != nullptr) monitor->Stop();
+  }
+
   void ReportPortBusyText(unsigned short port) {
     const std::string text = fmt::sprintf(
         "Port %d is in use by other application. Could not start Brenmark communication module.\n\nPlease free the "
@@ -239,6 +294,13 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
   int instanceLockFd = -1;
   bool stopped = false;
   std::shared_ptr<const cVantrelConnectionContext> context;
+  const std::chrono::steady_clock::time_point startedAt = std::chrono::steady_clock::now();
+  // Counters of every connection and copy; connections share it through the context.
+  const std::shared_ptr<vantrel::stats::cServiceStats> stats = std::make_shared<vantrel::stats::cServiceStats>();
+  std::atomic<bool> serving{false};  // read by the endpoint's workers
+  std::unique_ptr<vantrel::monitor::cMonitorEndpoint> monitor;
+  RQPManualEvent watchdogStop;
+  vantrel::platform::cThread watchdog;
   // Connections refer to the router and the keeper: both outlive them.
   CVantrelEventServer eventServer;
   cVantrelConnectionKeeper keeper;
@@ -371,6 +433,7 @@ bool CVantrelClass::vInitZ1() {
     return false;
   }
   MarkVantrelAlive();
+  core.AnnounceReady();
   return true;
 }
 
@@ -409,6 +472,7 @@ void CVantrelClass::f_TerminateInternal() {
   cCore& core = *core_;
   if (core.stopped) return;
   core.stopped = true;
+  core.AnnounceStopping();
   core.netListener.Terminate();
   core.clientListener.Terminate();
   core.netListener.JoinThread();

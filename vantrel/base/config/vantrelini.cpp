@@ -208,6 +208,17 @@ void cVantrelIni::Read() {
   } else {
     fileCopyWindowBytes_ = static_cast<std::uint64_t>(window);
   }
+
+  const int monitorPort = ReadIntWithDefault(t, "MonitorPort", kDefaultMonitorPort, parsed);
+  if (monitorPort < 0 || monitorPort > 65535) {
+    VLOG_WARN("cVantrelIni - MonitorPort %d is not a port; %u is used", monitorPort, kDefaultMonitorPort);
+    monitorPort_ = kDefaultMonitorPort;
+  } else {
+    monitorPort_ = static_cast<unsigned short>(parsed ? monitorPort : kDefaultMonitorPort);
+  }
+  std::istringstream monitorAddress(gReadStringOptional(t, "MonitorAddress", kDefaultMonitorAddress));
+  monitorAddress >> monitorAddress_;
+  if (monitorAddress_.empty()) monitorAddress_ = kDefaultMonitorAddress;
 }
 
 const cVantrelIni& cVantrelIni::Instance() {

@@ -32,6 +32,9 @@ inline constexpr std::uint64_t kDefaultMaxLinkQueueBytes = 64ull << 20;
 // 0: three ping intervals, at least 3 s.
 inline constexpr int kDefaultLinkSilenceLimitSeconds = 0;
 inline constexpr int kDefaultAnswerTimeoutSeconds = 120;
+// The monitoring endpoint: HTTP on this port (0: none), on loopback unless widened.
+inline constexpr unsigned short kDefaultMonitorPort = 9012;
+inline constexpr const char* kDefaultMonitorAddress = "127.0.0.1";
 
 // File copies between hosts: the most bytes a sender keeps unacknowledged. Its
 // window starts small and grows to this, so a long link can be kept full.
@@ -117,6 +120,10 @@ class cVantrelIni {
   // ports together; at least 1).
   std::uint32_t MaxPendingConnections() const { return maxPendingConnections_; }
 
+  // Monitoring: the HTTP endpoint's port (0: off) and the address it listens on.
+  unsigned short MonitorPort() const { return monitorPort_; }
+  const std::string& MonitorAddress() const { return monitorAddress_; }
+
  private:
   void Read();
 
@@ -145,6 +152,8 @@ class cVantrelIni {
   std::uint64_t fileCopyWindowBytes_ = nVantrelIni::kDefaultFileCopyWindowBytes;
   std::string netListenAddress_;
   std::uint32_t maxPendingConnections_ = nVantrelIni::kDefaultMaxPendingConnections;
+  unsigned short monitorPort_ = nVantrelIni::kDefaultMonitorPort;
+  std::string monitorAddress_ = nVantrelIni::kDefaultMonitorAddress;
 };
 
 // The simulated latencies of host links, parsed from SimulatedLatencyNet_debug.

@@ -106,6 +106,9 @@ cSocketResult gSetNoDelay(tSocket socket);
 cSocketResult gSetUnacknowledgedTimeout(tSocket socket, std::uint32_t milliseconds);
 // Lets a listener bind a port that connections of an earlier listener still hold.
 cSocketResult gSetReuseAddress(tSocket socket);
+// Keeps a socket that another library created out of programs this process
+// starts (ours are created so).
+cSocketResult gSetCloseOnExec(tSocket socket);
 
 // ---- listening and connecting ---------------------------------------------------
 

@@ -169,6 +169,12 @@ cSocketResult gSetReuseAddress(tSocket socket) {
   return Status(::setsockopt(Fd(socket), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on));
 }
 
+cSocketResult gSetCloseOnExec(tSocket socket) {
+  const int flags = ::fcntl(Fd(socket), F_GETFD);
+  if (flags < 0) return Status(-1);
+  return Status(::fcntl(Fd(socket), F_SETFD, flags | FD_CLOEXEC));
+}
+
 // ---- listening and connecting ---------------------------------------------------
 
 cSocketResult gBindIPv4(tSocket socket, tListenAddress address, unsigned short port) {
