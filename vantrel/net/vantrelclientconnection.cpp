@@ -117,6 +117,13 @@ void CVantrelClientConnection::doReading() {
         RQPMutexGuard guard(lock_);
         if (terminated_) return;  // closed by the service itself
       }
+      if (socket_.PeerLeftSilently()) {
+        // A port or health check: connected and closed without a word. Nothing
+        // is wrong with the service, so it goes on.
+        VLOG_DEBUG("CVantrelClientConnection::doReading - connection on port %d closed before its greeting (a probe)",
+                   port_);
+        return;
+      }
       VLOG_ERROR("exiting vantrel with error. Message was not read  Should restart automatically");
       restartProcess();
       return;

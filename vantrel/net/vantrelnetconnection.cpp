@@ -342,7 +342,7 @@ void CVantrelHostConnection::answerPeer(const cVantrelMessage& request, bool del
   queueOwn(std::make_unique<VantrelHostEvent>(static_cast<long>(request.getMessageId()), request.getFromHost(),
                                               request.getFromClient(), request.getToHost(), request.getToClient(),
                                               AnswerQType(request.getType()), delivered ? kDelivered : kNotDelivered,
-                                              delivered ? kChannelAnswers : kChannelMessages, "", 1));
+                                              gAnswerChannel(request.getType(), delivered), "", 1));
 }
 
 void CVantrelHostConnection::deliverAnswer(short type, short subtype, tFrameData data, unsigned length) {
@@ -554,8 +554,8 @@ bool CVantrelHostConnection::keepAlive(double now) {
 
 void CVantrelHostConnection::answerBroken(std::uint32_t messageId, short type, const char* toHost, const char* toClient,
                                           const char* fromHost, const char* fromClient, const char* text) {
-  auto answer =
-      cPendingAnswers::BrokenAnswer(messageId, toHost, toClient, fromHost, fromClient, AnswerQType(type), text);
+  auto answer = cPendingAnswers::BrokenAnswer(messageId, toHost, toClient, fromHost, fromClient, AnswerQType(type),
+                                              text, gAnswerChannel(type, false));
   const bool delivered = context_->router != nullptr && context_->router->dispatchClientEvent(answer.get());
   if (delivered) answer.release();  // the requester's connection has it now
   VLOG_DEBUG("CVantrelHostConnection - message %u of type %d from %s answered as broken link%s", messageId, type,
