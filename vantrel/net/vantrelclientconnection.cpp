@@ -54,13 +54,13 @@ void CVantrelClientConnection::runReader() {
     restartProcess();
   }
   Terminate(false);
-  VLOG_INFO("CVantrelClientConnection::StartReader - Done (%s,%d)", vantrel::log::Escaped(clientName()), port_);
+  VLOG_DEBUG("CVantrelClientConnection::StartReader - Done (%s,%d)", vantrel::log::Escaped(clientName()), port_);
 }
 
 void CVantrelClientConnection::runWriter() {
   doWriting();
   Terminate(false);
-  VLOG_INFO("CVantrelClientConnection::StartWriter - Done (%s,%d)", vantrel::log::Escaped(clientName()), port_);
+  VLOG_DEBUG("CVantrelClientConnection::StartWriter - Done (%s,%d)", vantrel::log::Escaped(clientName()), port_);
 }
 
 bool CVantrelClientConnection::greet(char* data, unsigned length, short type) {
@@ -137,7 +137,7 @@ void CVantrelClientConnection::doReading() {
   for (;;) {
     data = nullptr;
     if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, latency)) {
-      VLOG_INFO("CVantrelClientConnection::doReading - terminate");
+      VLOG_DEBUG("CVantrelClientConnection::doReading - terminate");
       return;
     }
     const bool more = session->handleMessage(data, length, type, subtype);
@@ -298,7 +298,7 @@ void CVantrelClientConnection::Terminate(bool wait) {
     RQPMutexGuard guard(lock_);
     if (!terminated_) {
       first = true;
-      VLOG_INFO("CVantrelClientConnection::Terminate (%s,%d)", vantrel::log::Escaped(clientName_), port_);
+      VLOG_DEBUG("CVantrelClientConnection::Terminate (%s,%d)", vantrel::log::Escaped(clientName_), port_);
       socket_.CloseSocket();
       terminated_ = true;
       eventQueue().TerminateZ72();

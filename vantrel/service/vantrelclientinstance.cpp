@@ -67,7 +67,7 @@ bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length
       routeToHost(data, length, type, subtype);
       return true;
     case kFarewell: {
-      VLOG_INFO("VantrelClientInstance::handleMessage(%s) - farewell", vantrel::log::Escaped(name_));
+      VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - farewell", vantrel::log::Escaped(name_));
       iVantrelClientLink* connection = connection_.exchange(nullptr, std::memory_order_acq_rel);
       if (connection != nullptr) connection->Terminate(false);
       detach();
