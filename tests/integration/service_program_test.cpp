@@ -3,6 +3,7 @@
 // protocol.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 
 #include "tests/support/servicehelper.h"
 #include "tests/support/tlscerts.h"
+#include "vantrel/version.h"
 
 namespace vantrel::test {
 namespace {
@@ -183,6 +185,46 @@ TEST(ServiceProgramTest, AProbeIsServedButAHalfGreetingMakesTheServiceRestartIts
   EXPECT_TRUE(late.NETInitZ641("late", service.clientsPort()));
   late.NETTerminate();
   ASSERT_FALSE(service.successors().empty());
+}
+
+TEST(ServiceProgramTest, StartUpRefusalsHelpAndVersion) {
+  const std::string program = VANTREL_BINARY_DIR "/programs/vantrel";
+  const std::vector<std::string> ports = {"--clients-port", std::to_string(FreePort()), "--net-port",
+                                          std::to_string(FreePort())};
+  const struct {
+    std::vector<std::string> arguments;
+    int exitCode;
+    const char* output;  // on standard output
+  } rows[] = {
+      {{"--version"}, 0, "vantrel " VANTREL_VERSION_STRING "\n"},
+      {{"--help"}, 0, "Usage: vantrel"},
+      {{"--help"}, 0, "VANTREL_LOG_FILE"},
+      {{"--help"}, 0, "42  an unrecoverable socket failure"},
+      // Never quietly on the built-in defaults, nor without the log it was given.
+      {{"--config", "/nonexistent/Vantrel.ini"}, 2, ""},
+      {{"--log-file", "/proc/nonexistent/vantrel.log"}, 2, ""},
+  };
+  for (const auto& row : rows) {
+    std::vector<std::string> arguments = ports;
+    arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+    const auto result = RQPRunAndCapture(program, arguments, nTime::cDiff::FromSeconds(20));
+    EXPECT_EQ(result.exitCode, row.exitCode) << row.arguments.back();
+    EXPECT_NE(result.output.find(row.output), std::string::npos) << result.output;
+  }
+}
+
+TEST(ServiceProgramTest, SighupReopensTheLogFileMovedAwayForRotation) {
+  ServiceProcess service;
+  ASSERT_TRUE(service.launch()) << service.log();
+  const std::string rotated = service.logFile() + ".1";
+  std::filesystem::rename(service.logFile(), rotated);
+  ASSERT_EQ(::kill(static_cast<pid_t>(service.pid()), SIGHUP), 0);
+  EXPECT_TRUE(service.waitLog("log file reopened"));
+  TestClient late;  // the service still serves, and logs into the new file
+  ASSERT_TRUE(late.NETInitZ641("late", service.clientsPort()));
+  EXPECT_TRUE(service.waitLog("VantrelClientInstance(late)"));
+  late.NETTerminate();
+  EXPECT_EQ(service.stop(), 0);
 }
 
 long ThreadsOf(RQPProcessId pid) {
