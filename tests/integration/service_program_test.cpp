@@ -203,13 +203,19 @@ TEST(ServiceProgramTest, StartUpRefusalsHelpAndVersion) {
       // Never quietly on the built-in defaults, nor without the log it was given.
       {{"--config", "/nonexistent/Vantrel.ini"}, 2, ""},
       {{"--log-file", "/proc/nonexistent/vantrel.log"}, 2, ""},
+      {{}, 2, "openssl settings\n"},  // the clients port is held below
   };
+  StreamSocket holder(false, "holder");
+  holder.CreateListenerSocket(static_cast<unsigned short>(std::stoi(ports[1])), c_Socket::eLoopbackOnly);
   for (const auto& row : rows) {
     std::vector<std::string> arguments = ports;
     arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
     const auto result = RQPRunAndCapture(program, arguments, nTime::cDiff::FromSeconds(20));
     EXPECT_EQ(result.exitCode, row.exitCode) << row.arguments.back();
     EXPECT_NE(result.output.find(row.output), std::string::npos) << result.output;
+    // Standard output is a pipe here: no terminal escapes, no stray diagnostics.
+    EXPECT_EQ(result.output.find_first_of('\x1b'), std::string::npos) << result.output;
+    EXPECT_EQ(result.output.find("Current user"), std::string::npos) << result.output;
   }
 }
 
