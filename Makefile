@@ -1,5 +1,6 @@
 # Two commands for a fresh Debian 12 machine:
-#   make run    install what is missing, build the release configuration, start the service
+#   make run    install what is missing, build the two programs, start the service
+#   make install PREFIX=/opt/vantrel   build and install under PREFIX (default /usr/local)
 #   make test   install what is missing, build, run the whole test suite
 #   make fuzz   build the fuzz targets (clang-14, libFuzzer) and run each for SECONDS (60)
 PRESET ?= default
@@ -20,14 +21,26 @@ build: deps
 test: build
 	ctest --preset $(PRESET)
 
+# Only the two programs are built for `run` and `install`; tests and benchmarks wait for `make test`.
+PROGRAMS = vantrel_service vantrel_cli
+# Where `make install` puts everything; the unit and the settings search follow it.
+PREFIX ?= /usr/local
+
 run: deps
-	cmake --preset release
-	cmake --build --preset release -j $(JOBS)
+	cmake --preset release $(CMAKE_ARGS)
+	cmake --build --preset release -j $(JOBS) --target $(PROGRAMS)
+	@echo
+	@echo "The service starts below (Ctrl-C stops it). In another terminal, try:"
+	@echo "  $(CURDIR)/build/release/programs/vantrel-cli whoami"
+	@echo "  $(CURDIR)/build/release/programs/vantrel-cli listen --name bob"
+	@echo "  $(CURDIR)/build/release/programs/vantrel-cli send bob@$$(hostname) hello"
+	@echo "  $(CURDIR)/build/release/programs/vantrel-cli --help"
+	@echo
 	./build/release/programs/vantrel
 
 install: deps
-	cmake --preset release
-	cmake --build --preset release -j $(JOBS)
+	cmake --preset release -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_ARGS)
+	cmake --build --preset release -j $(JOBS) --target vantrel $(PROGRAMS)
 	cmake --install build/release
 
 bench: deps

@@ -24,6 +24,7 @@
 #include "vantrel/client/vantrelclientobj.h"
 #include "vantrel/message/wire.h"
 #include "vantrel/support/associativearray.h"
+#include "vantrel/version.h"
 
 namespace {
 
@@ -48,6 +49,13 @@ constexpr const char* kExitCodes =
     "  5  not acknowledged: refused, not delivered, or no answer in time\n"
     "  6  timed out waiting, or no message waiting\n"
     "  7  the copy did not complete (its state says why)\n";
+
+constexpr const char* kEnvironment =
+    "\nEnvironment:\n"
+    "  VANTREL_CLIENT_PORT  the service's client port when --port is 0 (else 9010)\n"
+    "  VANTREL_INI          the settings file (else Vantrel.ini in the usual places)\n"
+    "  VANTREL_LOG_LEVEL    the log level when --log-level is not given (default warning)\n"
+    "  VANTREL_LOG_FILE     write the log to this file instead of standard error\n";
 
 namespace wire = vantrel::wire;
 
@@ -74,18 +82,70 @@ struct cSession {
   }
 };
 
+// The sender's address as a reply must be written: a sender of this host is
+// named with the host text of our own service (its net port included), so that
+// a reply from a client of another service on this host reaches it.
+std::string SenderAddress(cSession& session, const cVantrelMessage& record) {
+  std::string host = record.getFromHost() ? record.getFromHost() : "";
+  const char* local = session.client.NETLocalHostName();
+  const std::string whoAmI = session.client.NETWhoAmI();
+  const auto at = whoAmI.rfind('@');
+  if (local != nullptr && host == local && at != std::string::npos) host = whoAmI.substr(at + 1);
+  return std::string(record.getFromClient() ? record.getFromClient() : "") + "@" + host;
+}
+
 // Prints a received record's data (text up to its first zero byte).
-void PrintRecord(const cVantrelMessage& record, bool withSender) {
-  if (withSender) std::printf("%s@%s\t", record.getFromClient(), record.getFromHost());
+void PrintRecord(cSession& session, const cVantrelMessage& record, bool withSender) {
+  if (withSender) std::printf("%s\t", SenderAddress(session, record).c_str());
   const char* data = record.getData();
   const std::size_t length = data ? strnlen(data, record.getDatalen()) : 0;
   std::fwrite(data ? data : "", 1, length, stdout);
   std::fputc('\n', stdout);
+  std::fflush(stdout);  // a reader at the other end of a pipe sees each message as it comes
+}
+
+// Waits for the next record that `wanted` accepts, for at most `timeoutMs`
+// (0: for ever). Null when the time ran out (`timedOut` set) or the service
+// ended the session. Records that `wanted` refuses are skipped.
+template <typename tWanted>
+const cVantrelMessage* WaitForRecord(cSession& session, long timeoutMs, bool& timedOut, tWanted wanted) {
+  // The watchdog turns the client's queues off when the time is up, which
+  // ends the blocked wait.
+  std::mutex mutex;
+  std::condition_variable done;
+  bool finished = false;
+  timedOut = false;
+  std::thread watchdog;
+  if (timeoutMs > 0) {
+    watchdog = std::thread([&] {
+      std::unique_lock<std::mutex> lock(mutex);
+      if (!done.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return finished; })) {
+        timedOut = true;
+        lock.unlock();
+        session.client.NETTurnOff();
+      }
+    });
+  }
+  const cVantrelMessage* record = nullptr;
+  while ((record = session.client.NETWaitMessageX1()) != nullptr && !wanted(*record)) {
+  }
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    finished = true;
+  }
+  done.notify_all();
+  if (watchdog.joinable()) watchdog.join();
+  return record;
 }
 
 void PrintData(const char* data) {
   std::fputs(data ? data : "", stdout);
   std::fputc('\n', stdout);
+}
+
+int EndedByService() {
+  std::fprintf(stderr, "vantrel-cli: the service ended the session\n");
+  return kExitNoService;
 }
 
 class iCommand {
@@ -94,6 +154,8 @@ class iCommand {
   virtual const char* Name() const = 0;
   virtual const char* Description() const = 0;
   virtual void Configure(CLI::App& app) = 0;
+  // Runs before the client registers (settings read at registration).
+  virtual void Prepare() {}
   virtual int Run(cSession& session) = 0;
 };
 
@@ -125,16 +187,29 @@ class cSend : public cSendBase {
  public:
   const char* Name() const override { return "send"; }
   const char* Description() const override { return "send a message and wait for its acknowledgement"; }
+  void Configure(CLI::App& app) override {
+    cSendBase::Configure(app);
+    app.add_option("--timeout", timeoutMs_, "give up waiting for the acknowledgement after this many milliseconds")
+        ->check(CLI::PositiveNumber);
+  }
+  void Prepare() override {
+    // The client library reads its acknowledgement time-out when it registers.
+    if (timeoutMs_ > 0) RQPSetEnvironment("VANTREL_INTERNAL_ACK_ON_SEND_WAIT_TIMEOUT", std::to_string(timeoutMs_));
+  }
   int Run(cSession& session) override {
     if (session.client.NETSendMessageZ1(text_.c_str(), Length(), address_.c_str())) return kExitOk;
     const int status = session.client.NETGetLastStatus();
     if (status == wire::kStatusSendFailed) return SendFailed(session);
     if (status == wire::kStatusAckError)
-      std::fprintf(stderr, "vantrel-cli: %s did not acknowledge the message\n", address_.c_str());
+      std::fprintf(stderr, "vantrel-cli: %s: not delivered (status %d; the reason is logged above)\n", address_.c_str(),
+                   status);
     else
       std::fprintf(stderr, "vantrel-cli: no acknowledgement from %s in time (not delivered?)\n", address_.c_str());
     return kExitNotAcknowledged;
   }
+
+ private:
+  long timeoutMs_ = 0;
 };
 
 class cNotify : public cSendBase {
@@ -154,14 +229,38 @@ class cPost : public cSendBase {
   void Configure(CLI::App& app) override {
     cSendBase::Configure(app);
     app.add_option("--id", id_, "message id that the answer names")->capture_default_str();
+    app.add_option("--wait", waitMs_,
+                   "stay registered for this many milliseconds (0: for ever) and print the first message that "
+                   "carries the id: the addressee's answer, or the service's \"not delivered\"")
+        ->expected(0, 1)
+        ->default_str("0")
+        ->check(CLI::NonNegativeNumber);
   }
   int Run(cSession& session) override {
-    return session.client.NETSendMessageNowaitZ1(id_, text_.c_str(), Length(), address_.c_str()) ? kExitOk
-                                                                                                 : SendFailed(session);
+    if (!session.client.NETSendMessageNowaitZ1(id_, text_.c_str(), Length(), address_.c_str()))
+      return SendFailed(session);
+    if (!waitMs_) return kExitOk;
+    bool timedOut = false;
+    const cVantrelMessage* answer = WaitForRecord(session, *waitMs_, timedOut, [this](const cVantrelMessage& record) {
+      return static_cast<long>(record.getMessageId()) == id_;
+    });
+    if (answer == nullptr) {
+      if (!timedOut) return EndedByService();
+      std::fprintf(stderr, "vantrel-cli: no answer to message %ld within %ld ms\n", id_, *waitMs_);
+      return kExitNoMessage;
+    }
+    if (answer->getType() == wire::kNotDelivered) {
+      std::fprintf(stderr, "vantrel-cli: %s: message %ld not delivered (%s)\n", address_.c_str(), id_,
+                   answer->getData() ? answer->getData() : "");
+      return kExitNotAcknowledged;
+    }
+    PrintRecord(session, *answer, true);
+    return kExitOk;
   }
 
  private:
   long id_ = 0;
+  std::optional<long> waitMs_;
 };
 
 class cWait : public iCommand {
@@ -174,46 +273,46 @@ class cWait : public iCommand {
     app.add_flag("--from", withSender_, "print the sender (client@host) and a tab before the text");
   }
   int Run(cSession& session) override {
-    // The watchdog turns the client's queues off when the time is up, which
-    // ends the blocked wait.
-    std::mutex mutex;
-    std::condition_variable done;
-    bool finished = false;
     bool timedOut = false;
-    std::thread watchdog;
-    if (timeoutMs_ > 0) {
-      watchdog = std::thread([&] {
-        std::unique_lock<std::mutex> lock(mutex);
-        if (!done.wait_for(lock, std::chrono::milliseconds(timeoutMs_), [&] { return finished; })) {
-          timedOut = true;
-          lock.unlock();
-          session.client.NETTurnOff();
-        }
-      });
-    }
-    const cVantrelMessage* record = session.client.NETWaitMessageX1();
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      finished = true;
-    }
-    done.notify_all();
-    if (watchdog.joinable()) watchdog.join();
-
+    const cVantrelMessage* record =
+        WaitForRecord(session, timeoutMs_, timedOut, [](const cVantrelMessage&) { return true; });
     if (record != nullptr) {
-      PrintRecord(*record, withSender_);
+      PrintRecord(session, *record, withSender_);
       return kExitOk;
     }
     if (timedOut) {
       std::fprintf(stderr, "vantrel-cli: no message within %ld ms\n", timeoutMs_);
       return kExitNoMessage;
     }
-    std::fprintf(stderr, "vantrel-cli: the service ended the session\n");
-    return kExitNoService;
+    return EndedByService();
   }
 
  private:
   long timeoutMs_ = 0;
   bool withSender_ = false;
+};
+
+class cListen : public iCommand {
+ public:
+  const char* Name() const override { return "listen"; }
+  const char* Description() const override {
+    return "stay registered and print every message (id, type, sender, text) until interrupted";
+  }
+  void Configure(CLI::App& app) override {
+    app.add_option("--count", count_, "stop after this many messages (0: never)")->check(CLI::NonNegativeNumber);
+  }
+  int Run(cSession& session) override {
+    for (long seen = 0; count_ == 0 || seen < count_; ++seen) {
+      const cVantrelMessage* record = session.client.NETWaitMessageX1();
+      if (record == nullptr) return EndedByService();
+      std::printf("%u\t%d\t", record->getMessageId(), record->getType());
+      PrintRecord(session, *record, true);
+    }
+    return kExitOk;
+  }
+
+ private:
+  long count_ = 0;
 };
 
 class cFetch : public iCommand {
@@ -428,23 +527,30 @@ void ReadSettingsQuietly() {
 
 int main(int argc, char** argv) {
   try {
-    CLI::App app{"vantrel-cli - command-line client of the Vantrel message bus"};
-    app.footer(kExitCodes);
+    CLI::App app{"vantrel-cli - command-line client of the Vantrel message bus", "vantrel-cli"};
+    app.footer(std::string(kExitCodes) + kEnvironment);
     app.require_subcommand(1);
+    app.set_version_flag("--version", std::string("vantrel-cli ") + VANTREL_VERSION_STRING);
 
     cSession session;
     session.name = "vantrel-cli-" + std::to_string(RQPCurrentProcessId());
     std::string logLevel;
-    app.add_option("--name", session.name, "client name to register under")->capture_default_str();
+    // Given twice (before and after the subcommand), the later one counts.
+    app.add_option("--name", session.name, "client name to register under")
+        ->capture_default_str()
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.add_option("--port", session.port, "the service's client port (0: VANTREL_CLIENT_PORT, else 9010)")
-        ->capture_default_str();
-    app.add_option("--log-level", logLevel, "trace, debug, info, warning, error, critical or off");
+        ->capture_default_str()
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    app.add_option("--log-level", logLevel, "trace, debug, info, warning, error, critical or off")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
 
     std::vector<std::unique_ptr<iCommand>> commands;
     commands.push_back(std::make_unique<cSend>());
     commands.push_back(std::make_unique<cNotify>());
     commands.push_back(std::make_unique<cPost>());
     commands.push_back(std::make_unique<cWait>());
+    commands.push_back(std::make_unique<cListen>());
     commands.push_back(std::make_unique<cFetch>());
     commands.push_back(std::make_unique<cWhoAmI>());
     commands.push_back(std::make_unique<cCopy>());
@@ -454,7 +560,9 @@ int main(int argc, char** argv) {
     iCommand* chosen = nullptr;
     for (auto& command : commands) {
       CLI::App* sub = app.add_subcommand(command->Name(), command->Description());
-      sub->footer(kExitCodes);
+      sub->footer(std::string(kExitCodes) + kEnvironment);
+      // The shared options (--name, --port, --log-level) may follow the subcommand too.
+      sub->fallthrough();
       command->Configure(*sub);
       sub->callback([&chosen, raw = command.get()] { chosen = raw; });
     }
@@ -475,6 +583,7 @@ int main(int argc, char** argv) {
     }
     if (status.Chosen()) return status.Run();
     if (chosen == nullptr) return kExitUsage;
+    chosen->Prepare();
     ReadSettingsQuietly();
     if (!session.Open()) return kExitNoService;
     const int result = chosen->Run(session);

@@ -3,9 +3,7 @@
 // net port, and routes messages between them. Runs in the foreground; SIGINT
 // and SIGTERM stop it in order.
 //
-// Exit codes: 0 stopped by a signal; 1 TLS on without a certificates folder;
-// 2 start-up failed (ports busy, host name unresolvable, bad options);
-// 42 an unrecoverable socket failure (a relaunched successor takes over).
+// Exit codes: see kFooter (shown by --help).
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
@@ -14,6 +12,7 @@
 #include <vector>
 
 #include "vantrel/base/env/integer.h"
+#include "vantrel/base/env/settings.h"
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/manualevent.h"
 #include "vantrel/base/platform/process.h"
@@ -22,6 +21,7 @@
 #include "vantrel/base/socket/streamsocket.h"
 #include "vantrel/supervision/Clock.h"
 #include "vantrel/supervision/supervisedservice.h"
+#include "vantrel/version.h"
 
 namespace {
 
@@ -30,6 +30,24 @@ constexpr unsigned short kDefaultNetPort = 9011;
 // How long a relaunched service waits for its predecessor's ports.
 constexpr long kRelaunchWaitMs = 30000;
 constexpr long kRelaunchProbeMs = 100;
+
+constexpr const char* kFooter =
+    "Relaunch arguments: /w waits for the previous instance's ports, /s reports start-up errors to the log only.\n"
+    "\n"
+    "Exit codes:\n"
+    "  0   stopped by SIGINT or SIGTERM\n"
+    "  1   TLS is on but CertificatesPath is empty\n"
+    "  2   start-up failed: bad option, unreadable settings or log file, ports in use, host name unresolvable\n"
+    "  42  an unrecoverable socket failure; a relaunched successor (or systemd) takes over\n"
+    "\n"
+    "Environment:\n"
+    "  VANTREL_CLIENT_PORT  the clients port when --clients-port is not given\n"
+    "  VANTREL_INI          the settings file when --config is not given\n"
+    "  VANTREL_LOG_LEVEL    the log level when --log-level is not given\n"
+    "  VANTREL_LOG_FILE     the log file when --log-file is not given\n"
+    "  RQ_BIN               the folder of the program a relaunch starts\n"
+    "\n"
+    "SIGHUP reopens the log file (for rotation).";
 
 class cVantrelService : public cSupervisedVantrelClass {
  public:
@@ -78,7 +96,7 @@ int main(int argc, char** argv) {
     }
   }
 
-  CLI::App app{"vantrel - the message bus service of this host"};
+  CLI::App app{"vantrel - the message bus service of this host", "vantrel"};
   unsigned short clientsPort = kDefaultClientsPort;
   unsigned short netPort = kDefaultNetPort;
   std::string config;
@@ -90,8 +108,8 @@ int main(int argc, char** argv) {
   app.add_option("--config", config, "the settings file (instead of the usual search for Vantrel.ini)");
   app.add_option("--log-level", logLevel, "trace, debug, info, warning, error, critical or off (default info)");
   app.add_option("--log-file", logFile, "write the log to this file instead of standard error");
-  app.footer(
-      "Relaunch arguments: /w waits for the previous instance's ports, /s reports start-up errors to the log only.");
+  app.set_version_flag("--version", std::string("vantrel ") + VANTREL_VERSION_STRING);
+  app.footer(kFooter);
   std::reverse(args.begin(), args.end());
   try {
     app.parse(args);
@@ -115,7 +133,12 @@ int main(int argc, char** argv) {
   // Every line is written through, so that a watched log file shows the
   // service's progress as it happens.
   vantrel::log::SetFlushEveryLine(true);
-  vantrel::log::Configure(logLevel, logFile);
+  std::string problem;
+  if (!vantrel::log::Configure(logLevel, logFile, &problem)) {
+    // A service that runs on without the log it was told to write is blind.
+    std::fprintf(stderr, "vantrel: cannot open the log file %s: %s\n", logFile.c_str(), problem.c_str());
+    return 2;
+  }
   if (clientsPortOption->count() == 0) {
     // Clients read the same variable the same way, so a bad value is refused
     // here too rather than quietly listening where no client will look.
@@ -130,6 +153,16 @@ int main(int argc, char** argv) {
   }
   // Must be set before the settings are read for the first time.
   if (!config.empty()) RQPSetEnvironment("VANTREL_INI", config);
+  // A settings file named on purpose that cannot be read stops the start: the
+  // built-in defaults are not what was asked for.
+  if (const char* named = std::getenv("VANTREL_INI"); named != nullptr && *named != '\0') {
+    problem = nEnvSettings::gSettingsFileProblem(named);
+    if (!problem.empty()) {
+      VLOG_ERROR("vantrel - settings file %s: %s", named, problem);
+      std::fprintf(stderr, "vantrel: settings file %s: %s\n", named, problem.c_str());
+      return 2;
+    }
+  }
 
   // Stop requests are taken by this thread once the service runs, never by a
   // handler; blocked here, before any thread starts, so every thread inherits it.
@@ -151,7 +184,14 @@ int main(int argc, char** argv) {
       VLOG_INFO("vantrel ready: clients port %d, net port %d, host %s", service.GetClientsPortZ5181(),
                 service.GetNetPortZ5181(), service.GetAddressHostText());
       vantrel::log::Flush();
-      const int signal = vantrel::platform::WaitForStopRequest();
+      int signal = vantrel::platform::WaitForStopRequest();
+      for (; signal == vantrel::platform::kReopenRequest; signal = vantrel::platform::WaitForStopRequest()) {
+        // Log rotation: the old file has been moved away; write a new one.
+        if (vantrel::log::Reopen(&problem))
+          VLOG_INFO("vantrel - log file reopened");
+        else
+          VLOG_ERROR("vantrel - cannot reopen the log file %s: %s; logging on to the old one", logFile, problem);
+      }
       VLOG_INFO("vantrel - signal %d, stopping", signal);
       service.f_TerminateZ2();
       VLOG_INFO("vantrel - stopped");

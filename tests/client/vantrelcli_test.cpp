@@ -58,8 +58,20 @@ TEST_F(VantrelCli, SendsReportTheirOutcomeInTheExitCode) {
   EXPECT_EQ(posted.getType(), kSendNoWait);
   EXPECT_EQ(posted.getMessageId(), 9u);
 
+  // The shared options may follow the subcommand and its arguments.
+  EXPECT_EQ(Run({"notify", "peer@lg02", "late options", "--name", "other", "--log-level", "error"}).exitCode, 0);
+  cVantrelMessage late = SentRecord(4);
+  EXPECT_STREQ(late.getData(), "late options");
+  EXPECT_STREQ(late.getFromClient(), "other");
+
   EXPECT_EQ(Run({"send", "no-host-part", "x"}).exitCode, 2);
   EXPECT_EQ(Run({"frobnicate"}).exitCode, 2);
+  const auto noService = RQPRunAndCapture(program_, {"--port", std::to_string(vantrel::test::FreePort()), "whoami"},
+                                          nTime::cDiff::FromSeconds(20));
+  EXPECT_EQ(noService.exitCode, 3);
+  const auto version = Run({"--version"});
+  EXPECT_EQ(version.exitCode, 0);
+  EXPECT_EQ(version.output.rfind("vantrel-cli ", 0), 0u) << version.output;
 }
 
 TEST_F(VantrelCli, ReceivingAndIdentity) {
@@ -77,12 +89,22 @@ TEST_F(VantrelCli, ReceivingAndIdentity) {
   auto received = waiting.get();
   EXPECT_EQ(received.exitCode, 0);
   EXPECT_NE(received.output.find("sender@elsewhere\tincoming\n"), std::string::npos) << received.output;
-}
 
-TEST_F(VantrelCli, NoServiceIsItsOwnFailure) {
-  const auto result = RQPRunAndCapture(program_, {"--port", std::to_string(vantrel::test::FreePort()), "whoami"},
-                                       nTime::cDiff::FromSeconds(20));
-  EXPECT_EQ(result.exitCode, 3);
+  // listen prints id, type and sender; post --wait ends with the message carrying its id.
+  auto listening = std::async(std::launch::async, [&] { return Run({"listen", "--count", "2"}); });
+  auto posting = std::async(std::launch::async, [&] { return Run({"post", "--id", "7", "--wait", "peer@lg02", "q"}); });
+  ASSERT_TRUE(service_.WaitConnections(6));
+  for (std::size_t connection : {4u, 5u}) {
+    ASSERT_TRUE(service_.NextFrame(connection));  // greeting
+    ASSERT_TRUE(service_.SendRecord(connection, kLocalSend, kChannelMessages, "first", 3));
+    ASSERT_TRUE(service_.SendRecord(connection, kSendNoWait, kChannelMessages, "second", 7));
+  }
+  const auto listened = listening.get();
+  EXPECT_EQ(listened.exitCode, 0);
+  const auto posted = posting.get();
+  EXPECT_EQ(posted.exitCode, 0);
+  EXPECT_EQ(listened.output, "3\t1034\tsender@elsewhere\tfirst\n7\t4\tsender@elsewhere\tsecond\n");
+  EXPECT_EQ(posted.output, "sender@elsewhere\tsecond\n");
 }
 
 }  // namespace

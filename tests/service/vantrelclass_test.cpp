@@ -29,11 +29,12 @@ TEST(InProcessServiceTest, EachServiceKeepsItsSettingsAndTheRestartRuleIsItsHook
   EXPECT_EQ(a.GetAddressHostText(), a.GetHostName() + "~" + std::to_string(a.GetNetPortZ5181()));
   EXPECT_EQ(b.GetAddressHostText(), b.GetHostName() + "+" + std::to_string(b.GetNetPortZ5181()));
 
-  // A client that leaves without a greeting asks for a restart: that service's
+  // A client that breaks off its greeting asks for a restart: that service's
   // hook is called, and as it returns, only the connection ends.
   {
-    RawLink silent;
-    ASSERT_TRUE(silent.connectClient(a.GetClientsPortZ5181()));
+    RawLink broken;
+    ASSERT_TRUE(broken.connectClient(a.GetClientsPortZ5181()));
+    ASSERT_GT(::send(broken.handle(), "VT", 2, MSG_NOSIGNAL), 0);
   }
   ASSERT_TRUE(WaitUntil([&] { return a.restarts.load() == 1; }));
   EXPECT_EQ(b.restarts.load(), 0);

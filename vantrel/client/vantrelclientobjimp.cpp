@@ -263,7 +263,11 @@ bool cVantrelClientObjectImp::sendMessage(const char* data, unsigned length, con
   if (answer && answer->isValid())
     lastRefusal_.assign(answer->getData(), strnlen(answer->getData(), answer->getDatalen()));
   SetStatus(wire::kStatusAckError);
-  VLOG_WARN("cVantrelClientObjectImp::sendMessage(%s) - ack on send error %d", WhoAmIText(), wire::kStatusAckError);
+  // The answer's text is the service's reason; it is all a user has to go on.
+  const char* reason = answer && answer->isValid() && answer->getData() ? answer->getData() : "";
+  VLOG_WARN("cVantrelClientObjectImp::sendMessage(%s) - ack on send error %d: %s@%s not delivered: %s", WhoAmIText(),
+            wire::kStatusAckError, vantrel::log::Escaped(toClient), vantrel::log::Escaped(toHost),
+            vantrel::log::Escaped(std::string_view(reason, strnlen(reason, answer ? answer->getDatalen() : 0))));
   return false;
 }
 

@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "vantrel/base/log/log.h"
+#include "vantrel/message/wire.h"
 
 namespace {
 
@@ -33,6 +34,12 @@ unsigned gVantrelKeyHash(const char* key) {
   unsigned h = 2166136261u;
   for (const unsigned char* p = reinterpret_cast<const unsigned char*>(key); p && *p; ++p) h = (h ^ *p) * 16777619u;
   return h;
+}
+
+short gAnswerChannel(short requestType, bool delivered) {
+  using namespace vantrel::wire;
+  if (delivered || requestType == kSend || requestType == kLocalSend) return kChannelAnswers;
+  return kChannelMessages;
 }
 
 // ---- VantrelClientEvent --------------------------------------------------------------

@@ -100,3 +100,11 @@ class VantrelHostEvent : public cVantrelMessage, public BaseEvent {
 
 // The exact-case hash of a key text used by both event classes (FNV-1a).
 unsigned gVantrelKeyHash(const char* key);
+
+// The subtype on which the answer to a request of `requestType` reaches its
+// sender. An acknowledged send waits on the answers channel for either outcome,
+// so a failure ends its wait at once instead of after its time-out; a no-wait
+// send hears "delivered" there and a failure among its messages, with its id;
+// every other failure (a copy's above all, whose result comes there too) goes
+// with the messages.
+short gAnswerChannel(short requestType, bool delivered);

@@ -29,7 +29,7 @@ int cCopyFlowLimits::WindowChunks() const {
 
 CFileTransferHandler::CFileTransferHandler(iFileTransferLink* link, cCopyFlowLimits limits)
     : link_(link), limits_(limits) {
-  VLOG_INFO("CFileTransferHandler::CFileTransferHandler - initializing.");
+  VLOG_DEBUG("CFileTransferHandler::CFileTransferHandler - initializing.");
 }
 
 CFileTransferHandler::~CFileTransferHandler() = default;
@@ -130,7 +130,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
                                                                     const std::string& dstPath,
                                                                     const cVantrelMessage& request,
                                                                     const cCopyRequester& requester) {
-  VLOG_INFO("CFileTransferHandler::SendFile(dstFilePath=%s) - starting", vantrel::log::Escaped(dstPath));
+  VLOG_DEBUG("CFileTransferHandler::SendFile(dstFilePath=%s) - starting", vantrel::log::Escaped(dstPath));
   auto result = std::make_unique<cFileTransferResult>();
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -280,7 +280,7 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
 
 int CFileTransferHandler::ReceiveFile(const std::string& dstPath, const cVantrelMessage& request,
                                       std::optional<std::uint64_t> announcedSize, const cCopyRequester& requester) {
-  VLOG_INFO("CFileTransferHandler::ReceiveFile(dstFilePath=%s) - starting", vantrel::log::Escaped(dstPath));
+  VLOG_DEBUG("CFileTransferHandler::ReceiveFile(dstFilePath=%s) - starting", vantrel::log::Escaped(dstPath));
   int state = kStopped;
   bool stopped = false;
   {

@@ -61,9 +61,9 @@ std::list<cPendingAnswers::cEntry> cPendingAnswers::Close() {
 
 std::unique_ptr<VantrelClientEvent> cPendingAnswers::BrokenAnswer(std::uint32_t messageId, const char* toHost,
                                                                   const char* toClient, const char* fromHost,
-                                                                  const char* fromClient, QType qtype,
-                                                                  const char* text) {
+                                                                  const char* fromClient, QType qtype, const char* text,
+                                                                  short subtype) {
   return std::make_unique<VantrelClientEvent>(static_cast<long>(messageId), fromHost, fromClient, toHost, toClient,
-                                              qtype, vantrel::wire::kNotDelivered, vantrel::wire::kChannelMessages,
-                                              text, static_cast<long>(std::strlen(text) + 1));
+                                              qtype, vantrel::wire::kNotDelivered, subtype, text,
+                                              static_cast<long>(std::strlen(text) + 1));
 }

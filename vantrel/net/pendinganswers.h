@@ -61,11 +61,13 @@ class cPendingAnswers {
 
   // The answer to a request (given by its own addresses) that the peer will
   // never answer: not delivered with `text` (by default "Connection to host
-  // broke."), travelling back to the requester with the request's message id.
+  // broke."), travelling back to the requester with the request's message id,
+  // on `subtype` (gAnswerChannel).
   static std::unique_ptr<VantrelClientEvent> BrokenAnswer(std::uint32_t messageId, const char* toHost,
                                                           const char* toClient, const char* fromHost,
                                                           const char* fromClient, QType qtype,
-                                                          const char* text = nVantrelLink::kLinkBrokeText);
+                                                          const char* text = nVantrelLink::kLinkBrokeText,
+                                                          short subtype = vantrel::wire::kChannelMessages);
 
  private:
   mutable std::mutex mutex_;

@@ -73,13 +73,13 @@ void CVantrelClientConnection::runReader() {
     restartProcess();
   }
   Terminate(false);
-  VLOG_INFO("CVantrelClientConnection::StartReader - Done (%s,%d)", vantrel::log::Escaped(clientName()), port_);
+  VLOG_DEBUG("CVantrelClientConnection::StartReader - Done (%s,%d)", vantrel::log::Escaped(clientName()), port_);
 }
 
 void CVantrelClientConnection::runWriter() {
   doWriting();
   Terminate(false);
-  VLOG_INFO("CVantrelClientConnection::StartWriter - Done (%s,%d)", vantrel::log::Escaped(clientName()), port_);
+  VLOG_DEBUG("CVantrelClientConnection::StartWriter - Done (%s,%d)", vantrel::log::Escaped(clientName()), port_);
 }
 
 bool CVantrelClientConnection::greet(char* data, unsigned length, short type) {
@@ -138,6 +138,13 @@ void CVantrelClientConnection::doReading() {
         RQPMutexGuard guard(lock_);
         if (terminated_) return;  // closed by the service itself
       }
+      if (socket_.PeerLeftSilently()) {
+        // A port or health check: connected and closed without a word. Nothing
+        // is wrong with the service, so it goes on.
+        VLOG_DEBUG("CVantrelClientConnection::doReading - connection on port %d closed before its greeting (a probe)",
+                   port_);
+        return;
+      }
       VLOG_ERROR("exiting vantrel with error. Message was not read  Should restart automatically");
       restartProcess();
       return;
@@ -151,7 +158,7 @@ void CVantrelClientConnection::doReading() {
   for (;;) {
     data = nullptr;
     if (!socket_.WaitTypedMessageZ1(type, subtype, data, length, latency)) {
-      VLOG_INFO("CVantrelClientConnection::doReading - terminate");
+      VLOG_DEBUG("CVantrelClientConnection::doReading - terminate");
       return;
     }
     vantrel::stats::Add(stats_->counters.messagesIn);
@@ -321,7 +328,7 @@ void CVantrelClientConnection::Terminate(bool wait) {
     RQPMutexGuard guard(lock_);
     if (!terminated_) {
       first = true;
-      VLOG_INFO("CVantrelClientConnection::Terminate (%s,%d)", vantrel::log::Escaped(clientName_), port_);
+      VLOG_DEBUG("CVantrelClientConnection::Terminate (%s,%d)", vantrel::log::Escaped(clientName_), port_);
       socket_.CloseSocket();
       terminated_ = true;
       stats_->SetState(vantrel::stats::tLinkState::eClosed);

@@ -151,9 +151,9 @@ void CVantrelHostConnection::runReader() {
   } catch (const std::exception& e) {
     VLOG_ERROR("CVantrelHostConnection::doReading - Exception: %s", e.what());
   }
-  VLOG_INFO("CVantrelHostConnection::StartReader - before terminate");
+  VLOG_DEBUG("CVantrelHostConnection::StartReader - before terminate");
   Terminate(false);
-  VLOG_INFO("CVantrelHostConnection::StartReader - Done");
+  VLOG_DEBUG("CVantrelHostConnection::StartReader - Done");
 }
 
 void CVantrelHostConnection::runWriter() {
@@ -163,7 +163,8 @@ void CVantrelHostConnection::runWriter() {
     VLOG_ERROR("CVantrelHostConnection::doWriting - Exception: %s", e.what());
   }
   Terminate(false);
-  VLOG_INFO("CVantrelHostConnection::StartWriter - Done(%s,%d)", vantrel::log::Escaped(HostText()), socket_.PeerPort());
+  VLOG_DEBUG("CVantrelHostConnection::StartWriter - Done(%s,%d)", vantrel::log::Escaped(HostText()),
+             socket_.PeerPort());
 }
 
 void CVantrelHostConnection::connected() {
@@ -184,7 +185,7 @@ bool CVantrelHostConnection::connectToPeer() {
   const auto split = gSplitHostPort(text, context_->addressPortDelimiter.c_str());
   unsigned short port = context_->netPort;
   if (!split.hasDelimiter) {
-    VLOG_INFO("CVantrelHostConnection::connect - port not set");
+    VLOG_DEBUG("CVantrelHostConnection::connect - port not set");
   } else if (!split.port.has_value()) {
     VLOG_ERROR("CVantrelHostConnection::connect - host text '%s' carries no valid port", vantrel::log::Escaped(text));
     return false;
@@ -378,7 +379,7 @@ void CVantrelHostConnection::answerPeer(const cVantrelMessage& request, bool del
   queueOwn(std::make_unique<VantrelHostEvent>(static_cast<long>(request.getMessageId()), request.getFromHost(),
                                               request.getFromClient(), request.getToHost(), request.getToClient(),
                                               AnswerQType(request.getType()), delivered ? kDelivered : kNotDelivered,
-                                              delivered ? kChannelAnswers : kChannelMessages, "", 1));
+                                              gAnswerChannel(request.getType(), delivered), "", 1));
 }
 
 void CVantrelHostConnection::deliverAnswer(short type, short subtype, tFrameData data, unsigned length) {
@@ -545,7 +546,7 @@ void CVantrelHostConnection::doWriting() {
       VLOG_DEBUG("CVantrelHostConnection::doWriting, Checking for Ping to host %s", vantrel::log::Escaped(HostText()));
       if (!keepAlive(RQPSysTime())) return;
     } else if (result == htTerminated) {
-      VLOG_INFO("CVantrelHostConnection::doWriting quit");
+      VLOG_DEBUG("CVantrelHostConnection::doWriting quit");
       return;
     } else {
       VLOG_ERROR("CVantrelHostConnection::doWriting - queue wait ended with %d", static_cast<int>(result));
@@ -578,7 +579,7 @@ bool CVantrelHostConnection::keepAlive(double now) {
   // Pinged whenever nothing was sent for a ping interval, even while the peer
   // talks: the peer reads silence from this side as a hung service.
   if (now - lastActivity_.load() > static_cast<double>(pingSeconds)) {
-    VLOG_INFO("Sending Ping to host %s", host);
+    VLOG_DEBUG("Sending Ping to host %s", host);
     try {
       if (!socket_.SendTypedMessageZ2(kPing, kVersionMarker, "", 1)) return false;
       countWritten(kPing, 1);
@@ -594,8 +595,8 @@ bool CVantrelHostConnection::keepAlive(double now) {
 
 void CVantrelHostConnection::answerBroken(std::uint32_t messageId, short type, const char* toHost, const char* toClient,
                                           const char* fromHost, const char* fromClient, const char* text) {
-  auto answer =
-      cPendingAnswers::BrokenAnswer(messageId, toHost, toClient, fromHost, fromClient, AnswerQType(type), text);
+  auto answer = cPendingAnswers::BrokenAnswer(messageId, toHost, toClient, fromHost, fromClient, AnswerQType(type),
+                                              text, gAnswerChannel(type, false));
   const bool delivered = context_->router != nullptr && context_->router->dispatchClientEvent(answer.get());
   if (delivered) answer.release();  // the requester's connection has it now
   VLOG_DEBUG("CVantrelHostConnection - message %u of type %d from %s answered as broken link%s", messageId, type,
@@ -625,7 +626,7 @@ void CVantrelHostConnection::Terminate(bool wait) {
     RQPMutexGuard guard(lock_);
     if (!terminated_) {
       first = true;
-      VLOG_INFO("CVantrelHostConnection::Terminate(%s,%d)", vantrel::log::Escaped(HostText()), socket_.PeerPort());
+      VLOG_DEBUG("CVantrelHostConnection::Terminate(%s,%d)", vantrel::log::Escaped(HostText()), socket_.PeerPort());
       connectedEvent_.Set();
       stats_->SetState(vantrel::stats::tLinkState::eClosed);
       files_.Abort();

@@ -353,8 +353,7 @@ bool CVantrelClass::vInitZ1() {
   const auto address = gGetHostByName(core.hostName);
   if (!address.has_value()) {
     VLOG_ERROR("FAILD to start vantrel. Cannot get address for host %s", core.hostName);
-    std::fputs("FAILD to start vantrel. Cannot get address for host", stdout);
-    std::fflush(stdout);
+    std::fputs("FAILD to start vantrel. Cannot get address for host\n", stderr);
     return false;
   }
   core.hostAddress = *address;

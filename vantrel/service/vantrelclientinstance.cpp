@@ -67,7 +67,7 @@ bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length
       routeToHost(data, length, type, subtype);
       return true;
     case kFarewell: {
-      VLOG_INFO("VantrelClientInstance::handleMessage(%s) - farewell", vantrel::log::Escaped(name_));
+      VLOG_DEBUG("VantrelClientInstance::handleMessage(%s) - farewell", vantrel::log::Escaped(name_));
       iVantrelClientLink* connection = connection_.exchange(nullptr, std::memory_order_acq_rel);
       if (connection != nullptr) connection->Terminate(false);
       detach();
@@ -112,7 +112,8 @@ std::unique_ptr<Event> VantrelClientInstance::admit(const char* data, std::uint3
     // kind inside it (an answer, above all) would reach its addressee as that kind.
     VLOG_WARN("VantrelClientInstance::handleMessage(%s) - frame of type %d carrying a record of type %d refused",
               vantrel::log::Escaped(name_), type, recordType);
-    if (Waits(type)) reply(event->getMessageId(), AnswerQType(type), kNotDelivered, kChannelMessages, refusal);
+    if (Waits(type))
+      reply(event->getMessageId(), AnswerQType(type), kNotDelivered, gAnswerChannel(type, false), refusal);
     return nullptr;
   }
   // What the client library writes itself: nothing to rebuild.
@@ -154,7 +155,7 @@ void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, 
   }
   event.reset();
   if (type == kSendNoResponse) return;
-  reply(messageId, AnswerQType(type), kNotDelivered, kChannelMessages, kHostDispatchText);
+  reply(messageId, AnswerQType(type), kNotDelivered, gAnswerChannel(type, false), kHostDispatchText);
 }
 
 void VantrelClientInstance::routeToClient(std::unique_ptr<VantrelClientEvent> event, short kind) {
@@ -174,7 +175,7 @@ void VantrelClientInstance::routeToClient(std::unique_ptr<VantrelClientEvent> ev
              messageId, kind, routed ? "queued" : "not delivered");
   if (routed || !waits) return;
   // The text does not tell success: the type does.
-  reply(messageId, AnswerQType(kind), kNotDelivered, kChannelMessages, kClientDispatchText);
+  reply(messageId, AnswerQType(kind), kNotDelivered, gAnswerChannel(kind, false), kClientDispatchText);
 }
 
 void VantrelClientInstance::answerDelivery(const cVantrelMessage& message, bool delivered) {
@@ -187,7 +188,7 @@ void VantrelClientInstance::answerDelivery(const cVantrelMessage& message, bool 
   const char* text = delivered ? kClientDispatchText : kNotWrittenText;
   connection->SendAnswer(std::make_unique<VantrelClientEvent>(
       static_cast<long>(message.getMessageId()), "", "", "", "", AnswerQType(message.getType()),
-      delivered ? kDelivered : kNotDelivered, delivered ? kChannelAnswers : kChannelMessages, text,
+      delivered ? kDelivered : kNotDelivered, gAnswerChannel(message.getType(), delivered), text,
       static_cast<long>(std::strlen(text) + 1)));
 }
 

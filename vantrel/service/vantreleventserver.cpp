@@ -24,8 +24,18 @@ void CVantrelEventServer::setLocalHost(cLocalIdentity identity) {
 }
 
 void CVantrelEventServer::registerClientEvent(const char* name, iVantrelClientSession* session, int handler) {
-  VLOG_INFO("CVantrelEventServer::registerClientEvent");
+  VLOG_DEBUG("CVantrelEventServer::registerClientEvent");
   RQPMutexGuard guard(lock_);
+  // The newest registration takes the name's messages; the earlier client
+  // would never learn why its messages stopped, so the operator is told.
+  const auto earlier = std::count_if(clients_.begin(), clients_.end(), [name](iVantrelClientSession* other) {
+    return other->name() == std::string_view(name);
+  });
+  if (earlier > 0)
+    VLOG_WARN(
+        "CVantrelEventServer::registerClientEvent - client %s registered again: its messages now go to the new "
+        "client %s, no longer to the %ld earlier one(s)",
+        vantrel::log::Escaped(name), vantrel::log::Escaped(name), static_cast<long>(earlier));
   clients_.push_back(session);
   auto* key = new VantrelClientEvent(name, session, handler);
   if (!registerEvent(key)) {
@@ -36,7 +46,7 @@ void CVantrelEventServer::registerClientEvent(const char* name, iVantrelClientSe
 }
 
 void CVantrelEventServer::registerHostEvent(const char* name, iVantrelHostLink* link, int handler) {
-  VLOG_INFO("CVantrelEventServer::registerHostEvent");
+  VLOG_DEBUG("CVantrelEventServer::registerHostEvent");
   RQPMutexGuard guard(lock_);
   hosts_.push_back(link);
   auto* key = new VantrelHostEvent(name, link, handler);
@@ -77,8 +87,8 @@ bool CVantrelEventServer::dispatchHostEvent(VantrelHostEvent* event) {
   RQPMutexGuard guard(lock_);
   if (dispatchEvent(event)) return true;
   const std::string host = event->getToHost();
-  VLOG_INFO("CVantrelEventServer::dispatchHostEvent, Creating new CVantrelHostConnection(%s)",
-            vantrel::log::Escaped(host));
+  VLOG_DEBUG("CVantrelEventServer::dispatchHostEvent, Creating new CVantrelHostConnection(%s)",
+             vantrel::log::Escaped(host));
   if (!linkFactory_) {
     VLOG_ERROR("CVantrelEventServer::dispatchHostEvent - no way to open a link to %s", vantrel::log::Escaped(host));
     return false;

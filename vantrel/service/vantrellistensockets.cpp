@@ -43,7 +43,7 @@ void CVantrelListenerSocket::StartAccepting() {
 
 void CVantrelListenerSocket::ListenProc() {
   vantrel::platform::cThread::RaiseCurrentPriority();
-  VLOG_INFO("CVantrelListenerSocket::ListenProc(%d)", socket_.Handle());
+  VLOG_DEBUG("CVantrelListenerSocket::ListenProc(%d)", socket_.Handle());
   for (;;) {
     {
       std::lock_guard<std::mutex> guard(lock_);
@@ -51,8 +51,8 @@ void CVantrelListenerSocket::ListenProc() {
     }
     auto accepted = socket_.Accept(options_);
     if (!accepted.handle.has_value() || !accepted.handle->fIsValid()) {
-      VLOG_INFO("CVantrelListenerSocket::ListenProc(%d) - accept ended: %s", socket_.Handle(),
-                gSocketStatusText(accepted.status));
+      VLOG_DEBUG("CVantrelListenerSocket::ListenProc(%d) - accept ended: %s", socket_.Handle(),
+                 gSocketStatusText(accepted.status));
       break;
     }
     auto validated = gValidate(std::move(accepted.handle));
@@ -74,7 +74,7 @@ void CVantrelListenerSocket::ListenProc() {
 void CVantrelListenerSocket::Terminate() {
   std::lock_guard<std::mutex> guard(lock_);
   if (stopped_) return;
-  VLOG_INFO("CVantrelListenerSocket::Terminate(%d)", socket_.Handle());
+  VLOG_DEBUG("CVantrelListenerSocket::Terminate(%d)", socket_.Handle());
   socket_.CloseSocket();
   stopped_ = true;
 }

@@ -106,6 +106,9 @@ void gRestartVantrelProcess(unsigned short netPort) {
     // among the remembered arguments and the settings-file search mean the same.
     RQPProcessOptions options;
     options.detached = true;
+    // The successor logs where this process logged: a log file is named in the
+    // remembered arguments or the environment, standard error is handed on.
+    options.keepStandardError = true;
     const std::string program = gRelaunchProgram();
     const RQPSpawnResult spawned = RQPCreateProcessZ0(program, gRelaunchArguments(), options);
     if (!spawned.ok()) VLOG_ERROR("gRestartVantrelProcess - %s", spawned.errorText);

@@ -210,12 +210,13 @@ bool gIdentityOf(const RQPProcessEntry& entry, cProcessIdentity& identity) {
   int code = 0;
   if (!RQPUserName(entry.realUid, user, &code)) {
     // A uid without an entry in the password database is simply unnamed.
-    if (code != 0) std::printf("LookupAccountSid Error %u\n", static_cast<unsigned>(code));
+    if (code != 0) VLOG_DEBUG("LookupAccountSid Error %u", static_cast<unsigned>(code));
     return false;
   }
   identity.user = user;
   identity.domain = RQPGetLocalHostName();
-  std::printf("Current user is  %s\\%s\n", identity.domain.c_str(), identity.user.c_str());
+  // Standard output belongs to the programs' results, so this goes to the log.
+  VLOG_DEBUG("Current user is  %s\\%s", identity.domain, identity.user);
   return true;
 }
 

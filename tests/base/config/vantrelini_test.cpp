@@ -65,7 +65,7 @@ TEST(VantrelIni, AbsentOptionalKeysTakeTheShippedValuesSilentlyAndTheTlsBlockIsP
   const Built b = Build(kRequiredOnly);
   EXPECT_EQ(Describe(*b.ini), Describe(*Build(std::string(nEnvSettings::gBuiltInDefaults())).ini));
   EXPECT_EQ(b.out,
-            "\x1b[1m\x1b[4mopenssl settings\x1b[0m\n* UseOpenSsl: false\n* CertificatesPath: /etc/vantrel/certs\n"
+            "openssl settings\n* UseOpenSsl: false\n* CertificatesPath: /etc/vantrel/certs\n"  // no escapes in a pipe
             "* VerifyServerCertificate: false\n* VerifyClientCertificate: false\n");
   EXPECT_EQ(log.lines().size(), 0u);
 }
@@ -96,13 +96,14 @@ TEST(VantrelIni, EveryKeyIsReadWhateverItsCaseAndPostProcessed) {
         << size;
 }
 
-TEST(VantrelIni, MissingAndUnparsableValuesAreReportedOnceAndNeutral) {
+TEST(VantrelIni, MissingAndUnparsableValuesAreReportedOnceAndTakeTheShippedValues) {
   {
     LogCapture log;
     const Built b = Build("UseOpenSsl = 1\n");
-    EXPECT_EQ(b.ini->SocketCommunicationTimeout(), cDiff());  // 0: no time-out
-    EXPECT_FALSE(b.ini->NetIsActiveImplemented());
-    EXPECT_EQ(b.ini->CertificatesPath(), "");
+    // Never a zero that changes behaviour (0 would mean no time-out).
+    EXPECT_EQ(b.ini->SocketCommunicationTimeout(), cDiff::FromMilliseconds(10000));
+    EXPECT_TRUE(b.ini->NetIsActiveImplemented());
+    EXPECT_EQ(b.ini->CertificatesPath(), "/etc/vantrel/certs");
     for (const char* key : {"SocketCommunicationTimeout", "SocketClosedReactivationTimeout_debug",
                             "NetIsActiveImplemented_debug", "CertificatesPath"})
       EXPECT_EQ(log.count(key), 1u) << key;
@@ -113,13 +114,13 @@ TEST(VantrelIni, MissingAndUnparsableValuesAreReportedOnceAndNeutral) {
       "SocketCommunicationTimeout = soon\nSocketClosedReactivationTimeout_debug = 0\n"
       "NetIsActiveImplemented_debug = on\nCertificatesPath =   \nTimeoutKillWorkerProcess = abc\n"
       "UseOpenSsl = yes\nCommunicationThreadStackSize = 99999999999\nMaxMessageSize = big\n");
-  EXPECT_EQ(b.ini->SocketCommunicationTimeout(), cDiff());
-  EXPECT_FALSE(b.ini->NetIsActiveImplemented());
-  EXPECT_EQ(b.ini->CertificatesPath(), "");
-  EXPECT_EQ(b.ini->TimeoutKillWorkerProcess(), cDiff());
+  EXPECT_EQ(b.ini->SocketCommunicationTimeout(), cDiff::FromMilliseconds(10000));
+  EXPECT_TRUE(b.ini->NetIsActiveImplemented());
+  EXPECT_EQ(b.ini->CertificatesPath(), "");  // written empty on purpose
+  EXPECT_EQ(b.ini->TimeoutKillWorkerProcess(), cDiff::FromMilliseconds(300000));
   EXPECT_FALSE(b.ini->UseOpenSsl());
-  EXPECT_FALSE(b.ini->CommunicationThreadAttributes().HasStackSize());
-  EXPECT_EQ(b.ini->MaxMessageSize(), nVantrelIni::kMinMaxMessageSize);
+  EXPECT_EQ(b.ini->CommunicationThreadAttributes().StackSize(), 500000u);
+  EXPECT_EQ(b.ini->MaxMessageSize(), 4194304u);
   for (const char* key : {"SocketCommunicationTimeout", "NetIsActiveImplemented_debug", "CertificatesPath",
                           "TimeoutKillWorkerProcess", "UseOpenSsl", "CommunicationThreadStackSize", "MaxMessageSize"})
     EXPECT_EQ(log.count(key), 1u) << key;

@@ -9,6 +9,7 @@
 #include "vantrel/base/env/integer.h"
 #include "vantrel/base/env/settings.h"
 #include "vantrel/base/log/log.h"
+#include "vantrel/base/platform/terminal.h"
 #include "vantrel/message/wire.h"
 
 namespace nVantrelIni {
@@ -22,10 +23,23 @@ std::optional<int> ExtractInt(const std::string& text) {
   return static_cast<int>(*value);
 }
 
-// A present value that is not an integer: reported, and 0 stands in for it.
-int NotAnInteger(const char* key, const std::string& text) {
-  VLOG_ERROR("cVantrelIni - setting %s: \"%s\" is not an integer; 0 is used", key, text);
-  return 0;
+// The value the shipped settings file gives `key`, if it names the key at all.
+std::optional<std::string> BuiltInValue(const char* key) {
+  std::optional<std::string> text;
+  nEnvSettings::gGetPropertyString(text, nEnvSettings::gBuiltInDefaultsTable(), key);
+  return text;
+}
+
+int BuiltInInt(const char* key) {
+  const auto text = BuiltInValue(key);
+  return text ? ExtractInt(*text).value_or(0) : 0;
+}
+
+// A present value that is not an integer: reported, and the default stands in
+// for it, never a zero that would change what the setting does.
+int NotAnInteger(const char* key, const std::string& text, int defaultValue) {
+  VLOG_ERROR("cVantrelIni - setting %s: \"%s\" is not an integer; %d is used", key, text, defaultValue);
+  return defaultValue;
 }
 
 // As gReadIntWithDefault; `parsed` tells whether a present value was an integer.
@@ -36,7 +50,7 @@ int ReadIntWithDefault(int table, const char* key, int defaultValue, bool& parse
   if (!text) return defaultValue;
   if (auto value = ExtractInt(*text)) return *value;
   parsed = false;
-  return NotAnInteger(key, *text);
+  return NotAnInteger(key, *text, defaultValue);
 }
 
 }  // namespace
@@ -50,8 +64,8 @@ int gReadIntRequired(int table, const char* key) {
   const std::string text = nEnvSettings::gGetPropertyStream(table, key);
   if (auto value = ExtractInt(text)) return *value;
   // A missing key has been reported by the settings reader already.
-  if (!nEnvSettings::gHasProperty(table, key)) return 0;
-  return NotAnInteger(key, text);
+  if (!nEnvSettings::gHasProperty(table, key)) return BuiltInInt(key);
+  return NotAnInteger(key, text, BuiltInInt(key));
 }
 
 std::string gReadStringOptional(int table, const char* key, const char* defaultValue) {
@@ -60,10 +74,14 @@ std::string gReadStringOptional(int table, const char* key, const char* defaultV
   return text ? *text : std::string(defaultValue);
 }
 
-std::string gReadStringRequired(int table, const char* key) { return nEnvSettings::gGetPropertyStream(table, key); }
+std::string gReadStringRequired(int table, const char* key) {
+  if (nEnvSettings::gHasProperty(table, key)) return nEnvSettings::gGetPropertyStream(table, key);
+  (void)nEnvSettings::gGetPropertyStream(table, key);  // reports the missing key once
+  return BuiltInValue(key).value_or(std::string());
+}
 
 std::string gReadWordRequired(int table, const char* key) {
-  std::istringstream in(nEnvSettings::gGetPropertyStream(table, key));
+  std::istringstream in(gReadStringRequired(table, key));
   std::string word;
   in >> word;
   if (word.empty() && nEnvSettings::gHasProperty(table, key))
@@ -102,8 +120,7 @@ namespace {
 
 const char* TrueFalse(bool b) { return b ? "true" : "false"; }
 
-// The TLS settings are shown on the console when the settings are read; the
-// escape sequences make the heading bold and underlined on a terminal.
+// The TLS settings are shown on the console when the settings are read.
 void PrintLine(const std::string& line) {
   std::fputs(line.c_str(), stdout);
   std::fputc('\n', stdout);
@@ -142,7 +159,9 @@ void cVantrelIni::Read() {
   threadBlockLimit_ = ms(gReadIntWithDefault(t, "ThreadBlockLimit_debug", 200000));
   addressPortDelimiter_ = gReadStringOptional(t, "AddressPortDelimiter", "~");
 
-  PrintLine("\033[1m\033[4mopenssl settings\033[0m");
+  // Bold and underlined for a person; files and pipes get the plain words.
+  PrintLine(vantrel::platform::StandardOutputIsTerminal() ? "\033[1m\033[4mopenssl settings\033[0m"
+                                                          : "openssl settings");
   useOpenSsl_ = gReadIntWithDefault(t, "UseOpenSsl", 0) != 0;
   PrintLine(std::string("* UseOpenSsl: ") + TrueFalse(useOpenSsl_));
   certificatesPath_ = gReadWordRequired(t, "CertificatesPath");

@@ -45,17 +45,18 @@ inline constexpr std::uint64_t kDefaultFileCopyWindowBytes = 8ull << 20;
 // at the first character that is not part of the number).
 
 // The key's integer, or `defaultValue` when the key is absent; a value that is
-// not an integer is logged and gives 0.
+// not an integer is logged and gives `defaultValue` too.
 int gReadIntWithDefault(int table, const char* key, int defaultValue);
 // The key's integer; a missing key or a value that is not an integer is logged
-// (once) and gives 0.
+// (once) and gives the shipped file's value (0 for a key it does not name).
 int gReadIntRequired(int table, const char* key);
 // The key's whole value, or `defaultValue` when the key is absent.
 std::string gReadStringOptional(int table, const char* key, const char* defaultValue);
-// The key's whole value; a missing key is logged and gives the empty text.
+// The key's whole value; a missing key is logged and gives the shipped file's
+// value (the empty text for a key it does not name).
 std::string gReadStringRequired(int table, const char* key);
-// The first blank-delimited word of the key's value; a missing key or an empty
-// value is logged and gives the empty text.
+// The first blank-delimited word of the key's value; a missing key is logged and
+// gives the shipped file's; an empty value is logged and gives the empty text.
 std::string gReadWordRequired(int table, const char* key);
 
 // Parses a simulated-latency list: integers in ms up to the first -1. Reading

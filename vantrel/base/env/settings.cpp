@@ -168,6 +168,19 @@ bool gLoadTableFromFile(const std::string& path, int& table) {
   return true;
 }
 
+std::string gSettingsFileProblem(const std::string& path) {
+  std::error_code ec;
+  const auto status = std::filesystem::status(path, ec);
+  if (!std::filesystem::exists(status)) return ec ? ec.message() : "no such file";
+  if (!std::filesystem::is_regular_file(status)) return "not a regular file";
+  const auto size = std::filesystem::file_size(path, ec);
+  if (ec) return ec.message();
+  if (size > kMaxSettingsFileBytes) return fmt::sprintf("longer than %d bytes", kMaxSettingsFileBytes);
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return "cannot be opened for reading";
+  return std::string();
+}
+
 std::vector<std::string> gSearchPath(RQEnvContainerClass& env, const char* fileName) {
   const std::string name = fileName != nullptr && *fileName != '\0' ? fileName : kDefaultFileName;
   std::vector<std::string> candidates;

@@ -61,6 +61,9 @@ bool gFileInitTableFrom(const std::vector<std::string>& candidates, int& table);
 // Loads one file into a new table. False (and logged) when the file is missing,
 // not a regular file, unreadable or too long; `table` is then unchanged.
 bool gLoadTableFromFile(const std::string& path, int& table);
+// Why the settings file at `path` cannot be read (it is missing, not a regular
+// file, unreadable or too long); empty when it can.
+std::string gSettingsFileProblem(const std::string& path);
 
 // Parses `text` into a new table; `origin` names it in log lines.
 int gLoadTableFromText(std::string_view text, const std::string& origin);

@@ -26,6 +26,7 @@ bool NeedsEscape(char c) {
 struct State {
   std::mutex mutex;
   std::shared_ptr<spdlog::logger> logger;
+  std::string file;  // the file Configure opened; empty: standard error
   bool fromEnvironment = false;
   CaptureSink sink = nullptr;
   void* sinkContext = nullptr;
@@ -59,7 +60,9 @@ spdlog::level::level_enum ToSpd(tQXLogMessageSeverity s) {
   }
 }
 
-std::shared_ptr<spdlog::logger> MakeLogger(const std::string& file) {
+// A logger writing to `file` (standard error when empty). Null, with the reason
+// in `error`, when the file cannot be opened.
+std::shared_ptr<spdlog::logger> MakeLogger(const std::string& file, std::string* error = nullptr) {
   spdlog::sink_ptr sink;
   if (file.empty()) {
     sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
@@ -67,9 +70,13 @@ std::shared_ptr<spdlog::logger> MakeLogger(const std::string& file) {
     try {
       sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(file, false);
     } catch (const std::exception& e) {
-      std::fprintf(stderr, "vantrel: cannot open log file %s (%s); logging to standard error\n", file.c_str(),
-                   e.what());
-      sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
+      if (error == nullptr) {
+        std::fprintf(stderr, "vantrel: cannot open log file %s (%s); logging to standard error\n", file.c_str(),
+                     e.what());
+        return MakeLogger("");
+      }
+      *error = e.what();
+      return nullptr;
     }
   }
   auto logger = std::make_shared<spdlog::logger>("vantrel", std::move(sink));
@@ -136,17 +143,41 @@ void Write(tQXLogMessageSeverity severity, const char* file, int line, std::stri
   logger->log(ToSpd(severity), "[{}] {}:{} {}", thread, BaseName(file), line, text);
 }
 
-void Configure(const std::string& level, const std::string& file) {
+bool Configure(const std::string& level, const std::string& file, std::string* error) {
   tQXLogMessageSeverity parsed = QXLOG_INFO;
   if (!level.empty() && !ParseLevel(level, parsed)) parsed = QXLOG_INFO;
-  auto logger = MakeLogger(file);
+  std::string reason;
+  auto logger = MakeLogger(file, &reason);
+  if (!logger) logger = MakeLogger("");
   {
     std::lock_guard<std::mutex> lock(state().mutex);
     if (state().logger) state().logger->flush();
     state().logger = std::move(logger);
+    state().file = reason.empty() ? file : std::string();
     state().fromEnvironment = false;
   }
   gLevel.store(parsed);
+  if (error != nullptr) *error = reason;
+  return reason.empty();
+}
+
+bool Reopen(std::string* error) {
+  std::string file;
+  {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    file = state().file;
+  }
+  if (file.empty()) return true;
+  std::string reason;
+  auto logger = MakeLogger(file, &reason);
+  if (!logger) {
+    if (error != nullptr) *error = reason;
+    return false;
+  }
+  std::lock_guard<std::mutex> lock(state().mutex);
+  if (state().logger) state().logger->flush();
+  state().logger = std::move(logger);
+  return true;
 }
 
 void SetLevel(tQXLogMessageSeverity severity) { gLevel.store(severity); }

@@ -34,7 +34,13 @@ void Write(tQXLogMessageSeverity severity, const char* file, int line, std::stri
 // VANTREL_LOG_LEVEL and VANTREL_LOG_FILE, defaulting to warnings on standard error
 // (quiet, as suits client processes). An empty file means standard error.
 // Levels: trace, debug, info, warning (warn), error, critical, off.
-void Configure(const std::string& level, const std::string& file);
+// False, with the reason in `error`, when the file cannot be opened for
+// appending; the log then goes to standard error.
+bool Configure(const std::string& level, const std::string& file, std::string* error = nullptr);
+// Opens the configured log file again (after it was moved away for rotation);
+// does nothing when the log goes to standard error. False, with the reason,
+// when it cannot be opened; the log then stays where it was.
+bool Reopen(std::string* error = nullptr);
 void SetLevel(tQXLogMessageSeverity severity);
 tQXLogMessageSeverity CurrentLevel();
 // Parses a level name; false for an unknown name.

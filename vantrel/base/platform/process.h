@@ -21,6 +21,9 @@ struct RQPProcessOptions {
   // A detached child gets a session of its own and its standard streams on the
   // null device, so it outlives the caller's terminal and writes nowhere.
   bool detached = false;
+  // A detached child keeps the caller's standard error instead, so that a log
+  // written there goes on where it was.
+  bool keepStandardError = false;
 };
 
 struct RQPSpawnResult {

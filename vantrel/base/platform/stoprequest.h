@@ -14,8 +14,13 @@ namespace vantrel::platform {
 // instead of a signal. Call once, on the main thread, before other threads run.
 void BlockStopRequests();
 
+// What WaitForStopRequest returns for a request to reopen the log file (after
+// it was moved away for rotation): SIGHUP here; Windows has no such request.
+inline constexpr int kReopenRequest = -1;
+
 // Blocks until a stop is requested and returns the request's number (the signal
-// number here). Requests that arrive before the call are not lost.
+// number here), or until the log file is to be reopened (kReopenRequest).
+// Requests that arrive before the call are not lost.
 int WaitForStopRequest();
 
 }  // namespace vantrel::platform

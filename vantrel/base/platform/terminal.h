@@ -6,6 +6,8 @@ namespace vantrel::platform {
 
 // True when standard error is a terminal (so progress may be drawn on it).
 bool StandardErrorIsTerminal();
+// True when standard output is a terminal (so it may carry terminal escapes).
+bool StandardOutputIsTerminal();
 
 // While it lives, what is written to standard output goes to standard error;
 // the destructor puts standard output back. Both flush the C stream first, so

@@ -194,6 +194,8 @@ bool StreamSocket::WaitTypedMessageZ1(short& type, short& subtype, char*& data, 
   return true;
 }
 
+bool StreamSocket::PeerLeftSilently() const { return transport_ && transport_->EndedBeforeAnyByte(); }
+
 bool StreamSocket::SendTypedMessageZ2(short type, short subtype, const char* data, unsigned length) {
   return writer_->Send(type, subtype, data, length);
 }

@@ -135,6 +135,9 @@ class StreamSocket : public c_Socket {
   bool WaitTypedMessageZ1(short& type, short& subtype, char*& data, unsigned& length, iLatencyConfiguration* latency);
 
   static void FreeMessage(char* data) { delete[] data; }
+  // After a failed WaitTypedMessageZ1: the peer closed in order without having
+  // sent a single byte, as a port check or health probe does. Reader only.
+  bool PeerLeftSilently() const;
   // The owned form of a received payload, for code that keeps or hands it on.
   using tFrameData = std::unique_ptr<char[]>;
 

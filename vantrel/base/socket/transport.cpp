@@ -56,9 +56,13 @@ cTransport::tIo cTransport::ReadSome(platform::tSocket socket, char* buffer, std
   for (;;) {
     platform::cSocketResult result;
     got = platform::gReceive(socket, buffer, size, wait, result);
-    if (got > 0) return tIo::eDone;
+    if (got > 0) {
+      receivedAny_ = true;
+      return tIo::eDone;
+    }
     switch (result.fault) {
       case platform::tSocketFault::eNone:
+        endedBeforeAnyByte_ = !receivedAny_;
         return tIo::eEnd;
       case platform::tSocketFault::eWouldBlock:
         return tIo::eWantRead;

@@ -49,6 +49,9 @@ class cTransport final : public iByteSource, public iByteSink {
   }
 
   std::size_t Read(char* buffer, std::size_t size, bool inFrame, cFrameDeadline& deadline) override;
+  // True once the peer has closed its side in order without ever sending a byte
+  // (a port check). Reader thread only.
+  bool EndedBeforeAnyByte() const { return endedBeforeAnyByte_; }
   bool Writable() const override;
   bool Gathers() const override { return !encrypted_; }
   bool WriteAll(vantrel::platform::cSendBuffer* parts, std::size_t count, bool& started) override;
@@ -78,6 +81,8 @@ class cTransport final : public iByteSource, public iByteSink {
   std::atomic<bool> blockingReads_{false};
   std::unique_ptr<cTlsSession> session_;  // fixed once sessionReady_ is set
   std::atomic<bool> sessionReady_{false};
+  bool receivedAny_ = false;         // reader thread only
+  bool endedBeforeAnyByte_ = false;  // reader thread only
 };
 
 }  // namespace nCommunication::nSocket::nImplementation_sho

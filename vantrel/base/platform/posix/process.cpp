@@ -179,7 +179,7 @@ RQPSpawnResult RQPCreateProcessZ0(const std::string& program, const std::vector<
   if (rc == 0 && options.detached) {
     rc = setup.NullStream(0, O_RDONLY);
     if (rc == 0) rc = setup.NullStream(1, O_WRONLY);
-    if (rc == 0) rc = setup.NullStream(2, O_WRONLY);
+    if (rc == 0 && !options.keepStandardError) rc = setup.NullStream(2, O_WRONLY);
   }
   if (rc == 0) rc = setup.CloseRest();
   if (rc != 0) return cSpawnSetup::Failure(program, rc);

@@ -11,6 +11,7 @@ sigset_t StopSignals() {
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGHUP);
   return set;
 }
 
@@ -27,7 +28,7 @@ int WaitForStopRequest() {
   int number = 0;
   while (sigwait(&set, &number) != 0) {
   }
-  return number;
+  return number == SIGHUP ? kReopenRequest : number;
 }
 
 }  // namespace vantrel::platform

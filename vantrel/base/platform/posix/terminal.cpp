@@ -8,6 +8,8 @@ namespace vantrel::platform {
 
 bool StandardErrorIsTerminal() { return isatty(STDERR_FILENO) != 0; }
 
+bool StandardOutputIsTerminal() { return isatty(STDOUT_FILENO) != 0; }
+
 cStandardOutputToError::cStandardOutputToError() {
   std::fflush(stdout);
   const int saved = dup(STDOUT_FILENO);
