@@ -552,6 +552,10 @@ CVantrelHostConnection::cHandover CVantrelHostConnection::GiveWay() {
     }
   }
   for (RWCollectable* item : kept) outgoing_queue_.putEvent(item);
+  // Wakes a writer that waits on the emptied queue, so that it sees at once
+  // that it has given way; it counts as unsent until the writer skips it.
+  unsent_.fetch_add(1, std::memory_order_acq_rel);
+  outgoing_queue_.putEvent(new BaseEvent());
   VLOG_INFO("CVantrelHostConnection::GiveWay - link to %s hands %zu messages over", vantrel::log::Escaped(HostText()),
             handover.queued.size());
   return handover;

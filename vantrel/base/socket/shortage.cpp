@@ -22,11 +22,13 @@ std::string Number(const std::optional<std::uint64_t>& value) {
 
 std::uint64_t gReportDescriptorShortage(const char* who, const char* what) {
   const std::uint64_t total = gRefused.fetch_add(1, std::memory_order_relaxed) + 1;
-  const std::int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
-                               std::chrono::steady_clock::now().time_since_epoch())
-                               .count();
+  const std::int64_t now =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+          .count();
   std::int64_t last = gLastLogMs.load(std::memory_order_relaxed);
-  if ((last != kNever && now - last < 1000) || !gLastLogMs.compare_exchange_strong(last, now, std::memory_order_relaxed)) return total;
+  if ((last != kNever && now - last < 1000) ||
+      !gLastLogMs.compare_exchange_strong(last, now, std::memory_order_relaxed))
+    return total;
   const auto limit = vantrel::platform::gDescriptorLimit();
   const auto open = vantrel::platform::gOpenDescriptorCount();
   VLOG_ERROR("%s - out of descriptors (%s open, limit %s): %s (%llu refused so far)", who, Number(open),
