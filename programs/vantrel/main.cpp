@@ -14,6 +14,7 @@
 #include "vantrel/base/env/integer.h"
 #include "vantrel/base/env/settings.h"
 #include "vantrel/base/log/log.h"
+#include "vantrel/base/platform/descriptors.h"
 #include "vantrel/base/platform/manualevent.h"
 #include "vantrel/base/platform/process.h"
 #include "vantrel/base/platform/stoprequest.h"
@@ -74,6 +75,28 @@ void WaitForPorts(unsigned short clientsPort, unsigned short netPort) {
     never.Wait(kRelaunchProbeMs);
   }
   VLOG_WARN("vantrel - ports %d/%d still busy after %ld ms", clientsPort, netPort, kRelaunchWaitMs);
+}
+
+// Each link and each client holds a descriptor; the usual soft limit of 1,024
+// would stop a controller of many hosts well before its hard limit does.
+void RaiseDescriptorLimit() {
+  std::string error;
+  const auto before = vantrel::platform::gDescriptorLimit(&error);
+  const auto after = vantrel::platform::gRaiseDescriptorLimit(&error);
+  if (!before || !after) {
+    VLOG_WARN("vantrel - open descriptors limit unknown: %s", error);
+    return;
+  }
+  const auto text = [](std::uint64_t value) {
+    return value == vantrel::platform::kNoDescriptorLimit ? std::string("unlimited") : std::to_string(value);
+  };
+  if (!error.empty()) {
+    VLOG_WARN("vantrel - open descriptors limit %s (hard limit %s), not raised: %s", text(after->soft),
+              text(after->hard), error);
+  } else {
+    VLOG_INFO("vantrel - open descriptors limit %s, was %s (hard limit %s)", text(after->soft), text(before->soft),
+              text(after->hard));
+  }
 }
 
 }  // namespace
@@ -168,6 +191,7 @@ int main(int argc, char** argv) {
   // handler; blocked here, before any thread starts, so every thread inherits it.
   vantrel::platform::BlockStopRequests();
 
+  RaiseDescriptorLimit();
   nClock::gActivateProcess();
   if (waitForPorts) WaitForPorts(clientsPort, netPort);
 

@@ -15,8 +15,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "vantrel/base/events/events.h"
+#include "vantrel/base/platform/manualevent.h"
 #include "vantrel/message/vantrelevents.h"
 
 // Base of every connection the service creates (client connections, host links).
@@ -53,6 +55,25 @@ class iVantrelHostLink : public iVantrelConnection {
  public:
   // The peer's address text ("name" or "name~port"); empty until known.
   virtual std::string HostText() const = 0;
+  // True for a link this service opened, false for one the peer opened.
+  virtual bool OpenedHere() const { return false; }
+
+  // What a link that gives way to another link of the same host hands over:
+  // the messages it had not started to send, oldest first, and a signal set
+  // once it has ended.
+  struct cHandover {
+    std::vector<std::unique_ptr<VantrelHostEvent>> queued;
+    std::shared_ptr<RQPManualEvent> ended;
+  };
+  // Another link now carries this host's messages (the router no longer routes
+  // to this one). Takes out the messages not yet being sent; the link finishes
+  // the one in hand, waits for the answers of requests already sent, and ends.
+  // Called under the router's lock: it only takes from its own queue.
+  virtual cHandover GiveWay() { return {}; }
+  // Sends nothing until `predecessor` is set (or a bounded wait has passed),
+  // so that what the predecessor sent reaches the peer first. Called under the
+  // router's lock before the predecessor's messages are handed over.
+  virtual void FollowAfter(std::shared_ptr<RQPManualEvent> /*predecessor*/) {}
 };
 
 // One greeted local client inside the service: it routes what its client sends

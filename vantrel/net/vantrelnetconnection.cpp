@@ -519,10 +519,19 @@ void CVantrelHostConnection::doWriting() {
   }
   const long pingSeconds = context_->pingSeconds;
   for (;;) {
+    if (givenWay_.load(std::memory_order_acquire) && retired()) {
+      VLOG_INFO("CVantrelHostConnection::doWriting - link to %s gave way and has nothing left; closing",
+                vantrel::log::Escaped(HostText()));
+      return;
+    }
     RWCollectable* item = nullptr;
-    const htWaitReturnType result = outgoing_queue_.waitEvent(item, pingSeconds * 100);
+    // Once given way, the wait is short: the end comes with the last answer,
+    // which arrives on the reader and queues nothing here.
+    const long waitMs = givenWay_.load(std::memory_order_acquire) ? 20 : pingSeconds * 100;
+    const htWaitReturnType result = outgoing_queue_.waitEvent(item, waitMs);
     if (result == htEvent) {
       if (item == nullptr) return;
+      if (following_.load(std::memory_order_acquire)) awaitPredecessor();
       std::unique_ptr<RWCollectable> owned(item);
       auto* event = dynamic_cast<VantrelHostEvent*>(item);
       if (event == nullptr) {
@@ -558,6 +567,60 @@ void CVantrelHostConnection::doWriting() {
 long CVantrelHostConnection::silenceLimitSeconds() const {
   if (context_->linkSilenceSeconds > 0) return context_->linkSilenceSeconds;
   return std::max(3L, 3 * context_->pingSeconds);
+}
+
+bool CVantrelHostConnection::retired() const {
+  return unsent_.load(std::memory_order_acquire) == 0 && !pending_.Waiting();
+}
+
+CVantrelHostConnection::cHandover CVantrelHostConnection::GiveWay() {
+  cHandover handover;
+  handover.ended = ended_;
+  givenWay_.store(true, std::memory_order_release);
+  // The writer may take the oldest of these meanwhile and send it here; the
+  // rest keep their order. Answers to the peer's messages stay: the peer waits
+  // for them on this link.
+  std::vector<RWCollectable*> kept;
+  while (RWCollectable* item = outgoing_queue_.get()) {
+    auto* event = dynamic_cast<VantrelHostEvent*>(item);
+    if (event != nullptr && IsBoundedMessage(event->getType())) {
+      queuedBytes_.fetch_sub(event->getPackedBufLen(), std::memory_order_acq_rel);
+      unsent_.fetch_sub(1, std::memory_order_acq_rel);
+      handover.queued.emplace_back(event);
+    } else {
+      kept.push_back(item);
+    }
+  }
+  for (RWCollectable* item : kept) outgoing_queue_.putEvent(item);
+  // Wakes a writer that waits on the emptied queue, so that it sees at once
+  // that it has given way; it counts as unsent until the writer skips it.
+  unsent_.fetch_add(1, std::memory_order_acq_rel);
+  outgoing_queue_.putEvent(new BaseEvent());
+  VLOG_INFO("CVantrelHostConnection::GiveWay - link to %s hands %zu messages over", vantrel::log::Escaped(HostText()),
+            handover.queued.size());
+  return handover;
+}
+
+void CVantrelHostConnection::FollowAfter(std::shared_ptr<RQPManualEvent> predecessor) {
+  if (predecessor == nullptr) return;
+  RQPMutexGuard guard(lock_);
+  predecessor_ = std::move(predecessor);
+  following_.store(true, std::memory_order_release);
+}
+
+void CVantrelHostConnection::awaitPredecessor() {
+  std::shared_ptr<RQPManualEvent> predecessor;
+  {
+    RQPMutexGuard guard(lock_);
+    predecessor.swap(predecessor_);
+    following_.store(false, std::memory_order_release);
+  }
+  if (predecessor == nullptr) return;
+  // Bounded: a predecessor whose peer never answers must not stop this link.
+  const long limitMs = 1000L * std::min(10L, std::max(1L, context_->answerTimeoutSeconds));
+  if (predecessor->Wait(limitMs) == 0)
+    VLOG_WARN("CVantrelHostConnection::doWriting - the link to %s it replaces has not ended within %ld ms; sending",
+              vantrel::log::Escaped(HostText()), limitMs);
 }
 
 bool CVantrelHostConnection::keepAlive(double now) {
@@ -642,6 +705,7 @@ void CVantrelHostConnection::Terminate(bool wait) {
     breakLink();
   }
   files_.Stop();
+  if (first) ended_->Set();
   if (first && context_->owner != nullptr) context_->owner->Ended(this);
   if (wait) {
     reader_.Join();

@@ -84,6 +84,9 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   std::uint64_t RefusedMessages() const { return refused_.Total(); }
   bool IsConnected() const override { return pending_.IsOpen(); }
   bool AwaitConnection() override;
+  bool OpenedHere() const override { return outgoing_; }
+  cHandover GiveWay() override;
+  void FollowAfter(std::shared_ptr<RQPManualEvent> predecessor) override;
 
  private:
   void runReader();
@@ -121,6 +124,10 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   bool keepAlive(double now);
   long silenceLimitSeconds() const;
   void breakLink();
+  // Once given way: true when nothing is left to send or to wait for.
+  bool retired() const;
+  // Waits, within a bound, for the link this one follows to end.
+  void awaitPredecessor();
   void restartProcess(const char* what);
 
   // Counts a frame written to the peer; any thread that writes.
@@ -153,6 +160,14 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   cDropCounter refused_;
   cDropCounter unmatched_;
   int postHandler_ = 0;
+  // Set by GiveWay: the router sends nothing more here; the writer ends the
+  // link once what was sent has been answered.
+  std::atomic<bool> givenWay_{false};
+  // Set when the link has terminated, for a successor that waits for it.
+  const std::shared_ptr<RQPManualEvent> ended_ = std::make_shared<RQPManualEvent>();
+  // The link this one follows (FollowAfter); guarded by lock_, taken by the writer.
+  std::shared_ptr<RQPManualEvent> predecessor_;
+  std::atomic<bool> following_{false};
   // Open while connected: from then on the writer records every waited request.
   cPendingAnswers pending_;
   // Settled by local clients' writers for messages from the peer; closed at Terminate.

@@ -17,6 +17,8 @@
 #include "vantrel/base/platform/servicemanager.h"
 #include "vantrel/base/platform/thread.h"
 #include "vantrel/base/socket/hostlookup.h"
+#include "vantrel/base/socket/shortage.h"
+#include "vantrel/base/socket/socketerror.h"
 #include "vantrel/base/socket/socketoptions.h"
 #include "vantrel/message/wire.h"
 #include "vantrel/net/VantrelToolKit.h"
@@ -30,6 +32,7 @@
 #include "vantrel/service/vantrellistensockets.h"
 #include "vantrel/version.h"
 
+using nCommunication::nSocket::nImplementation_sho::cOutOfDescriptors;
 using nCommunication::nSocket::nImplementation_sho::cSocketHandle;
 using nCommunication::nSocket::nImplementation_sho::cSocketOptions;
 using nCommunication::nSocket::nImplementation_sho::cTlsConnectionState;
@@ -38,6 +41,7 @@ using nCommunication::nSocket::nImplementation_sho::gBuildSocketOptions;
 using nCommunication::nSocket::nImplementation_sho::gGetHostByName;
 using nCommunication::nSocket::nImplementation_sho::gGetLocalHostName;
 using nCommunication::nSocket::nImplementation_sho::gPing;
+using nCommunication::nSocket::nImplementation_sho::gReportDescriptorShortage;
 
 namespace {
 constexpr long kBusyCheckWaitMs = 5000;
@@ -155,7 +159,14 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
   // Make, adopt and start a connection. The router opens outgoing links while
   // it holds its lock; the new link registers itself before this returns.
   iVantrelHostLink* CreateOutgoingHostLink(const std::string& hostText) {
-    auto link = std::make_unique<CVantrelHostConnection>(hostText, context);
+    std::unique_ptr<CVantrelHostConnection> link;
+    try {
+      link = std::make_unique<CVantrelHostConnection>(hostText, context);
+    } catch (const cOutOfDescriptors&) {
+      // No link: the router answers the sender at once.
+      gReportDescriptorShortage("CVantrelClass::CreateOutgoingHostLink", "link not opened");
+      return nullptr;
+    }
     CVantrelHostConnection* started = link.get();
     keeper.Adopt(std::move(link));
     started->Start();

@@ -6,6 +6,7 @@
 
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/socket/address.h"
+#include "vantrel/net/linkkey.h"
 
 using nCommunication::nSocket::nImplementation_sho::gSplitHostPort;
 
@@ -21,6 +22,17 @@ void CVantrelEventServer::setLinkFactory(tLinkFactory factory) {
 void CVantrelEventServer::setLocalHost(cLocalIdentity identity) {
   RQPMutexGuard guard(lock_);
   local_ = std::move(identity);
+  // Peers key this service by the host text it sends them when it opens a link.
+  ownKey_ = linkKey(local_.addressHostText);
+}
+
+std::string CVantrelEventServer::linkKey(std::string_view hostText) const {
+  return gLinkKey(hostText, local_.delimiter, local_.netPort);
+}
+
+BaseEvent* CVantrelEventServer::findLink(const std::string& key) const {
+  const VantrelHostEvent probe(key.c_str(), nullptr, 0);
+  return findEvent(probe);
 }
 
 void CVantrelEventServer::registerClientEvent(const char* name, iVantrelClientSession* session, int handler) {
@@ -47,13 +59,49 @@ void CVantrelEventServer::registerClientEvent(const char* name, iVantrelClientSe
 
 void CVantrelEventServer::registerHostEvent(const char* name, iVantrelHostLink* link, int handler) {
   VLOG_DEBUG("CVantrelEventServer::registerHostEvent");
+  const std::string keyText = linkKey(name);
   RQPMutexGuard guard(lock_);
   hosts_.push_back(link);
-  auto* key = new VantrelHostEvent(name, link, handler);
+  const BaseEvent* existing = findLink(keyText);
+  auto* current = existing != nullptr ? dynamic_cast<iVantrelHostLink*>(existing->client()) : nullptr;
+  if (current != nullptr && current != link && !settleSecondLink(keyText, link, current)) return;
+  auto* key = new VantrelHostEvent(keyText.c_str(), link, handler);
   if (!registerEvent(key)) {
     VLOG_ERROR("CVantrelEventServer::registerHostEvent - registration of host %s refused", vantrel::log::Escaped(name));
     delete key;
+    return;
   }
+  if (current == nullptr || current == link) return;
+  // The one that gave way hands over what it had not begun to send; the lock
+  // keeps every other message for this host behind these.
+  auto handover = current->GiveWay();
+  link->FollowAfter(std::move(handover.ended));
+  for (auto& event : handover.queued) key->dispatchEvent(event.release());
+}
+
+bool CVantrelEventServer::settleSecondLink(const std::string& key, iVantrelHostLink* link, iVantrelHostLink* current) {
+  // Both sides must keep the same link without a word to each other: of a link
+  // each host opened, the one opened by the host whose key sorts first stays.
+  // Two links the peer opened mean it came back (a restart) or that something
+  // else claims its name: the newer one is taken, as the older is likely dead;
+  // admission by certificate keeps the name from anyone but the named host.
+  bool newer = true;
+  const char* why = "it is the newer link the host opened";
+  if (link->OpenedHere() != current->OpenedHere()) {
+    const bool oursStays = ownKey_ < key;
+    newer = link->OpenedHere() == oursStays;
+    why = oursStays ? "the link this host opened stays (its key sorts first)"
+                    : "the link the peer opened stays (its key sorts first)";
+  }
+  VLOG_WARN("CVantrelEventServer::registerHostEvent - host %s has two links; %s, so the %s one carries its messages",
+            vantrel::log::Escaped(key), why, newer ? "new" : "existing");
+  if (!newer) {
+    // It stays up for what the peer sends over it until the peer closes it;
+    // nothing is routed to it.
+    return false;
+  }
+  unRegisterClient(current);
+  return true;
 }
 
 void CVantrelEventServer::removeClient(iVantrelClientSession* session) {
@@ -84,20 +132,26 @@ bool CVantrelEventServer::dispatchClientEvent(VantrelClientEvent* event) {
 
 bool CVantrelEventServer::dispatchHostEvent(VantrelHostEvent* event) {
   if (event == nullptr) return false;
-  RQPMutexGuard guard(lock_);
-  if (dispatchEvent(event)) return true;
   const std::string host = event->getToHost();
+  const std::string key = linkKey(host);
+  RQPMutexGuard guard(lock_);
+  if (const BaseEvent* link = findLink(key)) {
+    link->dispatchEvent(event);
+    return true;
+  }
   VLOG_DEBUG("CVantrelEventServer::dispatchHostEvent, Creating new CVantrelHostConnection(%s)",
-             vantrel::log::Escaped(host));
+            vantrel::log::Escaped(host));
   if (!linkFactory_) {
     VLOG_ERROR("CVantrelEventServer::dispatchHostEvent - no way to open a link to %s", vantrel::log::Escaped(host));
     return false;
   }
   // The new link registers itself under the host text on this thread, while the
   // lock is held, so the second look-up finds it.
-  iVantrelHostLink* link = linkFactory_(host);
-  if (link == nullptr) return false;
-  if (dispatchEvent(event)) return true;
+  if (linkFactory_(host) == nullptr) return false;
+  if (const BaseEvent* link = findLink(key)) {
+    link->dispatchEvent(event);
+    return true;
+  }
   VLOG_ERROR("CVantrelEventServer::dispatchHostEvent - new link to %s did not register", vantrel::log::Escaped(host));
   return false;
 }

@@ -56,6 +56,9 @@ class CVantrelEventServer : public ServerObj, public iVantrelRouter {
   const char* nameOf() const override { return "CVantrelEventServer"; }
 
   void setLinkFactory(tLinkFactory factory);
+  // The key of a link to `hostText` (see gLinkKey), with this service's
+  // delimiter and net port.
+  std::string linkKey(std::string_view hostText) const;
   // The names under which this service is addressed; set before the listeners
   // start, read without the lock afterwards.
   void setLocalHost(cLocalIdentity identity);
@@ -82,7 +85,13 @@ class CVantrelEventServer : public ServerObj, public iVantrelRouter {
   std::vector<iVantrelClientSession*> clients_;
   std::vector<iVantrelHostLink*> hosts_;
   bool isOwnHostPart(const std::string& host) const;
+  // The registration of the link that carries messages for `key`, or null.
+  BaseEvent* findLink(const std::string& key) const;
+  // Two links of one host: settles which one carries its messages (the other
+  // gives way) and returns whether `link` is the one. Caller holds the lock.
+  bool settleSecondLink(const std::string& key, iVantrelHostLink* link, iVantrelHostLink* current);
 
   tLinkFactory linkFactory_;
   cLocalIdentity local_;
+  std::string ownKey_;  // this service's own link key, as peers key it
 };

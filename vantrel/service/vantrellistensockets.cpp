@@ -3,8 +3,12 @@
 #include <utility>
 
 #include "vantrel/base/log/log.h"
+#include "vantrel/base/socket/shortage.h"
+#include "vantrel/base/socket/socketerror.h"
 
 using nCommunication::nSocket::nImplementation_sho::cAlreadyInUse;
+using nCommunication::nSocket::nImplementation_sho::cOutOfDescriptors;
+using nCommunication::nSocket::nImplementation_sho::gReportDescriptorShortage;
 using nCommunication::nSocket::nImplementation_sho::gSocketStatusText;
 using nCommunication::nSocket::nImplementation_sho::gValidate;
 using nCommunication::nSocket::nImplementation_sho::tSocketStatus;
@@ -63,6 +67,9 @@ void CVantrelListenerSocket::ListenProc() {
     }
     try {
       onAccept_(std::move(validated.handle), std::move(accepted.tls));
+    } catch (const cOutOfDescriptors&) {
+      // The connection is closed as the handle goes: its peer learns at once.
+      gReportDescriptorShortage("CVantrelListenerSocket::ListenProc", "connection refused");
     } catch (const std::exception& e) {
       // A connection that cannot get its threads is dropped; the listener goes on.
       VLOG_ERROR("CVantrelListenerSocket::ListenProc - cannot create a connection: %s", e.what());

@@ -12,7 +12,10 @@ std::int64_t gDeadlineAfter(nTime::cDiff span) {
 }
 
 cCloseSignal::cCloseSignal() {
-  if (!wakeup_.Valid()) throw cSocketError("c_Socket: cannot create the wake-up: " + wakeup_.Failure().Text());
+  if (wakeup_.Valid()) return;
+  const std::string text = "c_Socket: cannot create the wake-up: " + wakeup_.Failure().Text();
+  if (wakeup_.Failure().fault == platform::tSocketFault::eNoResources) throw cOutOfDescriptors(text);
+  throw cSocketError(text);
 }
 
 bool cCloseSignal::Raise() {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "vantrel/base/log/log.h"
+#include "vantrel/base/socket/shortage.h"
 #include "vantrel/base/socket/socketerror.h"
 
 namespace nCommunication::nSocket::nImplementation_sho {
@@ -46,7 +47,14 @@ platform::cUniqueSocket cConnector::Connect(const std::string& host, unsigned sh
     for (const platform::cSocketAddress& address : found.addresses) {
       platform::cSocketResult result;
       platform::cUniqueSocket socket(platform::gOpenStreamSocket(address.family, result));
-      if (!socket.Valid()) throw cSocketError("StreamSocket::Connect - socket failed: " + result.Text());
+      if (!socket.Valid()) {
+        // Out of descriptors is this process's state, not a fault: the link
+        // fails (its senders are answered) and everything else goes on.
+        if (result.fault != platform::tSocketFault::eNoResources)
+          throw cSocketError("StreamSocket::Connect - socket failed: " + result.Text());
+        gReportDescriptorShortage(("StreamSocket::Connect(" + name_ + ")").c_str(), "link not opened");
+        return {};
+      }
       switch (gAttemptConnect(socket.Get(), address, gDeadlineAfter(options.connectTimeout), &closing_, lastFailure)) {
         case tConnectAttempt::eConnected:
           return socket;

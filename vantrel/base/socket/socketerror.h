@@ -14,6 +14,13 @@ class cSocketError : public std::runtime_error {
   explicit cSocketError(const std::string& what) : std::runtime_error(what) {}
 };
 
+// The process has no descriptor left for a new socket: its state, not the
+// peer's, and over as soon as a connection ends.
+class cOutOfDescriptors : public cSocketError {
+ public:
+  using cSocketError::cSocketError;
+};
+
 // The port asked for by a listener is held by another socket.
 class cAlreadyInUse : public cSocketError {
  public:

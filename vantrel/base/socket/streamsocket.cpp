@@ -1,9 +1,12 @@
 #include "vantrel/base/socket/streamsocket.h"
 
+#include <string>
+
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/socket/connector.h"
 #include "vantrel/base/socket/framereader.h"
 #include "vantrel/base/socket/framewriter.h"
+#include "vantrel/base/socket/shortage.h"
 #include "vantrel/base/socket/tls.h"
 #include "vantrel/base/socket/transport.h"
 
@@ -86,6 +89,20 @@ bool StreamSocket::Connect(const std::string& host, unsigned short port, const c
 void StreamSocket::CreateListenerSocket(unsigned short port, tBindScope scope) {
   if (useTls_) tlsContext_ = std::make_shared<cTlsContext>(cTlsContext::eServer, tlsSettings_);
   c_Socket::CreateListenerSocket(port, scope);
+  spare_ = std::make_unique<platform::cSpareDescriptor>();
+}
+
+bool StreamSocket::RefuseAtLimit(platform::tSocket listener) {
+  if (spare_ == nullptr || !spare_->Release()) return false;
+  platform::cSocketResult failure;
+  const platform::tSocket socket = platform::gAccept(listener, failure);
+  if (socket != platform::kNoSocket) {
+    platform::gCloseSocket(socket);
+    // Reported while the spare is still free: counting needs a descriptor too.
+    gReportDescriptorShortage(("StreamSocket::Accept(" + std::to_string(Handle()) + ")").c_str(), "connection refused");
+  }
+  spare_->Retake();
+  return socket != platform::kNoSocket;
 }
 
 cAcceptResult StreamSocket::Accept(const cSocketOptions& options) {
@@ -121,6 +138,9 @@ cAcceptResult StreamSocket::Accept(const cSocketOptions& options) {
       case platform::tSocketFault::eConnectionGone:
         continue;  // that connection is gone; the listener is fine
       case platform::tSocketFault::eNoResources:
+        if (RefuseAtLimit(listener)) continue;
+        // Not even the spare helped (another thread took the freed slot, or
+        // memory is short): wait a little rather than spin on the same error.
         VLOG_WARN("StreamSocket::Accept(%d) - %s; retrying", Handle(), failure.Text());
         if (Closing().WaitFor(100'000)) {
           result.status = tSocketStatus::eClosed;

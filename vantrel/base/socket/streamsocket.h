@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 
+#include "vantrel/base/platform/descriptors.h"
 #include "vantrel/base/socket/frame.h"
 #include "vantrel/base/socket/latency.h"
 #include "vantrel/base/socket/socketbase.h"
@@ -104,8 +105,12 @@ class StreamSocket : public c_Socket {
   void CreateListenerSocket(unsigned short port, tBindScope scope = eAllAddresses) override;
 
   // Blocks until a peer connects or the listener is closed. Transient errors
-  // (interrupted calls, connections aborted before they were taken, descriptor
-  // exhaustion) are retried here; no handle means the listener is closed or broken.
+  // (interrupted calls, connections aborted before they were taken) are
+  // retried here; no handle means the listener is closed or broken. Out of
+  // descriptors, a waiting connection is taken with the listener's spare
+  // descriptor and closed at once, so its peer learns at once that it was
+  // refused, the listener neither spins nor stops, and the refusal is logged
+  // (at most once a second) with the limit and the number open.
   cAcceptResult Accept(const cSocketOptions& options);
 
   // Runs the server side of the TLS handshake of an accepted connection, bounded
@@ -163,4 +168,10 @@ class StreamSocket : public c_Socket {
   std::unique_ptr<cFrameReader> reader_;   // the reading thread's
   std::unique_ptr<cFrameWriter> writer_;
   nCommunication::nSocket::nImplementation_sho::cLatencyLogLimiter latencyLimiter_;  // the reading thread's
+
+  // Listeners only, used by the accept thread alone: the descriptor kept for
+  // refusing a connection at the limit.
+  std::unique_ptr<vantrel::platform::cSpareDescriptor> spare_;
+  // Takes one waiting connection and closes it; false when even that failed.
+  bool RefuseAtLimit(vantrel::platform::tSocket listener);
 };
