@@ -10,8 +10,8 @@
 #include "tests/support/testutil.h"
 #include "vantrel/base/env/envcontainer.h"
 #include "vantrel/base/env/integer.h"
-#include "vantrel/base/platform/process.h"
 #include "vantrel/base/env/settings.h"
+#include "vantrel/base/platform/process.h"
 
 namespace {
 

@@ -187,7 +187,8 @@ TEST_F(FileTransferHandlerTest, StopWakesSenderAndReceiverAndEndsLaterTransfers)
 // The names in `folder`, so that a leftover temporary file shows.
 std::vector<std::string> Names(const std::string& folder) {
   std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+  for (const auto& entry : std::filesystem::directory_iterator(folder))
+    names.push_back(entry.path().filename().string());
   std::sort(names.begin(), names.end());
   return names;
 }

@@ -1,11 +1,10 @@
-#include "tests/support/servicehelper.h"
-
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <cstdlib>
 #include <filesystem>
 
+#include "tests/support/servicehelper.h"
 #include "vantrel/base/env/settings.h"
 
 // The service program run as a child process: POSIX-only for now (a shell

@@ -37,9 +37,8 @@ std::optional<cFileStatus> StatusOf(HANDLE handle) {
   status.device = info.dwVolumeSerialNumber;
   status.inode = (static_cast<std::uint64_t>(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
   status.size = (static_cast<std::uint64_t>(info.nFileSizeHigh) << 32) | info.nFileSizeLow;
-  const std::int64_t ticks =
-      static_cast<std::int64_t>((static_cast<std::uint64_t>(info.ftLastWriteTime.dwHighDateTime) << 32) |
-                                info.ftLastWriteTime.dwLowDateTime);
+  const std::int64_t ticks = static_cast<std::int64_t>(
+      (static_cast<std::uint64_t>(info.ftLastWriteTime.dwHighDateTime) << 32) | info.ftLastWriteTime.dwLowDateTime);
   status.modifiedNs = (ticks - kEpochDifference) * 100;
   // Windows has no permission bits: the read-only attribute is the closest.
   const bool readOnly = (info.dwFileAttributes & FILE_ATTRIBUTE_READONLY) != 0;

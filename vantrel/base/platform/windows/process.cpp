@@ -33,7 +33,11 @@ typedef struct _WTS_PROCESS_INFO_EXW {
   LARGE_INTEGER UserTime;
   LARGE_INTEGER KernelTime;
 } WTS_PROCESS_INFO_EXW;
-typedef enum _WTS_TYPE_CLASS { WTSTypeProcessInfoLevel0, WTSTypeProcessInfoLevel1, WTSTypeSessionInfoLevel1 } WTS_TYPE_CLASS;
+typedef enum _WTS_TYPE_CLASS {
+  WTSTypeProcessInfoLevel0,
+  WTSTypeProcessInfoLevel1,
+  WTSTypeSessionInfoLevel1
+} WTS_TYPE_CLASS;
 BOOL WINAPI WTSEnumerateProcessesExW(HANDLE server, DWORD* level, DWORD session, LPWSTR* info, DWORD* count);
 BOOL WINAPI WTSFreeMemoryExW(WTS_TYPE_CLASS type, PVOID memory, ULONG count);
 }
@@ -96,8 +100,10 @@ void AppendArgument(std::wstring& line, const std::wstring& argument) {
       ++backslashes;
       continue;
     }
-    if (c == L'"') line.append(backslashes * 2 + 1, L'\\');
-    else line.append(backslashes, L'\\');
+    if (c == L'"')
+      line.append(backslashes * 2 + 1, L'\\');
+    else
+      line.append(backslashes, L'\\');
     backslashes = 0;
     line += c;
   }
@@ -128,8 +134,8 @@ HANDLE InheritableCopy(HANDLE handle) {
 
 // Starts `program` with the given standard streams (null: none), which only
 // they of all the caller's handles reach the child.
-RQPSpawnResult Spawn(const std::string& program, const std::vector<std::string>& arguments,
-                     const std::string& folder, bool detached, HANDLE streams[3]) {
+RQPSpawnResult Spawn(const std::string& program, const std::vector<std::string>& arguments, const std::string& folder,
+                     bool detached, HANDLE streams[3]) {
   std::wstring line;
   AppendArgument(line, Wide(program));
   for (const auto& a : arguments) AppendArgument(line, Wide(a));
@@ -154,9 +160,8 @@ RQPSpawnResult Spawn(const std::string& program, const std::vector<std::string>&
   auto attributes = std::make_unique<unsigned char[]>(size);
   auto* attributeList = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(attributes.get());
   bool haveList = count > 0 && ::InitializeProcThreadAttributeList(attributeList, 1, 0, &size);
-  if (haveList &&
-      !::UpdateProcThreadAttribute(attributeList, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, list, count * sizeof(HANDLE),
-                                   nullptr, nullptr)) {
+  if (haveList && !::UpdateProcThreadAttribute(attributeList, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, list,
+                                               count * sizeof(HANDLE), nullptr, nullptr)) {
     ::DeleteProcThreadAttributeList(attributeList);
     haveList = false;
   }
@@ -167,9 +172,8 @@ RQPSpawnResult Spawn(const std::string& program, const std::vector<std::string>&
   const std::wstring wideProgram = Wide(program);
   const std::wstring wideFolder = Wide(folder);
   PROCESS_INFORMATION info{};
-  const BOOL ok = ::CreateProcessW(wideProgram.c_str(), line.data(), nullptr, nullptr, count > 0 ? TRUE : FALSE,
-                                   flags, nullptr, folder.empty() ? nullptr : wideFolder.c_str(),
-                                   &startup.StartupInfo, &info);
+  const BOOL ok = ::CreateProcessW(wideProgram.c_str(), line.data(), nullptr, nullptr, count > 0 ? TRUE : FALSE, flags,
+                                   nullptr, folder.empty() ? nullptr : wideFolder.c_str(), &startup.StartupInfo, &info);
   const DWORD code = ::GetLastError();
   if (haveList) ::DeleteProcThreadAttributeList(attributeList);
   if (!ok) return Failure(program, code);
@@ -218,8 +222,8 @@ bool EnumerateWithSessions(std::vector<RQPProcessEntry>& entries) {
   DWORD level = 1;
   WTS_PROCESS_INFO_EXW* list = nullptr;
   DWORD count = 0;
-  if (!::WTSEnumerateProcessesExW(WTS_CURRENT_SERVER_HANDLE, &level, WTS_ANY_SESSION,
-                                  reinterpret_cast<LPWSTR*>(&list), &count))
+  if (!::WTSEnumerateProcessesExW(WTS_CURRENT_SERVER_HANDLE, &level, WTS_ANY_SESSION, reinterpret_cast<LPWSTR*>(&list),
+                                  &count))
     return false;
   for (DWORD i = 0; i < count; ++i) {
     const auto& p = list[i];
@@ -417,7 +421,8 @@ RQPRunResult RQPRunAndCapture(const std::string& program, const std::vector<std:
     // A grandchild may still hold the pipe open: its output is not waited for
     // past the deadline.
     std::unique_lock<std::mutex> lock(capture.mutex);
-    if (!capture.cond.wait_for(lock, std::chrono::milliseconds(MillisecondsLeft(deadline)), [&] { return capture.done; })) {
+    if (!capture.cond.wait_for(lock, std::chrono::milliseconds(MillisecondsLeft(deadline)),
+                               [&] { return capture.done; })) {
       lock.unlock();
       while (::WaitForSingleObject(reader, 0) == WAIT_TIMEOUT) {
         ::CancelSynchronousIo(reader);

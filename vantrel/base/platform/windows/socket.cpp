@@ -74,9 +74,7 @@ cEndpoint NamedEndpoint(tSocket socket, int(WSAAPI* name)(SOCKET, sockaddr*, int
 
 // Sockets are made non-inheritable at once, so that a program started by
 // another thread never holds a listener or a connection open.
-void NotInherited(SOCKET socket) {
-  ::SetHandleInformation(reinterpret_cast<HANDLE>(socket), HANDLE_FLAG_INHERIT, 0);
-}
+void NotInherited(SOCKET socket) { ::SetHandleInformation(reinterpret_cast<HANDLE>(socket), HANDLE_FLAG_INHERIT, 0); }
 
 // Whether `socket` can be read now, without waiting.
 bool ReadableNow(SOCKET socket) {
@@ -143,8 +141,8 @@ cEndpoint gPeerEndpoint(tSocket socket) { return NamedEndpoint(socket, &::getpee
 
 tSocket gOpenStreamSocket(tAddressFamily family, cSocketResult& result) {
   win32::StartWinsock();
-  const SOCKET s = ::WSASocketW(family == tAddressFamily::eIPv4 ? AF_INET : AF_INET6, SOCK_STREAM, IPPROTO_TCP,
-                                nullptr, 0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
+  const SOCKET s = ::WSASocketW(family == tAddressFamily::eIPv4 ? AF_INET : AF_INET6, SOCK_STREAM, IPPROTO_TCP, nullptr,
+                                0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
   if (s == INVALID_SOCKET) {
     result = LastError();
     return kNoSocket;
@@ -182,7 +180,8 @@ cSocketResult gSetNonBlocking(tSocket socket, bool nonBlocking) {
 
 cSocketResult gSetNoDelay(tSocket socket) {
   const BOOL on = TRUE;
-  return Status(::setsockopt(AsSocket(socket), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on));
+  return Status(
+      ::setsockopt(AsSocket(socket), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on));
 }
 
 cSocketResult gSetUnacknowledgedTimeout(tSocket socket, std::uint32_t milliseconds) {
@@ -270,8 +269,8 @@ std::size_t gReceive(tSocket socket, void* buffer, std::size_t size, bool mayWai
     result = Result(WSAEWOULDBLOCK);
     return 0;
   }
-  const int n = ::recv(AsSocket(socket), static_cast<char*>(buffer), static_cast<int>(std::min<std::size_t>(size, INT_MAX)),
-                       0);
+  const int n =
+      ::recv(AsSocket(socket), static_cast<char*>(buffer), static_cast<int>(std::min<std::size_t>(size, INT_MAX)), 0);
   if (n < 0) {
     result = LastError();
     return 0;
