@@ -3,13 +3,15 @@
 #   make install PREFIX=/opt/vantrel   build and install under PREFIX (default /usr/local)
 #   make test   install what is missing, build, run the whole test suite
 #   make fuzz   build the fuzz targets (clang-14, libFuzzer) and run each for SECONDS (60)
+#   make windows        cross-build for Windows (mingw-w64; the libraries once, into a cache)
+#   make test-windows   the same, then the tests under wine
 PRESET ?= default
 # Extra cache settings for the configure step, e.g. CMAKE_ARGS=-DVANTREL_WERROR=ON
 CMAKE_ARGS ?=
 JOBS   ?= $(shell nproc)
 SECONDS ?= 60
 
-.PHONY: deps build test run install bench fuzz clean
+.PHONY: deps build test run install bench fuzz clean windows-deps windows test-windows
 
 deps:
 	@scripts/install-deps
@@ -50,6 +52,17 @@ bench: deps
 
 fuzz: deps
 	JOBS=$(JOBS) scripts/fuzz $(SECONDS)
+
+# Two jobs at most for the libraries: they are built once and cached.
+windows-deps: deps
+	@scripts/build-windows-deps -j2
+
+windows: windows-deps
+	cmake --preset windows $(CMAKE_ARGS)
+	cmake --build --preset windows -j $(JOBS)
+
+test-windows: windows
+	ctest --preset windows
 
 clean:
 	rm -rf build

@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
       // is caught by the address sanitizer as it is under libFuzzer.
       auto input = std::make_unique<std::uint8_t[]>(bytes.size());
       std::copy(bytes.begin(), bytes.end(), input.get());
-      std::fprintf(stderr, "replaying %s (%zu bytes)\n", file.c_str(), bytes.size());
+      std::fprintf(stderr, "replaying %s (%zu bytes)\n", file.string().c_str(), bytes.size());
       LLVMFuzzerTestOneInput(input.get(), bytes.size());
       ++replayed;
     }

@@ -11,6 +11,7 @@
 #include "vantrel/base/env/envcontainer.h"
 #include "vantrel/base/env/integer.h"
 #include "vantrel/base/env/settings.h"
+#include "vantrel/base/platform/process.h"
 
 namespace {
 
@@ -34,11 +35,11 @@ TEST(EnvContainer, GetEnvCachesUntilResetAndKeepsPointersValid) {
   const char* first = env.RQEGetEnv("VANTREL_TEST_ENV_A");
   ASSERT_NE(first, nullptr);
 
-  ::setenv("VANTREL_TEST_ENV_A", "second", 1);
+  RQPSetEnvironment("VANTREL_TEST_ENV_A", "second");
   EXPECT_STREQ(env.RQEGetEnv("VANTREL_TEST_ENV_A"), "first");
   env.reset();
   EXPECT_STREQ(env.RQEGetEnv("VANTREL_TEST_ENV_A"), "second");
-  ::unsetenv("VANTREL_TEST_ENV_A");
+  RQPUnsetEnvironment("VANTREL_TEST_ENV_A");
   env.reset();
   EXPECT_EQ(env.RQEGetEnv("VANTREL_TEST_ENV_A"), nullptr);
   EXPECT_STREQ(first, "first");  // earlier pointers outlive reset()

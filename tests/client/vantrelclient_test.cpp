@@ -12,6 +12,7 @@
 #include "tests/support/testutil.h"
 #include "vantrel/base/config/vantrelini.h"
 #include "vantrel/base/platform/manualevent.h"
+#include "vantrel/base/platform/process.h"
 #include "vantrel/client/vantrelclientobj.h"
 #include "vantrel/client/vantrelclientobjimp.h"
 #include "vantrel/message/clientname.h"
@@ -102,7 +103,7 @@ TEST(ClientLibrary, NameAndPortAreCheckedBeforeConnectingAndTheReplyDecidesWhoWe
     EXPECT_STREQ(client.NETLocalHostName(), "lg01");
     EXPECT_EQ(client.NETWhoAmI(), longest + "@lg01" + gVantrelAddressPortDelimiter() + "9123");
   }
-  unsetenv("VANTREL_CLIENT_PORT");
+  RQPUnsetEnvironment("VANTREL_CLIENT_PORT");
   std::unique_ptr<ScriptedService> onDefault;
   try {
     onDefault = std::make_unique<ScriptedService>(ScriptedService::cOptions{.port = 9010});

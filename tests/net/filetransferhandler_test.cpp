@@ -184,7 +184,8 @@ TEST_F(FileTransferHandlerTest, StopWakesTheSenderAndEndsLaterTransfers) {
 // The names in `folder`, so that a leftover temporary file shows.
 std::vector<std::string> Names(const std::string& folder) {
   std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+  for (const auto& entry : std::filesystem::directory_iterator(folder))
+    names.push_back(entry.path().filename().string());
   std::sort(names.begin(), names.end());
   return names;
 }

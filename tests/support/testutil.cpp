@@ -1,10 +1,5 @@
 #include "tests/support/testutil.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +8,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "vantrel/base/platform/process.h"
+#include "vantrel/base/platform/socket.h"
 #include "vantrel/support/associativearray.h"
 
 namespace vantrel::test {
@@ -33,28 +30,37 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
 // rarely collide) and checked by binding.
 unsigned short FreePort() {
   static std::mutex mutex;
-  static std::mt19937 random(std::random_device{}() ^ static_cast<unsigned>(::getpid()));
+  static std::mt19937 random(std::random_device{}() ^ static_cast<unsigned>(RQPCurrentProcessId()));
   std::lock_guard<std::mutex> lock(mutex);
   int low = 32768, high = 60999;
   std::ifstream("/proc/sys/net/ipv4/ip_local_port_range") >> low >> high;
   std::uniform_int_distribution<int> pick(low > 11000 ? 10000 : high + 1, low > 11000 ? low - 1 : 65535);
+  namespace platform = vantrel::platform;
   for (int attempt = 0; attempt < 1000; ++attempt) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_ANY);
-    addr.sin_port = htons(static_cast<unsigned short>(pick(random)));
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool bound = fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-    if (fd >= 0) ::close(fd);
-    if (bound) return ntohs(addr.sin_port);
+    const auto port = static_cast<unsigned short>(pick(random));
+    platform::cSocketResult result;
+    platform::cUniqueSocket socket(platform::gOpenStreamSocket(platform::tAddressFamily::eIPv4, result));
+    if (socket.Valid() && platform::gBindIPv4(socket.Get(), platform::tListenAddress::eAny, port).Ok()) return port;
   }
   throw std::runtime_error("FreePort: no free port found");
 }
 
 TempDir::TempDir() {
-  std::string templ = (std::filesystem::temp_directory_path() / "vantrel-test-XXXXXX").string();
-  if (!::mkdtemp(templ.data())) throw std::runtime_error("TempDir: mkdtemp failed");
-  path_ = templ;
+  // A fresh folder with a random name: creating it fails when the name is taken.
+  static std::mutex mutex;
+  static std::mt19937 random(std::random_device{}() ^ static_cast<unsigned>(RQPCurrentProcessId()));
+  std::lock_guard<std::mutex> lock(mutex);
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    const auto candidate = std::filesystem::temp_directory_path() / ("vantrel-test-" + std::to_string(random()));
+    std::error_code error;
+    if (std::filesystem::create_directory(candidate, error)) {
+      // Private to its user, as test folders of other users must not be shared.
+      std::filesystem::permissions(candidate, std::filesystem::perms::owner_all, error);
+      path_ = candidate.generic_string();
+      return;
+    }
+  }
+  throw std::runtime_error("TempDir: cannot create a folder");
 }
 
 TempDir::~TempDir() {
@@ -125,9 +131,9 @@ bool LogCapture::waitFor(const std::string& text, std::chrono::milliseconds time
 
 ScopedEnv::ScopedEnv(const char* name, const char* value) : name_(name) {
   if (const char* old = std::getenv(name)) old_ = old;
-  value ? ::setenv(name, value, 1) : ::unsetenv(name);
+  value ? RQPSetEnvironment(name, value) : RQPUnsetEnvironment(name);
 }
 
-ScopedEnv::~ScopedEnv() { old_ ? ::setenv(name_.c_str(), old_->c_str(), 1) : ::unsetenv(name_.c_str()); }
+ScopedEnv::~ScopedEnv() { old_ ? RQPSetEnvironment(name_, *old_) : RQPUnsetEnvironment(name_); }
 
 }  // namespace vantrel::test

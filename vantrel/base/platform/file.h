@@ -87,8 +87,9 @@ class cFile {
 bool gRenameFile(const std::string& from, const std::string& to);
 // Removes the directory entry `path` (never a folder). False when it failed.
 bool gRemoveFile(const std::string& path);
-// The absolute path with every `.`, `..` and symbolic link resolved; nothing
-// when some part of it does not exist or cannot be examined.
+// The absolute path with every `.`, `..` and symbolic link resolved, its parts
+// separated by '/' on every system ("C:/data/in.bin"); nothing when some part
+// of it does not exist or cannot be examined.
 std::optional<std::string> gResolvePath(const std::string& path);
 
 }  // namespace vantrel::platform

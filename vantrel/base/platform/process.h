@@ -104,6 +104,8 @@ std::string RQPExecutablePath();
 // before other threads run: the environment is not guarded against concurrent
 // readers. false when the system refuses it.
 bool RQPSetEnvironment(const std::string& name, const std::string& value);
+// Removes an environment variable of this process, as above.
+bool RQPUnsetEnvironment(const std::string& name);
 // Ends the process at once with `code`: no static destructors and no exit
 // handlers run, so threads still working are not pulled from under. Flush what
 // must survive first.

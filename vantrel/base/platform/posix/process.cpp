@@ -419,6 +419,8 @@ bool RQPSetEnvironment(const std::string& name, const std::string& value) {
   return setenv(name.c_str(), value.c_str(), 1) == 0;
 }
 
+bool RQPUnsetEnvironment(const std::string& name) { return unsetenv(name.c_str()) == 0; }
+
 void RQPExitNow(int code) { _exit(code); }
 
 bool RQPUserName(std::uint32_t uid, std::string& name, int* errorCode) {

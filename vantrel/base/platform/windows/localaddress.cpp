@@ -1,0 +1,110 @@
+#include "vantrel/base/platform/localaddress.h"
+
+#include <cstring>
+#include <memory>
+
+#include "vantrel/base/platform/windows/win32.h"
+// iphlpapi.h needs the socket headers of win32.h before it.
+#include <iphlpapi.h>
+
+namespace vantrel::platform {
+namespace {
+
+std::optional<cIpAddress> FromSockaddr(const sockaddr* address) {
+  if (address == nullptr) return std::nullopt;
+  cIpAddress ip;
+  if (address->sa_family == AF_INET) {
+    const auto* v4 = reinterpret_cast<const sockaddr_in*>(address);
+    std::memcpy(ip.bytes.data(), &v4->sin_addr, 4);
+    return ip;
+  }
+  if (address->sa_family != AF_INET6) return std::nullopt;
+  const auto* v6 = reinterpret_cast<const sockaddr_in6*>(address);
+  if (IN6_IS_ADDR_V4MAPPED(&v6->sin6_addr)) {
+    std::memcpy(ip.bytes.data(), reinterpret_cast<const unsigned char*>(&v6->sin6_addr) + 12, 4);
+    return ip;
+  }
+  ip.family = tAddressFamily::eIPv6;
+  std::memcpy(ip.bytes.data(), &v6->sin6_addr, 16);
+  return ip;
+}
+
+}  // namespace
+
+std::optional<cIpAddress> gParseNumericAddress(const std::string& text) {
+  if (text.empty()) return std::nullopt;
+  win32::StartWinsock();
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_NUMERICHOST;  // never a resolver query
+  addrinfo* found = nullptr;
+  if (::getaddrinfo(text.c_str(), nullptr, &hints, &found) != 0 || found == nullptr) return std::nullopt;
+  std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(found, &::freeaddrinfo);
+  return FromSockaddr(found->ai_addr);
+}
+
+bool gIsLoopback(const cIpAddress& address) {
+  if (address.family == tAddressFamily::eIPv4) return address.bytes[0] == 127;
+  static constexpr std::array<unsigned char, 16> kLoopback6{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  return address.bytes == kLoopback6;
+}
+
+bool gIsUnspecified(const cIpAddress& address) { return address.bytes == std::array<unsigned char, 16>{}; }
+
+std::vector<cIpAddress> gInterfaceAddresses(std::string* error) {
+  std::vector<cIpAddress> addresses;
+  constexpr ULONG kFlags = GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER;
+  ULONG size = 16 * 1024;
+  std::unique_ptr<unsigned char[]> buffer;
+  ULONG rc = ERROR_BUFFER_OVERFLOW;
+  // The list may grow between the two calls; a few rounds settle it.
+  for (int round = 0; round < 4 && rc == ERROR_BUFFER_OVERFLOW; ++round) {
+    buffer = std::make_unique<unsigned char[]>(size);
+    rc = ::GetAdaptersAddresses(AF_UNSPEC, kFlags, nullptr, reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buffer.get()),
+                                &size);
+  }
+  if (rc == ERROR_NO_DATA) return addresses;
+  if (rc != NO_ERROR) {
+    if (error != nullptr) *error = "GetAdaptersAddresses failed: " + win32::ErrorText(rc);
+    return addresses;
+  }
+  for (const auto* adapter = reinterpret_cast<const IP_ADAPTER_ADDRESSES*>(buffer.get()); adapter != nullptr;
+       adapter = adapter->Next) {
+    for (const auto* unicast = adapter->FirstUnicastAddress; unicast != nullptr; unicast = unicast->Next) {
+      if (auto ip = FromSockaddr(unicast->Address.lpSockaddr)) addresses.push_back(*ip);
+    }
+  }
+  return addresses;
+}
+
+std::string gFormatIpAddress(const cIpAddress& address) {
+  char text[INET6_ADDRSTRLEN] = "";
+  const int family = address.family == tAddressFamily::eIPv4 ? AF_INET : AF_INET6;
+  if (::inet_ntop(family, address.bytes.data(), text, sizeof text) == nullptr) return std::string();
+  return text;
+}
+
+cSocketResult gBindAddress(tSocket socket, const cIpAddress& address, unsigned short port) {
+  sockaddr_storage storage{};
+  int size = 0;
+  if (address.family == tAddressFamily::eIPv4) {
+    auto* in = reinterpret_cast<sockaddr_in*>(&storage);
+    in->sin_family = AF_INET;
+    in->sin_port = htons(port);
+    std::memcpy(&in->sin_addr, address.bytes.data(), 4);
+    size = sizeof *in;
+  } else {
+    auto* in6 = reinterpret_cast<sockaddr_in6*>(&storage);
+    in6->sin6_family = AF_INET6;
+    in6->sin6_port = htons(port);
+    std::memcpy(&in6->sin6_addr, address.bytes.data(), 16);
+    size = sizeof *in6;
+  }
+  if (::bind(static_cast<SOCKET>(socket), reinterpret_cast<const sockaddr*>(&storage), size) == 0) return {};
+  const int code = ::WSAGetLastError();
+  const bool inUse = code == WSAEADDRINUSE || code == WSAEACCES;
+  return cSocketResult{inUse ? tSocketFault::eAddressInUse : tSocketFault::eOther, code};
+}
+
+}  // namespace vantrel::platform
