@@ -23,7 +23,9 @@ void* Context() {
   return context;
 }
 
-void Report(const char* what) { std::fprintf(stderr, "vantrel-bench: zeromq %s: %s\n", what, zmq_strerror(zmq_errno())); }
+void Report(const char* what) {
+  std::fprintf(stderr, "vantrel-bench: zeromq %s: %s\n", what, zmq_strerror(zmq_errno()));
+}
 
 void SetInt(void* socket, int option, int value) { zmq_setsockopt(socket, option, &value, sizeof value); }
 
@@ -184,7 +186,9 @@ bool cZmqEndpoint::SendAcked(const std::string& destination, const char* data, s
   return false;
 }
 
-void cZmqEndpoint::StartCounting() { counter_ = std::thread([this] { CountLoop(); }); }
+void cZmqEndpoint::StartCounting() {
+  counter_ = std::thread([this] { CountLoop(); });
+}
 
 void cZmqEndpoint::CountLoop() {
   zmq_pollitem_t items[] = {{socket_, 0, ZMQ_POLLIN, 0}, {stopReceiver_, 0, ZMQ_POLLIN, 0}};
@@ -217,8 +221,7 @@ void cZmqEndpoint::CountLoop() {
 bool cZmqEndpoint::WaitForCount(std::uint64_t target, std::chrono::milliseconds timeout) {
   std::unique_lock<std::mutex> lock(mutex_);
   target_ = target;
-  return changed_.wait_for(lock, timeout, [&] { return count_.load() >= target || ended_; }) &&
-         count_.load() >= target;
+  return changed_.wait_for(lock, timeout, [&] { return count_.load() >= target || ended_; }) && count_.load() >= target;
 }
 
 void cZmqEndpoint::Close() {

@@ -140,7 +140,7 @@ bool CVantrelEventServer::dispatchHostEvent(VantrelHostEvent* event) {
     return true;
   }
   VLOG_DEBUG("CVantrelEventServer::dispatchHostEvent, Creating new CVantrelHostConnection(%s)",
-            vantrel::log::Escaped(host));
+             vantrel::log::Escaped(host));
   if (!linkFactory_) {
     VLOG_ERROR("CVantrelEventServer::dispatchHostEvent - no way to open a link to %s", vantrel::log::Escaped(host));
     return false;
