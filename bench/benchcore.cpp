@@ -1,5 +1,7 @@
 #include "bench/benchcore.h"
 
+#include <stdlib.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -45,6 +47,16 @@ std::vector<cScenarioEntry> RegisteredScenarios() {
   std::sort(entries.begin(), entries.end(),
             [](const cScenarioEntry& a, const cScenarioEntry& b) { return a.name < b.name; });
   return entries;
+}
+
+cBenchFolder::cBenchFolder(const std::string& what) {
+  std::string pattern = (std::filesystem::temp_directory_path() / ("vantrel-bench-" + what + "-XXXXXX")).string();
+  if (::mkdtemp(pattern.data()) != nullptr) path_ = pattern;
+}
+
+cBenchFolder::~cBenchFolder() {
+  std::error_code ignored;
+  if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
 }
 
 double Percentile(std::vector<double> samples, double p) {

@@ -13,6 +13,7 @@
 // on the driver's thread.
 #include <chrono>
 #include <cstddef>
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
@@ -82,6 +83,20 @@ bool RegisterScenario(std::string name, std::string description, tScenario run);
 #define VANTREL_BENCH_SCENARIO(name, description, function)                    \
   static const bool VANTREL_BENCH_CONCAT(gVantrelBenchRegistered_, __LINE__) = \
       ::vantrel::bench::RegisterScenario(name, description, function)
+
+// A temporary folder of a scenario, removed with everything in it when the
+// object goes; Path() is empty when it could not be made.
+class cBenchFolder {
+ public:
+  explicit cBenchFolder(const std::string& what);
+  ~cBenchFolder();
+  cBenchFolder(const cBenchFolder&) = delete;
+  cBenchFolder& operator=(const cBenchFolder&) = delete;
+  const std::filesystem::path& Path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
 
 // Percentiles of a set of samples (nearest rank). `p` in [0, 100]; samples
 // need not be sorted; empty samples give 0.

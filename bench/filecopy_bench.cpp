@@ -88,16 +88,9 @@ bool Fail(const char* what) {
 bool RunFileCopy(const cBenchOptions& options, cBenchTable& table) {
   const std::size_t mebibytes = options.quick ? 32 : 256;
   const std::size_t bytes = mebibytes << 20;
-  char folderTemplate[] = "/tmp/vantrel-bench-copy-XXXXXX";
-  if (::mkdtemp(folderTemplate) == nullptr) return Fail("cannot make a temporary folder");
-  const std::filesystem::path folder = folderTemplate;
-  struct Cleanup {
-    std::filesystem::path path;
-    ~Cleanup() {
-      std::error_code ec;
-      std::filesystem::remove_all(path, ec);
-    }
-  } cleanup{folder};
+  const cBenchFolder scratch("copy");
+  if (scratch.Path().empty()) return Fail("cannot make a temporary folder");
+  const std::filesystem::path& folder = scratch.Path();
 
   const std::string source = (folder / "source").string();
   {

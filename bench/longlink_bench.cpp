@@ -117,16 +117,9 @@ double Copy(cVantrelClientObject& client, const std::string& source, const std::
 }
 
 bool RunLongLink(const cBenchOptions& options, cBenchTable& table) {
-  char folderTemplate[] = "/tmp/vantrel-bench-long-XXXXXX";
-  if (::mkdtemp(folderTemplate) == nullptr) return Fail("cannot make a temporary folder");
-  const std::filesystem::path folder = folderTemplate;
-  struct Cleanup {
-    std::filesystem::path path;
-    ~Cleanup() {
-      std::error_code ec;
-      std::filesystem::remove_all(path, ec);
-    }
-  } cleanup{folder};
+  const cBenchFolder scratch("long");
+  if (scratch.Path().empty()) return Fail("cannot make a temporary folder");
+  const std::filesystem::path& folder = scratch.Path();
   const std::size_t copyMiB = options.quick ? 16 : kCopyMiB;
   const std::string source = (folder / "source").string();
   const std::string copied = (folder / "copied").string();

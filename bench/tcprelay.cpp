@@ -118,19 +118,32 @@ bool ReadFrame(int fd, tFloorKind& kind, std::vector<char>& buffer, std::uint32_
 
 // ---- relay ---------------------------------------------------------------------
 
-bool cTcpRelay::Start(unsigned short nextHopPort) {
-  listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (listener_ < 0) return false;
+namespace {
+
+// A listening socket on a free loopback port; -1 on failure.
+int ListenOnLoopback(unsigned short& port) {
+  const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (listener < 0) return -1;
   const int on = 1;
-  ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof address;
-  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(listener_, 16) != 0 ||
-      ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-    return false;
-  port_ = ntohs(address.sin_port);
+  if (::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(listener, 16) != 0 ||
+      ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    ::close(listener);
+    return -1;
+  }
+  port = ntohs(address.sin_port);
+  return listener;
+}
+
+}  // namespace
+
+bool cTcpRelay::Start(unsigned short nextHopPort) {
+  listener_ = ListenOnLoopback(port_);
+  if (listener_ < 0) return false;
 
   if (nextHopPort != 0) {
     lastHop_ = false;
@@ -301,18 +314,8 @@ cDelayRelay::~cDelayRelay() { Stop(); }
 
 bool cDelayRelay::Start(unsigned short targetPort) {
   targetPort_ = targetPort;
-  listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  listener_ = ListenOnLoopback(port_);
   if (listener_ < 0) return false;
-  const int on = 1;
-  ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(listener_, 16) != 0 ||
-      ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-    return false;
-  port_ = ntohs(address.sin_port);
   acceptThread_ = std::thread([this] { AcceptLoop(); });
   return true;
 }
