@@ -87,6 +87,12 @@ TEST(ManyHosts, SimultaneousOpensSettleOnOneLinkWithNothingLostOrReordered) {
 // At the descriptor limit a new link is refused at once and logged, a sender needing a
 // new link is answered at once, and the link and client already there go on working.
 TEST(ManyHosts, AtTheDescriptorLimitNewConnectionsAreRefusedAndOldOnesWork) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // The sanitizers' runtime opens descriptors of its own to check memory (a
+  // pipe for every dynamic-type check): at the limit those checks fail and
+  // report sound objects as corrupt. The plain build runs this test.
+  GTEST_SKIP() << "needs a build without sanitizers: their runtime needs descriptors at the limit";
+#endif
   ServiceProcess service;
   service.setLauncher({"/usr/bin/prlimit", "--nofile=64:64", "--"});
   TestClient alice;
