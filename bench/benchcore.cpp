@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <fstream>
+#include <vector>
 
 namespace vantrel::bench {
 
@@ -57,6 +59,19 @@ cBenchFolder::cBenchFolder(const std::string& what) {
 cBenchFolder::~cBenchFolder() {
   std::error_code ignored;
   if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+}
+
+bool WriteSource(const std::string& path, std::size_t mebibytes) {
+  std::ofstream out(path, std::ios::binary);
+  std::vector<char> block(1 << 20);
+  unsigned x = 4711;
+  for (auto& b : block) b = static_cast<char>((x = x * 1103515245u + 12345u) >> 16);
+  for (std::size_t i = 0; i < mebibytes; ++i) {
+    block[0] = static_cast<char>(i);
+    block[block.size() / 2] = static_cast<char>(i >> 8);
+    out.write(block.data(), static_cast<std::streamsize>(block.size()));
+  }
+  return static_cast<bool>(out);
 }
 
 double Percentile(std::vector<double> samples, double p) {

@@ -98,6 +98,10 @@ class cBenchFolder {
   std::filesystem::path path_;
 };
 
+// Writes a file of `mebibytes` of varied bytes, so that a shifted or repeated
+// chunk shows; false when it could not be written.
+bool WriteSource(const std::string& path, std::size_t mebibytes);
+
 // Percentiles of a set of samples (nearest rank). `p` in [0, 100]; samples
 // need not be sorted; empty samples give 0.
 double Percentile(std::vector<double> samples, double p);

@@ -93,17 +93,7 @@ bool RunFileCopy(const cBenchOptions& options, cBenchTable& table) {
   const std::filesystem::path& folder = scratch.Path();
 
   const std::string source = (folder / "source").string();
-  {
-    std::ofstream out(source, std::ios::binary);
-    std::vector<char> block(1 << 20);
-    unsigned x = 12345;
-    for (auto& b : block) b = static_cast<char>((x = x * 1103515245u + 12345u) >> 16);
-    for (std::size_t i = 0; i < mebibytes; ++i) {
-      block[0] = static_cast<char>(i);
-      out.write(block.data(), static_cast<std::streamsize>(block.size()));
-    }
-    if (!out) return Fail("cannot write the source file");
-  }
+  if (!WriteSource(source, mebibytes)) return Fail("cannot write the source file");
 
   cBenchService sender(options.serviceProgram, options.serviceLogLevel);
   cBenchService receiver(options.serviceProgram, options.serviceLogLevel);

@@ -63,20 +63,6 @@ class cCounter : public cVantrelClientObject {
   std::uint64_t count_ = 0;
 };
 
-// A file of `mebibytes` of varied bytes, so that a shifted or repeated chunk shows.
-bool WriteSource(const std::string& path, std::size_t mebibytes) {
-  std::ofstream out(path, std::ios::binary);
-  std::vector<char> block(1 << 20);
-  unsigned x = 4711;
-  for (auto& b : block) b = static_cast<char>((x = x * 1103515245u + 12345u) >> 16);
-  for (std::size_t i = 0; i < mebibytes; ++i) {
-    block[0] = static_cast<char>(i);
-    block[block.size() / 2] = static_cast<char>(i >> 8);
-    out.write(block.data(), static_cast<std::streamsize>(block.size()));
-  }
-  return static_cast<bool>(out);
-}
-
 bool SameContent(const std::string& a, const std::string& b) {
   std::ifstream left(a, std::ios::binary);
   std::ifstream right(b, std::ios::binary);
