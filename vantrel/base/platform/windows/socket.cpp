@@ -137,6 +137,21 @@ cEndpoint gFormatAddress(const cSocketAddress& address) {
 cEndpoint gLocalEndpoint(tSocket socket) { return NamedEndpoint(socket, &::getsockname); }
 cEndpoint gPeerEndpoint(tSocket socket) { return NamedEndpoint(socket, &::getpeername); }
 
+namespace {
+// A new socket of this process: not inherited by children, non-blocking.
+tSocket Adopted(SOCKET s, cSocketResult& result) {
+  NotInherited(s);
+  u_long on = 1;
+  if (::ioctlsocket(s, FIONBIO, &on) != 0) {
+    result = LastError();
+    ::closesocket(s);
+    return kNoSocket;
+  }
+  result = {};
+  return static_cast<tSocket>(s);
+}
+}  // namespace
+
 // ---- life of a socket -----------------------------------------------------------
 
 tSocket gOpenStreamSocket(tAddressFamily family, cSocketResult& result) {
@@ -147,15 +162,7 @@ tSocket gOpenStreamSocket(tAddressFamily family, cSocketResult& result) {
     result = LastError();
     return kNoSocket;
   }
-  NotInherited(s);
-  u_long on = 1;
-  if (::ioctlsocket(s, FIONBIO, &on) != 0) {
-    result = LastError();
-    ::closesocket(s);
-    return kNoSocket;
-  }
-  result = {};
-  return static_cast<tSocket>(s);
+  return Adopted(s, result);
 }
 
 void gCloseSocket(tSocket socket) {
@@ -231,15 +238,7 @@ tSocket gAccept(tSocket listener, cSocketResult& result) {
     }
     return kNoSocket;
   }
-  NotInherited(s);
-  u_long on = 1;
-  if (::ioctlsocket(s, FIONBIO, &on) != 0) {
-    result = LastError();
-    ::closesocket(s);
-    return kNoSocket;
-  }
-  result = {};
-  return static_cast<tSocket>(s);
+  return Adopted(s, result);
 }
 
 cSocketResult gStartConnect(tSocket socket, const cSocketAddress& address) {
