@@ -92,8 +92,36 @@ class FileTransferHandlerTest : public ::testing::Test {
   CFileTransferHandler handler{&link};
 };
 
+TEST(CopyInFlight, WindowGrowsOnlyWhileRoundTripsShowNoQueue) {
+  // Round trips of the acknowledged chunks in order; the window after them,
+  // from five, with a limit of eight and 1 ms of noise.
+  const struct {
+    const char* what;
+    std::vector<cCopyInFlight::tDuration> roundTrips;
+    int window;
+  } cases[] = {
+      {"a steady long link grows by one per chunk up to the limit", {100ms, 100ms, 100ms, 100ms}, 8},
+      {"noise below 1 ms on a short link still grows", {50us, 900us, 1ms}, 8},
+      {"a queue on a short link stops the growth", {50us, 3ms, 3ms}, 6},
+      {"a queue on a long link stops it; a drained one resumes it", {100ms, 150ms, 250ms, 300ms, 110ms}, 8},
+      {"the shortest round trip is kept, not the last", {100ms, 90ms, 190ms, 185ms}, 7},
+      {"a round trip the sender could not time shows nothing", {cCopyInFlight::tDuration::max()}, 5},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    cCopyInFlight flight;
+    flight.Begin(8, 1ms);
+    flight.Open();
+    flight.inFlight = static_cast<int>(c.roundTrips.size());
+    for (const auto roundTrip : c.roundTrips) EXPECT_TRUE(flight.Acknowledge(true, roundTrip));
+    EXPECT_EQ(flight.window, c.window);
+  }
+}
+
 TEST(FileTransferHandlerSend, WindowStartsAtFiveAndGrowsByOneChunkPerAcknowledgement) {
-  // Limits of five chunks (older peers' fixed window) and of eight.
+  // Limits of five chunks (older peers' fixed window) and of eight. Round
+  // trips here are whatever the scheduler makes them, so any counts as
+  // showing no queue; the rule for that has its own test above.
   TempDir dir;
   const std::string content = Pattern(kFileChunkSize * 12 + 10);
   const std::string source = dir.write("src", content);
@@ -101,7 +129,7 @@ TEST(FileTransferHandlerSend, WindowStartsAtFiveAndGrowsByOneChunkPerAcknowledge
     SCOPED_TRACE(limit);
     LogCapture log;
     ScriptedLink link;
-    CFileTransferHandler handler(&link, {std::uint64_t{kFileChunkSize} * limit + 1});
+    CFileTransferHandler handler(&link, {std::uint64_t{kFileChunkSize} * limit + 1, 60s, std::chrono::hours(1)});
     auto sent = std::async(std::launch::async, [&] { return handler.SendFile(source, "/remote", Request()); });
     // The request, which announces the size, goes alone until it is accepted.
     EXPECT_EQ(link.at(0), Posted(kFileRequest, cAnnouncedCopy::Build("/remote", content.size())));

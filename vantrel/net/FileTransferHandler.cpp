@@ -63,6 +63,12 @@ void CFileTransferHandler::post(const cVantrelMessage& request, bool back, const
 void CFileTransferHandler::reserve() {
   std::lock_guard<std::mutex> lock(mutex_);
   ++flight_.inFlight;
+  sentAt_.push_back(std::chrono::steady_clock::now());
+}
+
+void CFileTransferHandler::clearFlight() {
+  flight_.inFlight = 0;
+  sentAt_.clear();
 }
 
 template <class Done>
@@ -101,7 +107,7 @@ bool CFileTransferHandler::awaitSendingEnded() {
 void CFileTransferHandler::finish(int state) {
   std::lock_guard<std::mutex> lock(mutex_);
   sending_ = false;
-  flight_.inFlight = 0;
+  clearFlight();
   // A report of success before the destination was accepted comes from a peer
   // that reads one digit: it could not open the destination.
   finalState_ = state == kCopied && !accepted_ ? kOpenFailed : state;
@@ -112,7 +118,7 @@ void CFileTransferHandler::abandon(const cVantrelMessage& request, const std::st
   {
     std::lock_guard<std::mutex> lock(mutex_);
     sending_ = false;
-    flight_.inFlight = 0;
+    clearFlight();
     finalState_ = kStopped;
     cond_.notify_all();
   }
@@ -143,7 +149,8 @@ std::unique_ptr<cFileTransferResult> CFileTransferHandler::SendFile(const std::s
     }
     sending_ = true;
     accepted_ = false;
-    flight_.Begin(limits_.WindowChunks());
+    flight_.Begin(limits_.WindowChunks(), limits_.roundTripNoise);
+    sentAt_.clear();
     lastHeard_ = std::chrono::steady_clock::now();
   }
   cCopySource source;
@@ -440,9 +447,12 @@ void CFileTransferHandler::acknowledge(bool grow) {
   int window = 0;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    lastHeard_ = std::chrono::steady_clock::now();
+    const auto now = std::chrono::steady_clock::now();
+    lastHeard_ = now;
+    const auto roundTrip = sentAt_.empty() ? cCopyInFlight::tDuration::max() : now - sentAt_.front();
+    if (!sentAt_.empty()) sentAt_.pop_front();
     // An acknowledgement of nothing must not let more than the window go.
-    if (!flight_.Acknowledge(grow) && !flight_.surplusReported) {
+    if (!flight_.Acknowledge(grow, roundTrip) && !flight_.surplusReported) {
       flight_.surplusReported = true;
       surplus = true;
     }
@@ -463,7 +473,7 @@ void CFileTransferHandler::Stop() {
   std::lock_guard<std::mutex> lock(mutex_);
   stopRequested_ = true;
   sending_ = false;
-  flight_.inFlight = 0;
+  clearFlight();
   finalState_ = kStopped;
   receiving_ = false;
   chunks_.TerminateZ72();

@@ -35,6 +35,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -63,9 +64,15 @@ struct cCopyFlowLimits {
   std::uint64_t windowBytes = nVantrelIni::kDefaultFileCopyWindowBytes;
   // A copy whose peer says nothing for this long fails.
   std::chrono::milliseconds ackTimeout{std::chrono::seconds(nVantrelIni::kDefaultAnswerTimeoutSeconds)};
+  // How much longer than twice the shortest round trip a chunk's may take
+  // before the window stops growing: scheduling noise, not a queue.
+  std::chrono::steady_clock::duration roundTripNoise = std::chrono::milliseconds(1);
 
   static cCopyFlowLimits From(std::uint64_t windowBytes, long answerTimeoutSeconds) {
-    return {windowBytes, std::chrono::seconds(answerTimeoutSeconds)};
+    cCopyFlowLimits limits;
+    limits.windowBytes = windowBytes;
+    limits.ackTimeout = std::chrono::seconds(answerTimeoutSeconds);
+    return limits;
   }
   // The window in whole chunks, at least one.
   int WindowChunks() const;
@@ -74,29 +81,46 @@ struct cCopyFlowLimits {
 // The copy a handler is sending, as far as the peer has confirmed it. One
 // value under the handler's monitor; what is known of a copy in flight is kept
 // here, so that whoever reports on copies reads one snapshot.
+//
+// The window grows as TCP's does in slow start, one chunk per acknowledged
+// chunk, but only while the link shows no queue: once a chunk's round trip is
+// more than twice the shortest one seen (plus a little for scheduling noise),
+// more in flight would only wait longer on the way, so the window stays. A
+// short link therefore keeps a few chunks out and a long one fills.
 struct cCopyInFlight {
+  using tDuration = std::chrono::steady_clock::duration;
   static constexpr int kInitialChunks = 5;
+
   int limit = kInitialChunks;   // the window may grow to this many messages
   int window = kInitialChunks;  // messages that may be unacknowledged now
   int inFlight = 0;             // messages sent and not yet acknowledged
+  tDuration shortestRoundTrip = tDuration::max();
+  tDuration roundTripNoise = tDuration::zero();
   bool surplusReported = false;
 
   // A new copy: only its request may be unacknowledged until it is accepted.
-  void Begin(int limitChunks) {
+  void Begin(int limitChunks, tDuration noise) {
     limit = limitChunks;
+    roundTripNoise = noise;
     window = 1;
     inFlight = 0;
+    shortestRoundTrip = tDuration::max();
     surplusReported = false;
   }
   // The request was accepted: chunks may go, starting from the initial window.
   void Open() { window = std::min(kInitialChunks, limit); }
   bool Room() const { return inFlight < window; }
-  // One acknowledgement; with `grow` it also widens the window by one. False
-  // when nothing was unacknowledged: a surplus that changes nothing.
-  bool Acknowledge(bool grow) {
+  // One acknowledgement of a message that took `roundTrip` there and back;
+  // with `grow` it may widen the window by one. False when nothing was
+  // unacknowledged: a surplus that changes nothing.
+  bool Acknowledge(bool grow, tDuration roundTrip) {
     if (inFlight == 0) return false;
     --inFlight;
-    if (grow && window < limit) ++window;
+    shortestRoundTrip = std::min(shortestRoundTrip, roundTrip);
+    // An unknown round trip (the maximum) shows nothing about queues.
+    const bool queued =
+        roundTrip == tDuration::max() || roundTrip - shortestRoundTrip > shortestRoundTrip + roundTripNoise;
+    if (grow && window < limit && !queued) ++window;
     return true;
   }
 };
@@ -189,6 +213,8 @@ class CFileTransferHandler {
   template <class Done>
   bool awaitPeer(std::unique_lock<std::mutex>& lock, Done done);
   void acknowledge(bool grow);
+  // Forgets what is in flight (under the monitor).
+  void clearFlight();
   void finish(int state);
   // The peer has stopped answering: ends the send as failed and tells the
   // peer to drop what it has.
@@ -200,6 +226,9 @@ class CFileTransferHandler {
   mutable std::mutex mutex_;
   std::condition_variable cond_;
   cCopyInFlight flight_;
+  // When each message in flight went out, oldest first: the peer answers in
+  // order, so the front is the one an acknowledgement is for.
+  std::deque<std::chrono::steady_clock::time_point> sentAt_;
   // When the peer last answered the copy being sent.
   std::chrono::steady_clock::time_point lastHeard_;
   bool sending_ = false;

@@ -8,6 +8,9 @@
 
 namespace vantrel::platform {
 
+// The Windows heap keeps freed blocks for reuse on its own; there is nothing to set.
+bool gKeepFreedMemory(std::size_t) { return false; }
+
 bool gReturnFreeMemory() {
   // The C runtime's heap first, then every heap of the process: compacting
   // releases their free pages to the system.
