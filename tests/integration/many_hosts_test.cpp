@@ -30,6 +30,7 @@ TEST(ManyHosts, MessagesForTwoHundredPeersTakeTheLinksTheyOpened) {
   ASSERT_TRUE(service.launch()) << service.log();
   ASSERT_TRUE(alice.NETInitZ641("alice", service.clientsPort()));
   const std::string own = std::to_string(service.netPort());
+  const long threadsBefore = service.threads();
   constexpr int kPeers = 200, kRounds = 3;
   std::vector<std::unique_ptr<RawLink>> peers;
   std::vector<std::string> addresses;
@@ -50,6 +51,9 @@ TEST(ManyHosts, MessagesForTwoHundredPeersTakeTheLinksTheyOpened) {
   for (int i = 0; i < kPeers; ++i)
     for (int round = 0; round < kRounds; ++round)
       ExpectMessage(*peers[i], std::to_string(i) + "/" + std::to_string(round));
+  // A link that copies nothing runs its reader and writer only: file threads start with a copy.
+  EXPECT_TRUE(WaitUntil([&] { return service.threads() == threadsBefore + 2 * kPeers; }))
+      << service.threads() << " threads, " << threadsBefore << " before the links";
   EXPECT_EQ(service.logCount("Creating new CVantrelHostConnection"), 0u) << service.log();
   EXPECT_EQ(service.stop(), 0);
 }

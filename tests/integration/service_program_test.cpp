@@ -227,11 +227,6 @@ TEST(ServiceProgramTest, SighupReopensTheLogFileMovedAwayForRotation) {
   EXPECT_TRUE(service.waitLog("log file reopened"));  // in a new file at the old path
 }
 
-long ThreadsOf(RQPProcessId pid) {
-  const auto tasks = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task");
-  return std::distance(begin(tasks), end(tasks));
-}
-
 TEST(ServiceProgramTest, IdleConnectionsOnTheNetPortHoldNoThreadsAndShutNobodyOut) {
   constexpr int kIdle = 1000;
   constexpr int kMaxPending = 64;
@@ -243,7 +238,7 @@ TEST(ServiceProgramTest, IdleConnectionsOnTheNetPortHoldNoThreadsAndShutNobodyOu
   ServiceProcess flooded("MaxPendingConnections = " + std::to_string(kMaxPending)), peer;
   ASSERT_TRUE(flooded.launch()) << flooded.log();
   ASSERT_TRUE(peer.launch()) << peer.log();
-  const long threadsAtStart = ThreadsOf(flooded.pid());
+  const long threadsAtStart = flooded.threads();
 
   std::vector<int> idle;
   sockaddr_in address{AF_INET, htons(flooded.netPort()), {htonl(INADDR_LOOPBACK)}, {}};
@@ -260,8 +255,8 @@ TEST(ServiceProgramTest, IdleConnectionsOnTheNetPortHoldNoThreadsAndShutNobodyOu
   EXPECT_TRUE(WaitUntil([&] { return closedByService() >= kIdle - kMaxPending; }, std::chrono::seconds(30)));
   // The reaper joins the readers of closed connections soon after they end.
   EXPECT_TRUE(
-      WaitUntil([&] { return ThreadsOf(flooded.pid()) <= threadsAtStart + kMaxPending + 4; }, std::chrono::seconds(10)))
-      << ThreadsOf(flooded.pid()) << " threads";
+      WaitUntil([&] { return flooded.threads() <= threadsAtStart + kMaxPending + 4; }, std::chrono::seconds(10)))
+      << flooded.threads() << " threads";
 
   // A local client registers, and a peer's new link gets in while the idle
   // connections still wait; acknowledged sends cross it both ways.

@@ -72,6 +72,15 @@ long ServiceProcess::rssKiB() const {
   return at == std::string::npos ? 0 : std::strtol(status.c_str() + at + 6, nullptr, 10);
 }
 
+long ServiceProcess::threads() const {
+  std::error_code error;
+  long count = 0;
+  for (auto it = std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/task", error);
+       !error && it != std::filesystem::directory_iterator(); it.increment(error))
+    ++count;
+  return count;
+}
+
 std::string ServiceProcess::log() const { return ReadFile(logFile()) + ReadFile(dir_.file("output.txt")); }
 
 std::size_t ServiceProcess::logCount(const std::string& text) const {
