@@ -52,8 +52,7 @@ TEST(ManyHosts, MessagesForTwoHundredPeersTakeTheLinksTheyOpened) {
     for (int round = 0; round < kRounds; ++round)
       ExpectMessage(*peers[i], std::to_string(i) + "/" + std::to_string(round));
   // A link that copies nothing runs its reader and writer only: file threads start with a copy.
-  EXPECT_TRUE(WaitUntil([&] { return service.threads() == threadsBefore + 2 * kPeers; }))
-      << service.threads() << " threads, " << threadsBefore << " before the links";
+  EXPECT_TRUE(WaitUntil([&] { return service.threads() == threadsBefore + 2 * kPeers; })) << service.threads();
   EXPECT_EQ(service.logCount("Creating new CVantrelHostConnection"), 0u) << service.log();
   EXPECT_EQ(service.stop(), 0);
 }
@@ -74,8 +73,7 @@ TEST(ManyHosts, SimultaneousOpensSettleOnOneLinkWithNothingLostOrReordered) {
     return sent;
   };
   auto fromBob = std::async(std::launch::async, stream, std::ref(bob), "alice@" + a.hostText());
-  ASSERT_TRUE(stream(alice, "bob@" + b.hostText()));
-  ASSERT_TRUE(fromBob.get());
+  ASSERT_TRUE(stream(alice, "bob@" + b.hostText()) && fromBob.get());
   for (TestClient* receiver : {&bob, &alice})
     for (int i = 0; i < kMessages; ++i) ASSERT_EQ(receiver->next().value().getMessageId(), i + 1u);
   // Both saw two links and settled; exactly one side closed the one it opened.

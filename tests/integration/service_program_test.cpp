@@ -228,16 +228,14 @@ TEST(ServiceProgramTest, SighupReopensTheLogFileMovedAwayForRotation) {
 }
 
 TEST(ServiceProgramTest, IdleConnectionsOnTheNetPortHoldNoThreadsAndShutNobodyOut) {
-  constexpr int kIdle = 1000;
-  constexpr int kMaxPending = 64;
+  constexpr int kIdle = 1000, kMaxPending = 64;
   rlimit limit{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
   if (limit.rlim_max < kIdle + 200) GTEST_SKIP() << "needs " << kIdle + 200 << " descriptors";
   limit.rlim_cur = limit.rlim_max;
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
   ServiceProcess flooded("MaxPendingConnections = " + std::to_string(kMaxPending)), peer;
-  ASSERT_TRUE(flooded.launch()) << flooded.log();
-  ASSERT_TRUE(peer.launch()) << peer.log();
+  ASSERT_TRUE(flooded.launch() && peer.launch()) << flooded.log() << peer.log();
   const long threadsAtStart = flooded.threads();
 
   std::vector<int> idle;
@@ -261,8 +259,7 @@ TEST(ServiceProgramTest, IdleConnectionsOnTheNetPortHoldNoThreadsAndShutNobodyOu
   // A local client registers, and a peer's new link gets in while the idle
   // connections still wait; acknowledged sends cross it both ways.
   TestClient alice, bob;
-  ASSERT_TRUE(alice.NETInitZ641("alice", flooded.clientsPort()));
-  ASSERT_TRUE(bob.NETInitZ641("bob", peer.clientsPort()));
+  ASSERT_TRUE(alice.NETInitZ641("alice", flooded.clientsPort()) && bob.NETInitZ641("bob", peer.clientsPort()));
   EXPECT_TRUE(bob.NETSendMessageZ1("in", 3, alice.NETWhoAmI())) << flooded.log();
   EXPECT_TRUE(alice.NETSendMessageZ1("out", 4, ("bob@" + peer.hostText()).c_str())) << peer.log();
   EXPECT_EQ(alice.nextText(), "2 in");

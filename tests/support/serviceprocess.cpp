@@ -74,11 +74,8 @@ long ServiceProcess::rssKiB() const {
 
 long ServiceProcess::threads() const {
   std::error_code error;
-  long count = 0;
-  for (auto it = std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/task", error);
-       !error && it != std::filesystem::directory_iterator(); it.increment(error))
-    ++count;
-  return count;
+  const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(pid_) + "/task", error);
+  return error ? 0 : std::distance(begin(tasks), end(tasks));
 }
 
 std::string ServiceProcess::log() const { return ReadFile(logFile()) + ReadFile(dir_.file("output.txt")); }
