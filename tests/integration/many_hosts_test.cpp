@@ -27,8 +27,7 @@ void ExpectMessage(RawLink& peer, const std::string& text) {
 TEST(ManyHosts, MessagesForTwoHundredPeersTakeTheLinksTheyOpened) {
   ServiceProcess service;
   TestClient alice;
-  ASSERT_TRUE(service.launch()) << service.log();
-  ASSERT_TRUE(alice.NETInitZ641("alice", service.clientsPort()));
+  ASSERT_TRUE(service.launch() && alice.NETInitZ641("alice", service.clientsPort())) << service.log();
   const std::string own = std::to_string(service.netPort());
   const long threadsBefore = service.threads();
   constexpr int kPeers = 200, kRounds = 3;
@@ -99,8 +98,7 @@ TEST(ManyHosts, AtTheDescriptorLimitNewConnectionsAreRefusedAndOldOnesWork) {
   service.setLauncher({"/usr/bin/prlimit", "--nofile=64:64", "--"});
   TestClient alice;
   RawLink kept;
-  ASSERT_TRUE(service.launch()) << service.log();
-  ASSERT_TRUE(alice.NETInitZ641("alice", service.clientsPort()));
+  ASSERT_TRUE(service.launch() && alice.NETInitZ641("alice", service.clientsPort())) << service.log();
   ASSERT_TRUE(kept.connectPeer(service.netPort(), "kept", wire::kVersionMarker));
   std::vector<std::unique_ptr<RawLink>> filling;
   while (service.logCount("out of descriptors") == 0 && filling.size() < 64) {
