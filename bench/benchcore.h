@@ -35,6 +35,10 @@ struct cBenchOptions {
   // The long-link scenario's large copy, whose receiving service's memory is
   // watched, in MiB.
   std::size_t largeCopyMiB = 1024;
+  // The many-hosts scenario's peer counts; empty: its own list.
+  std::vector<int> peerCounts;
+  // The crowd scenario's clients held at once, whose cost per client it reports.
+  int crowdHeld = 1000;
 };
 
 // One line of the result table. `higherIsBetter` says how to read the ratio.

@@ -71,6 +71,11 @@ int main(int argc, char** argv) {
   app.add_option("--setting", settings, "a 'Key = value' line for every started service (repeatable)");
   app.add_option("--large-copy-mib", options.largeCopyMiB, "size of longlink's large copy (its memory is watched)")
       ->capture_default_str();
+  app.add_option("--peers", options.peerCounts, "manyhosts: peer counts to run (default 16 64 256 1000)")
+      ->check(CLI::PositiveNumber);
+  app.add_option("--crowd-held", options.crowdHeld, "crowd: clients registered at once for the cost per client")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
   app.add_flag("--list", list, "list the scenarios and exit");
   CLI11_PARSE(app, argc, argv);
 

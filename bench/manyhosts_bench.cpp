@@ -131,7 +131,9 @@ bool RunCase(const cBenchOptions& options, cBenchTable& table, int peers) {
 bool RunManyHosts(const cBenchOptions& options, cBenchTable& table) {
   // This process holds every peer's socket.
   vantrel::platform::gRaiseDescriptorLimit();
-  for (const int peers : options.quick ? std::vector<int>{16, 64} : std::vector<int>{16, 64, 256, 1000})
+  std::vector<int> counts = options.peerCounts;
+  if (counts.empty()) counts = options.quick ? std::vector<int>{16, 64} : std::vector<int>{16, 64, 256, 1000};
+  for (const int peers : counts)
     if (!RunCase(options, table, peers)) return false;
   return true;
 }

@@ -27,9 +27,9 @@ void ExpectMessage(RawLink& peer, const std::string& text) {
 TEST(ManyHosts, MessagesForTwoHundredPeersTakeTheLinksTheyOpened) {
   ServiceProcess service;
   TestClient alice;
-  ASSERT_TRUE(service.launch()) << service.log();
-  ASSERT_TRUE(alice.NETInitZ641("alice", service.clientsPort()));
+  ASSERT_TRUE(service.launch() && alice.NETInitZ641("alice", service.clientsPort())) << service.log();
   const std::string own = std::to_string(service.netPort());
+  const long threadsBefore = service.threads();
   constexpr int kPeers = 200, kRounds = 3;
   std::vector<std::unique_ptr<RawLink>> peers;
   std::vector<std::string> addresses;
@@ -50,6 +50,8 @@ TEST(ManyHosts, MessagesForTwoHundredPeersTakeTheLinksTheyOpened) {
   for (int i = 0; i < kPeers; ++i)
     for (int round = 0; round < kRounds; ++round)
       ExpectMessage(*peers[i], std::to_string(i) + "/" + std::to_string(round));
+  // A link that copies nothing runs its reader and writer only: file threads start with a copy.
+  EXPECT_TRUE(WaitUntil([&] { return service.threads() == threadsBefore + 2 * kPeers; })) << service.threads();
   EXPECT_EQ(service.logCount("Creating new CVantrelHostConnection"), 0u) << service.log();
   EXPECT_EQ(service.stop(), 0);
 }
@@ -70,8 +72,7 @@ TEST(ManyHosts, SimultaneousOpensSettleOnOneLinkWithNothingLostOrReordered) {
     return sent;
   };
   auto fromBob = std::async(std::launch::async, stream, std::ref(bob), "alice@" + a.hostText());
-  ASSERT_TRUE(stream(alice, "bob@" + b.hostText()));
-  ASSERT_TRUE(fromBob.get());
+  ASSERT_TRUE(stream(alice, "bob@" + b.hostText()) && fromBob.get());
   for (TestClient* receiver : {&bob, &alice})
     for (int i = 0; i < kMessages; ++i) ASSERT_EQ(receiver->next().value().getMessageId(), i + 1u);
   // Both saw two links and settled; exactly one side closed the one it opened.
@@ -97,8 +98,7 @@ TEST(ManyHosts, AtTheDescriptorLimitNewConnectionsAreRefusedAndOldOnesWork) {
   service.setLauncher({"/usr/bin/prlimit", "--nofile=64:64", "--"});
   TestClient alice;
   RawLink kept;
-  ASSERT_TRUE(service.launch()) << service.log();
-  ASSERT_TRUE(alice.NETInitZ641("alice", service.clientsPort()));
+  ASSERT_TRUE(service.launch() && alice.NETInitZ641("alice", service.clientsPort())) << service.log();
   ASSERT_TRUE(kept.connectPeer(service.netPort(), "kept", wire::kVersionMarker));
   std::vector<std::unique_ptr<RawLink>> filling;
   while (service.logCount("out of descriptors") == 0 && filling.size() < 64) {

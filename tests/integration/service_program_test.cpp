@@ -227,23 +227,16 @@ TEST(ServiceProgramTest, SighupReopensTheLogFileMovedAwayForRotation) {
   EXPECT_TRUE(service.waitLog("log file reopened"));  // in a new file at the old path
 }
 
-long ThreadsOf(RQPProcessId pid) {
-  const auto tasks = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task");
-  return std::distance(begin(tasks), end(tasks));
-}
-
 TEST(ServiceProgramTest, IdleConnectionsOnTheNetPortHoldNoThreadsAndShutNobodyOut) {
-  constexpr int kIdle = 1000;
-  constexpr int kMaxPending = 64;
+  constexpr int kIdle = 1000, kMaxPending = 64;
   rlimit limit{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
   if (limit.rlim_max < kIdle + 200) GTEST_SKIP() << "needs " << kIdle + 200 << " descriptors";
   limit.rlim_cur = limit.rlim_max;
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
   ServiceProcess flooded("MaxPendingConnections = " + std::to_string(kMaxPending)), peer;
-  ASSERT_TRUE(flooded.launch()) << flooded.log();
-  ASSERT_TRUE(peer.launch()) << peer.log();
-  const long threadsAtStart = ThreadsOf(flooded.pid());
+  ASSERT_TRUE(flooded.launch() && peer.launch()) << flooded.log() << peer.log();
+  const long threadsAtStart = flooded.threads();
 
   std::vector<int> idle;
   sockaddr_in address{AF_INET, htons(flooded.netPort()), {htonl(INADDR_LOOPBACK)}, {}};
@@ -260,14 +253,13 @@ TEST(ServiceProgramTest, IdleConnectionsOnTheNetPortHoldNoThreadsAndShutNobodyOu
   EXPECT_TRUE(WaitUntil([&] { return closedByService() >= kIdle - kMaxPending; }, std::chrono::seconds(30)));
   // The reaper joins the readers of closed connections soon after they end.
   EXPECT_TRUE(
-      WaitUntil([&] { return ThreadsOf(flooded.pid()) <= threadsAtStart + kMaxPending + 4; }, std::chrono::seconds(10)))
-      << ThreadsOf(flooded.pid()) << " threads";
+      WaitUntil([&] { return flooded.threads() <= threadsAtStart + kMaxPending + 4; }, std::chrono::seconds(10)))
+      << flooded.threads() << " threads";
 
   // A local client registers, and a peer's new link gets in while the idle
   // connections still wait; acknowledged sends cross it both ways.
   TestClient alice, bob;
-  ASSERT_TRUE(alice.NETInitZ641("alice", flooded.clientsPort()));
-  ASSERT_TRUE(bob.NETInitZ641("bob", peer.clientsPort()));
+  ASSERT_TRUE(alice.NETInitZ641("alice", flooded.clientsPort()) && bob.NETInitZ641("bob", peer.clientsPort()));
   EXPECT_TRUE(bob.NETSendMessageZ1("in", 3, alice.NETWhoAmI())) << flooded.log();
   EXPECT_TRUE(alice.NETSendMessageZ1("out", 4, ("bob@" + peer.hostText()).c_str())) << peer.log();
   EXPECT_EQ(alice.nextText(), "2 in");

@@ -78,6 +78,8 @@ class ServiceProcess {
   unsigned short clientsPort() const { return clientsPort_; }
   // Resident memory of the running program in KiB (0 when it cannot be read).
   long rssKiB() const;
+  // Threads of the running program (0 when they cannot be counted).
+  long threads() const;
   unsigned short netPort() const { return netPort_; }
   // This service's host text as clients and peers use it ("name~port").
   std::string hostText() const;

@@ -72,6 +72,12 @@ long ServiceProcess::rssKiB() const {
   return at == std::string::npos ? 0 : std::strtol(status.c_str() + at + 6, nullptr, 10);
 }
 
+long ServiceProcess::threads() const {
+  std::error_code error;
+  const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(pid_) + "/task", error);
+  return error ? 0 : std::distance(begin(tasks), end(tasks));
+}
+
 std::string ServiceProcess::log() const { return ReadFile(logFile()) + ReadFile(dir_.file("output.txt")); }
 
 std::size_t ServiceProcess::logCount(const std::string& text) const {

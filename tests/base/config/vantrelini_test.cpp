@@ -119,7 +119,7 @@ TEST(VantrelIni, MissingAndUnparsableValuesAreReportedOnceAndTakeTheShippedValue
   EXPECT_EQ(b.ini->CertificatesPath(), "");  // written empty on purpose
   EXPECT_EQ(b.ini->TimeoutKillWorkerProcess(), cDiff::FromMilliseconds(300000));
   EXPECT_FALSE(b.ini->UseOpenSsl());
-  EXPECT_EQ(b.ini->CommunicationThreadAttributes().StackSize(), 500000u);
+  EXPECT_EQ(b.ini->CommunicationThreadAttributes().StackSize(), 524288u);
   EXPECT_EQ(b.ini->MaxMessageSize(), 4194304u);
   for (const char* key : {"SocketCommunicationTimeout", "NetIsActiveImplemented_debug", "CertificatesPath",
                           "TimeoutKillWorkerProcess", "UseOpenSsl", "CommunicationThreadStackSize", "MaxMessageSize"})

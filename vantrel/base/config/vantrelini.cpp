@@ -150,7 +150,9 @@ void cVantrelIni::Read() {
   timeoutKillWorkerProcess_ = ms(gReadIntWithDefault(t, "TimeoutKillWorkerProcess", 300000));
   cycleLatencyThresholdLimit_ = ms(gReadIntWithDefault(t, "CycleLatencyThresholdLimit_debug", 720000));
 
-  const int stackSize = gReadIntWithDefault(t, "CommunicationThreadStackSize", 500000);
+  // A whole number of pages: a size that is not one leaves the top of every
+  // stack straddling one page more, 4 KiB resident per thread for nothing.
+  const int stackSize = gReadIntWithDefault(t, "CommunicationThreadStackSize", 524288);
   if (stackSize >= 1)
     communicationThreadAttributes_.SetStackSize(static_cast<std::size_t>(stackSize));
   else
