@@ -59,27 +59,31 @@ void cFrameWriter::TakeTurn() {
 bool cFrameWriter::ReleaseTurn(bool ok) {
   for (;;) {
     std::size_t dropped = 0;
+    bool released = false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      if (ok && !pending_.empty()) {
+      if (pending_.empty()) {
+        Trim(pending_, kKeptBufferBytes);
+        writing_ = false;
+        released = true;
+      } else if (ok) {
         spare_.swap(pending_);
       } else {
         dropped = pending_.size();
-        Trim(pending_, kKeptBufferBytes);
-        writing_ = false;
+        pending_.clear();
       }
     }
-    if (spare_.empty()) {
-      // The turn is free: the next sender in line takes it.
+    if (released) {
+      // spare_ is the next holder's from here on. The next sender in line takes the turn.
       turnFree_.notify_one();
-      if (dropped > 0) {
-        // Those frames were promised to their senders: the connection must be
-        // seen to end rather than lose them quietly.
-        VLOG_WARN("StreamSocket::SendTypedMessageZ2(%s) - %zu bytes of posted frames not sent; closing", name_,
-                  dropped);
-        sink_.Abandon();
-      }
       return ok;
+    }
+    if (dropped > 0) {
+      // Those frames were promised to their senders: the connection ends, still
+      // within the turn, so that no later frame goes out after the lost ones.
+      VLOG_WARN("StreamSocket::SendTypedMessageZ2(%s) - %zu bytes of posted frames not sent; closing", name_, dropped);
+      sink_.Abandon();
+      continue;
     }
     platform::cSendBuffer part{spare_.data(), spare_.size()};
     ok = Write(&part, 1);
