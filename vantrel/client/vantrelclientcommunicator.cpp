@@ -53,7 +53,9 @@ bool CVantrelClientCommunicatorZ1::Start() {
 
 bool CVantrelClientCommunicatorZ1::sendMessage(const char* data, unsigned length, short type, short subtype) {
   if (Terminated()) return false;
-  if (socket_.SendTypedMessageZ2(type, subtype, data, length)) return true;
+  // Application threads that send at once share writes: a frame sent while
+  // another thread's write is under way goes out with that thread's next one.
+  if (socket_.PostTypedMessage(type, subtype, data, length)) return true;
   VLOG_WARN("CVantrelClientCommunicatorZ1::sendMessage - Error sending message to socket, client (%s)",
             owner_->ClientName());
   return false;

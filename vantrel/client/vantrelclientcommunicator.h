@@ -5,8 +5,9 @@
 // It connects to the service's client port, sends the owner's greeting block,
 // and runs the reader thread "VTClntRdr", which turns every frame from the
 // service into a cTypedMessageObject and hands it to the owner. Application
-// threads send frames through sendMessage; the socket keeps each frame whole,
-// so no lock of ours is taken on the send path.
+// threads send frames through sendMessage; the socket keeps each frame whole
+// and lets a small frame sent during another thread's write ride along with
+// that thread's next write, so no lock of ours is taken on the send path.
 //
 // Ownership: owned by exactly one cVantrelClientObjectImp (its owner), which it
 // never owns. Owns its socket, its reader thread and its lock.
@@ -69,7 +70,9 @@ class CVantrelClientCommunicatorZ1 : public RWCollectable {
   // already been terminated. May throw on local faults (no thread can be made).
   bool Start();
 
-  // Sends one frame. False once terminated or when the socket refuses it.
+  // Sends one frame, or hands it to a write under way on another thread (see
+  // StreamSocket::PostTypedMessage). False once terminated or when the socket
+  // refuses it.
   bool sendMessage(const char* data, unsigned length, short type, short subtype);
 
   // Closes the connection (the first call tells the owner) and, with `wait`,

@@ -236,8 +236,8 @@ bool cVantrelClientObjectImp::NETSendMessage(const char* data, unsigned length, 
 bool cVantrelClientObjectImp::sendMessage(const char* data, unsigned length, const std::string& toClient,
                                           const std::string& toHost, QType qtype, long timeout) {
   const short type = IsLocalHost(toHost) ? wire::kLocalSend : wire::kSend;
-  const std::string fromHost = GreetingHostName();
-  const std::string fromClient = GreetingClientName();
+  const std::string& fromHost = localHostName_;
+  const std::string& fromClient = GreetingClientName();
   const cVantrelMessage record(0, toHost.c_str(), toClient.c_str(), fromHost.c_str(), fromClient.c_str(), qtype, type,
                                0, data, length);
 
@@ -281,8 +281,8 @@ bool cVantrelClientObjectImp::NETSendMessageNoresponseZ1(const char* data, unsig
   const CVantrelAddress parsed(address ? address : "");
   if (parsed.ClientName().empty() || parsed.HostName().empty()) return false;
   const short type = IsLocalHost(parsed.HostName()) ? wire::kLocalSendNoResponse : wire::kSendNoResponse;
-  const std::string fromHost = GreetingHostName();
-  const std::string fromClient = GreetingClientName();
+  const std::string& fromHost = localHostName_;
+  const std::string& fromClient = GreetingClientName();
   const cVantrelMessage record(0, parsed.HostName().c_str(), parsed.ClientName().c_str(), fromHost.c_str(),
                                fromClient.c_str(), QTYPE_CLIENT, type, 0, data, length);
   if (sendMessageToVantrel(record)) return true;
@@ -298,8 +298,8 @@ bool cVantrelClientObjectImp::NETSendMessageNowait(std::int32_t messageId, const
   const CVantrelAddress parsed(address ? address : "");
   if (parsed.ClientName().empty() || parsed.HostName().empty()) return false;
   const short type = IsLocalHost(parsed.HostName()) ? wire::kLocalSendNoWait : wire::kSendNoWait;
-  const std::string fromHost = GreetingHostName();
-  const std::string fromClient = GreetingClientName();
+  const std::string& fromHost = localHostName_;
+  const std::string& fromClient = GreetingClientName();
   const cVantrelMessage record(static_cast<std::uint32_t>(messageId), parsed.HostName().c_str(),
                                parsed.ClientName().c_str(), fromHost.c_str(), fromClient.c_str(), QTYPE_CLIENT, type, 0,
                                data, length);
@@ -324,8 +324,8 @@ bool cVantrelClientObjectImp::NETCopyFile(std::int32_t messageId, const char* da
   VLOG_DEBUG("cVantrelClientObjectImp::NETCopyFile(data=%s)", LoggedData(data, length));
   const CVantrelAddress parsed("NoClient", host ? host : "");
   if (parsed.HostName().empty()) return false;
-  const std::string fromHost = GreetingHostName();
-  const std::string fromClient = GreetingClientName();
+  const std::string& fromHost = localHostName_;
+  const std::string& fromClient = GreetingClientName();
   const cVantrelMessage record(static_cast<std::uint32_t>(messageId), parsed.HostName().c_str(), "NoClient",
                                fromHost.c_str(), fromClient.c_str(), QTYPE_CLIENT, wire::kFileCopy, 0, data, length);
   if (sendMessageToVantrel(record)) return true;

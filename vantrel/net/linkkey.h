@@ -16,3 +16,6 @@
 // itself (lower case), so it matches no well-formed address and its link fails
 // on its own when it connects.
 std::string gLinkKey(std::string_view hostText, std::string_view delimiter, unsigned short defaultPort);
+// The same key written into `key`, whose capacity is reused: a router that
+// keys every message keeps one buffer and allocates nothing.
+void gLinkKey(std::string& key, std::string_view hostText, std::string_view delimiter, unsigned short defaultPort);

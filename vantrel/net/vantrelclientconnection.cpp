@@ -163,9 +163,7 @@ void CVantrelClientConnection::doReading() {
     }
     vantrel::stats::Add(stats_->counters.messagesIn);
     vantrel::stats::Add(stats_->counters.bytesIn, length);
-    const bool more = session->handleMessage(data, length, type, subtype);
-    StreamSocket::FreeMessage(data);
-    if (!more) return;
+    if (!session->handleFrame(StreamSocket::tFrameData(data), length, type, subtype)) return;
   }
 }
 

@@ -88,6 +88,12 @@ class iVantrelClientSession : public ClientObj {
   // One typed message from the client (`data` is the record's packed buffer).
   // False when the client has said farewell: the connection stops reading.
   virtual bool handleMessage(const char* data, std::uint32_t length, short type, short subtype) = 0;
+  // The same for a received frame whose buffer (new char[], as the socket made
+  // it) the session takes over, so that a record kept for routing adopts it
+  // rather than copying it.
+  virtual bool handleFrame(std::unique_ptr<char[]> data, std::uint32_t length, short type, short subtype) {
+    return handleMessage(data.get(), length, type, subtype);
+  }
   // Leaves the router and terminates the connection, joining its threads
   // unless called on one of them. Idempotent.
   virtual void detach() = 0;

@@ -485,23 +485,33 @@ void CVantrelHostConnection::enqueueLocked(std::unique_ptr<VantrelHostEvent> eve
   outgoing_queue_.putEvent(event.release());
 }
 
-bool CVantrelHostConnection::sendEvent(std::unique_ptr<VantrelHostEvent> event) {
-  const short type = event->getType();
-  if (IsWaitedRequest(type) && !pending_.Record(*event, RQPSysTime())) {
-    answerBroken(event->getMessageId(), type, event->getToHost(), event->getToClient(), event->getFromHost(),
-                 event->getFromClient());
-    return false;
+bool CVantrelHostConnection::sendBatch(std::vector<std::unique_ptr<VantrelHostEvent>>& batch) {
+  StreamSocket::cOutgoingFrame frames[StreamSocket::kMaxBatch];
+  std::size_t count = 0;
+  bool recorded = true;
+  for (auto& event : batch) {
+    const short type = event->getType();
+    // Recorded before it goes out, so that the answer always finds its request.
+    // Once the ledger is closed the link is ending: nothing more is sent, and
+    // every request of the batch that would have waited is answered at once.
+    if (IsWaitedRequest(type) && (!recorded || !pending_.Record(*event, RQPSysTime()))) {
+      recorded = false;
+      answerBroken(event->getMessageId(), type, event->getToHost(), event->getToClient(), event->getFromHost(),
+                   event->getFromClient());
+      continue;
+    }
+    frames[count++] = {type, kVersionMarker, event->getPackedBuf(), static_cast<unsigned>(event->getPackedBufLen())};
   }
-  VLOG_DEBUG("CVantrelHostConnection::doWriting - sending message %u of type %d to host %s", event->getMessageId(),
-             type, vantrel::log::Escaped(HostText()));
+  if (!recorded) return false;
   bool sent = false;
   try {
-    sent = socket_.SendTypedMessageZ2(type, kVersionMarker, event->getPackedBuf(), event->getPackedBufLen());
-    if (sent) countWritten(type, event->getPackedBufLen());
+    sent = socket_.SendTypedMessages(frames, count);
   } catch (const std::exception& e) {
     VLOG_ERROR("CVantrelHostConnection::doWriting - Exception: %s", e.what());
     restartProcess("sending to host");
   }
+  if (sent)
+    for (std::size_t i = 0; i < count; ++i) countWritten(frames[i].type, frames[i].length);
   return sent;
 }
 
@@ -518,6 +528,8 @@ void CVantrelHostConnection::doWriting() {
                   context_->threadAttributes);
   }
   const long pingSeconds = context_->pingSeconds;
+  std::vector<std::unique_ptr<VantrelHostEvent>> batch;
+  batch.reserve(StreamSocket::kMaxBatch);
   for (;;) {
     if (givenWay_.load(std::memory_order_acquire) && retired()) {
       VLOG_INFO("CVantrelHostConnection::doWriting - link to %s gave way and has nothing left; closing",
@@ -532,17 +544,23 @@ void CVantrelHostConnection::doWriting() {
     if (result == htEvent) {
       if (item == nullptr) return;
       if (following_.load(std::memory_order_acquire)) awaitPredecessor();
-      std::unique_ptr<RWCollectable> owned(item);
-      auto* event = dynamic_cast<VantrelHostEvent*>(item);
-      if (event == nullptr) {
-        unsent_.fetch_sub(1, std::memory_order_acq_rel);
-        continue;
+      // Whatever else is already waiting goes out in the same write.
+      int taken = 0;
+      while (item != nullptr) {
+        ++taken;
+        std::unique_ptr<RWCollectable> owned(item);
+        if (auto* event = dynamic_cast<VantrelHostEvent*>(item)) {
+          owned.release();
+          if (IsBoundedMessage(event->getType()))
+            queuedBytes_.fetch_sub(event->getPackedBufLen(), std::memory_order_acq_rel);
+          batch.emplace_back(event);
+        }
+        if (batch.size() == StreamSocket::kMaxBatch) break;
+        item = outgoing_queue_.get();
       }
-      owned.release();
-      if (IsBoundedMessage(event->getType()))
-        queuedBytes_.fetch_sub(event->getPackedBufLen(), std::memory_order_acq_rel);
-      const bool sent = sendEvent(std::unique_ptr<VantrelHostEvent>(event));
-      unsent_.fetch_sub(1, std::memory_order_acq_rel);
+      const bool sent = batch.empty() || sendBatch(batch);
+      batch.clear();
+      unsent_.fetch_sub(taken, std::memory_order_acq_rel);
       if (!sent) {
         VLOG_ERROR("CVantrelHostConnection::doWriting - send to host %s failed", vantrel::log::Escaped(HostText()));
         return;

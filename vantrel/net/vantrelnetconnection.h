@@ -31,6 +31,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "vantrel/base/platform/eventqueue.h"
 #include "vantrel/base/platform/manualevent.h"
@@ -113,7 +114,9 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   // Puts an event on the outgoing queue and counts it as unsent; the caller
   // holds the termination lock and has checked that the link is not terminated.
   void enqueueLocked(std::unique_ptr<VantrelHostEvent> event);
-  bool sendEvent(std::unique_ptr<VantrelHostEvent> event);
+  // Records the batch's waited requests and writes its frames in one go. False
+  // when the link is ending (its requests are answered) or the write failed.
+  bool sendBatch(std::vector<std::unique_ptr<VantrelHostEvent>>& batch);
   // "Connection to host broke." for a type 2 or 4 request that will never be answered.
   void answerBroken(std::uint32_t messageId, short type, const char* toHost, const char* toClient, const char* fromHost,
                     const char* fromClient, const char* text = nVantrelLink::kLinkBrokeText);

@@ -96,10 +96,28 @@ bool VantrelClientInstance::handleMessage(const char* data, std::uint32_t length
   }
 }
 
-template <class Event>
-std::unique_ptr<Event> VantrelClientInstance::admit(const char* data, std::uint32_t length, short type, short subtype,
+bool VantrelClientInstance::handleFrame(std::unique_ptr<char[]> data, std::uint32_t length, short type, short subtype) {
+  switch (type) {
+    case kSend:
+    case kSendNoResponse:
+    case kSendNoWait:
+      routeToHost(std::move(data), length, type, subtype);
+      return true;
+    case kLocalSend:
+    case kLocalSendNoResponse:
+    case kLocalSendNoWait:
+      if (auto event = admit<VantrelClientEvent>(std::move(data), length, type, subtype, kClientDispatchText))
+        routeToClient(std::move(event), type);
+      return true;
+    default:
+      return handleMessage(data.get(), length, type, subtype);
+  }
+}
+
+template <class Event, class Data>
+std::unique_ptr<Event> VantrelClientInstance::admit(Data data, std::uint32_t length, short type, short subtype,
                                                     const char* refusal) {
-  auto event = std::make_unique<Event>(data, static_cast<long>(length), type, subtype);
+  auto event = std::make_unique<Event>(std::move(data), static_cast<long>(length), type, subtype);
   if (!event->isValid()) {
     // Logged by the record itself; there is nobody to answer.
     VLOG_WARN("VantrelClientInstance::handleMessage(%s) - malformed record of type %d dropped",
@@ -129,8 +147,9 @@ std::unique_ptr<Event> VantrelClientInstance::admit(const char* data, std::uint3
                                  event->getData(), static_cast<long>(event->getDatalen()));
 }
 
-void VantrelClientInstance::routeToHost(const char* data, std::uint32_t length, short type, short subtype) {
-  auto event = admit<VantrelHostEvent>(data, length, type, subtype, kHostDispatchText);
+template <class Data>
+void VantrelClientInstance::routeToHost(Data data, std::uint32_t length, short type, short subtype) {
+  auto event = admit<VantrelHostEvent>(std::move(data), length, type, subtype, kHostDispatchText);
   if (event == nullptr) return;
   if (router_ != nullptr && router_->isLocalHost(event->getToHost())) {
     // Addressed to this very service: no link to itself.

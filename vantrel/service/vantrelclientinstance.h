@@ -44,6 +44,8 @@ class VantrelClientInstance : public iVantrelClientSession {
   const char* nameOf() const override { return "VantrelClientInstance"; }
   const std::string& name() const override { return name_; }
   bool handleMessage(const char* data, std::uint32_t length, short type, short subtype) override;
+  // Messages to route become their records by adopting the frame's buffer.
+  bool handleFrame(std::unique_ptr<char[]> data, std::uint32_t length, short type, short subtype) override;
   void detach() override;
 
   void print(std::ostream& out) const;
@@ -51,10 +53,12 @@ class VantrelClientInstance : public iVantrelClientSession {
  private:
   int deliver(BaseEvent* event);
   // The client's record as an event ready to route, or null when it is refused
-  // (logged; a sender that waits is answered `refusal`).
-  template <class Event>
-  std::unique_ptr<Event> admit(const char* data, std::uint32_t length, short type, short subtype, const char* refusal);
-  void routeToHost(const char* data, std::uint32_t length, short type, short subtype);
+  // (logged; a sender that waits is answered `refusal`). `data` is the packed
+  // buffer, copied (const char*) or adopted (std::unique_ptr<char[]>).
+  template <class Event, class Data>
+  std::unique_ptr<Event> admit(Data data, std::uint32_t length, short type, short subtype, const char* refusal);
+  template <class Data>
+  void routeToHost(Data data, std::uint32_t length, short type, short subtype);
   void routeToClient(std::unique_ptr<VantrelClientEvent> event, short kind);
   // Answers the sender of a message that reached (or failed to reach) its client.
   void answerDelivery(const cVantrelMessage& message, bool delivered);

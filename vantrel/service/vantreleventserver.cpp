@@ -31,8 +31,12 @@ std::string CVantrelEventServer::linkKey(std::string_view hostText) const {
 }
 
 BaseEvent* CVantrelEventServer::findLink(const std::string& key) const {
-  const VantrelHostEvent probe(key.c_str(), nullptr, 0);
-  return findEvent(probe);
+  // Compared as VantrelHostEvent::isEqual compares, without a probe record.
+  return findEventWith(gVantrelKeyHash(key.c_str()), [&key](const BaseEvent& registered) {
+    if (registered.isA() != VantrelHostEvent::kClassId) return false;
+    const auto* link = dynamic_cast<const VantrelHostEvent*>(&registered);
+    return link != nullptr && key == link->getToHost();
+  });
 }
 
 void CVantrelEventServer::registerClientEvent(const char* name, iVantrelClientSession* session, int handler) {
@@ -132,8 +136,10 @@ bool CVantrelEventServer::dispatchClientEvent(VantrelClientEvent* event) {
 
 bool CVantrelEventServer::dispatchHostEvent(VantrelHostEvent* event) {
   if (event == nullptr) return false;
-  const std::string host = event->getToHost();
-  const std::string key = linkKey(host);
+  const char* const host = event->getToHost();
+  // Every message is keyed: each routing thread keeps its buffer for it.
+  thread_local std::string key;
+  gLinkKey(key, host, local_.delimiter, local_.netPort);
   RQPMutexGuard guard(lock_);
   if (const BaseEvent* link = findLink(key)) {
     link->dispatchEvent(event);

@@ -49,7 +49,9 @@ TEST(FrameReaderTest, FramesComeOutWholeHoweverTheReadsCutThem) {
   }
 }
 
-TEST(FrameReaderTest, BadHeadersAndStreamsThatEndInsideAFrameFail) {
+// Whatever follows good frames in the same read, they come out whole first and
+// the bad frame fails alone.
+TEST(FrameReaderTest, BadHeadersAndStreamsThatEndInsideAFrameFailAfterTheFramesBeforeThem) {
   using tHeader = cFrameReader::tHeader;
   const std::string cut = Wire(1, Payload(100, 1)), large = Wire(2, Payload(40'000, 2));
   const struct {
@@ -64,18 +66,30 @@ TEST(FrameReaderTest, BadHeadersAndStreamsThatEndInsideAFrameFail) {
       {"end inside a header", cut.substr(0, 11), tHeader::eFailed, false},
       {"end inside a direct payload", large.substr(0, 30'000), tHeader::eOk, false},
   };
+  const std::string good = Wire(4, Payload(30, 4)) + Wire(5, "");
   for (const auto& row : rows) {
-    Source source(row.bytes, {5, 700});
-    cFrameReader reader(source);
-    cFrameHeader header;
-    ASSERT_EQ(reader.ReadHeader(50'000, header), row.header) << row.name;
-    // A refused header is handed out as it arrived, for the log.
-    if (row.header == tHeader::eBadMarker) {
-      EXPECT_EQ(header.words.marker, 0x47455420u);
-    } else if (row.header == tHeader::eTooLong) {
-      EXPECT_EQ(header.words.length, 50'001u);
-    } else if (row.header == tHeader::eOk) {
-      EXPECT_EQ(reader.ReadPayload(header.words.length) != nullptr, row.payload) << row.name;
+    const std::string bytes = good + row.bytes;
+    // In small pieces, and in one read that holds the good frames and the bad one.
+    for (const std::size_t piece : {std::size_t{0}, std::size_t{5}}) {
+      Source source(bytes, {piece, 700});
+      cFrameReader reader(source);
+      cFrameHeader header;
+      for (const short type : {4, 5}) {
+        ASSERT_EQ(reader.ReadHeader(50'000, header), tHeader::eOk) << row.name;
+        ASSERT_EQ(header.type, type);
+        const auto payload = reader.ReadPayload(header.words.length);
+        ASSERT_TRUE(payload) << row.name;
+        EXPECT_EQ(std::string(payload.get(), header.words.length), type == 4 ? Payload(30, 4) : "");
+      }
+      ASSERT_EQ(reader.ReadHeader(50'000, header), row.header) << row.name << " piece " << piece;
+      // A refused header is handed out as it arrived, for the log.
+      if (row.header == tHeader::eBadMarker) {
+        EXPECT_EQ(header.words.marker, 0x47455420u);
+      } else if (row.header == tHeader::eTooLong) {
+        EXPECT_EQ(header.words.length, 50'001u);
+      } else if (row.header == tHeader::eOk) {
+        EXPECT_EQ(reader.ReadPayload(header.words.length) != nullptr, row.payload) << row.name;
+      }
     }
   }
 }

@@ -136,6 +136,16 @@ class ServerObj : public ClientObj {
   // owned by the registry.
   BaseEvent* findEvent(const BaseEvent& key) const;
 
+  // The newest registered event of the bucket of `hash` that `match` accepts,
+  // or null: a look-up by key text that needs no key event built for it.
+  template <class Match>
+  BaseEvent* findEventWith(unsigned hash, Match&& match) const {
+    const auto& bucket = buckets_[hash % buckets_.size()];
+    for (auto it = bucket.rbegin(); it != bucket.rend(); ++it)
+      if (match(**it)) return *it;
+    return nullptr;
+  }
+
   std::size_t registrationCount() const { return count_; }
   std::size_t registrySize() const { return buckets_.size(); }
 

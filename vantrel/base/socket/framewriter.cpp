@@ -1,5 +1,7 @@
 #include "vantrel/base/socket/framewriter.h"
 
+#include <cstring>
+
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/time.h"
 
@@ -19,6 +21,12 @@ void Encode(short type, short subtype, unsigned length, std::int64_t sendTimeUs,
   gEncodeFrameHeader(header, out);
 }
 
+// Gives back what a burst made a buffer grow to.
+void Trim(std::vector<char>& buffer, std::size_t kept) {
+  buffer.clear();
+  if (buffer.capacity() > kept) std::vector<char>().swap(buffer);
+}
+
 }  // namespace
 
 bool cFrameWriter::Check(const char* data, unsigned length) const {
@@ -35,12 +43,52 @@ bool cFrameWriter::Check(const char* data, unsigned length) const {
 }
 
 bool cFrameWriter::Write(platform::cSendBuffer* parts, std::size_t count) {
-  std::lock_guard<std::mutex> lock(sendMutex_);
   bool started = false;
   if (sink_.WriteAll(parts, count, started)) return true;
-  // Still under the lock, so that no other frame follows the broken one.
+  // Still holding the turn, so that no other frame follows the broken one.
   if (started) sink_.Abandon();
   return false;
+}
+
+void cFrameWriter::TakeTurn() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  turnFree_.wait(lock, [this] { return !writing_; });
+  writing_ = true;
+}
+
+bool cFrameWriter::ReleaseTurn(bool ok) {
+  for (;;) {
+    std::size_t dropped = 0;
+    bool released = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (pending_.empty()) {
+        Trim(pending_, kKeptBufferBytes);
+        writing_ = false;
+        released = true;
+      } else if (ok) {
+        spare_.swap(pending_);
+      } else {
+        dropped = pending_.size();
+        pending_.clear();
+      }
+    }
+    if (released) {
+      // spare_ is the next holder's from here on. The next sender in line takes the turn.
+      turnFree_.notify_one();
+      return ok;
+    }
+    if (dropped > 0) {
+      // Those frames were promised to their senders: the connection ends, still
+      // within the turn, so that no later frame goes out after the lost ones.
+      VLOG_WARN("StreamSocket::SendTypedMessageZ2(%s) - %zu bytes of posted frames not sent; closing", name_, dropped);
+      sink_.Abandon();
+      continue;
+    }
+    platform::cSendBuffer part{spare_.data(), spare_.size()};
+    ok = Write(&part, 1);
+    Trim(spare_, kKeptBufferBytes);
+  }
 }
 
 bool cFrameWriter::Send(short type, short subtype, const char* data, unsigned length) {
@@ -56,7 +104,8 @@ bool cFrameWriter::Send(short type, short subtype, const char* data, unsigned le
   }
 
   platform::cSendBuffer parts[2] = {{header, sizeof header}, {data, length}};
-  return Write(parts, length > 0 ? 2 : 1);
+  TakeTurn();
+  return ReleaseTurn(Write(parts, length > 0 ? 2 : 1));
 }
 
 bool cFrameWriter::Send(const cOutgoingFrame* frames, std::size_t count) {
@@ -79,7 +128,28 @@ bool cFrameWriter::Send(const cOutgoingFrame* frames, std::size_t count) {
     parts[2 * i] = {headers[i], kFrameHeaderSize};
     parts[2 * i + 1] = {frames[i].data, frames[i].length};
   }
-  return Write(parts, 2 * count);
+  TakeTurn();
+  return ReleaseTurn(Write(parts, 2 * count));
+}
+
+bool cFrameWriter::Post(short type, short subtype, const char* data, unsigned length) {
+  const std::size_t frameBytes = kFrameHeaderSize + length;
+  if (frameBytes > kPostedFrameBytes || !options_.simulatedLatency.empty()) return Send(type, subtype, data, length);
+  if (!Check(data, length) || !sink_.Writable()) return false;
+  const std::int64_t now = nTime::cPoint::Now().EpochMicroseconds();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (writing_ && pending_.size() + frameBytes <= kMaxPendingBytes) {
+      const std::size_t at = pending_.size();
+      pending_.resize(at + frameBytes);
+      Encode(type, subtype, length, now, reinterpret_cast<unsigned char*>(pending_.data() + at));
+      if (length > 0) std::memcpy(pending_.data() + at + kFrameHeaderSize, data, length);
+      return true;
+    }
+  }
+  // Nobody writes (or the pending buffer is full): this sender writes itself,
+  // after whatever is pending, since the turn frees only once that is out.
+  return Send(type, subtype, data, length);
 }
 
 }  // namespace nCommunication::nSocket::nImplementation_sho

@@ -1,10 +1,12 @@
 #pragma once
 // Sending whole frames (frame.h), independent of where the bytes go.
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "vantrel/base/platform/socket.h"
 #include "vantrel/base/socket/frame.h"
@@ -37,10 +39,19 @@ class iByteSink {
 // options' simulated latency, puts a batch out in one gathered write, and
 // keeps the frames of concurrent senders apart. Checks every frame against
 // the maximum message size before anything of it goes out.
+//
+// One sender at a time owns the connection (the "writer turn"). A sender that
+// posts a small frame while another holds the turn does not wait and makes no
+// write of its own: its frame is encoded into the pending buffer, and the
+// holder writes everything pending in one more write before it gives the turn
+// up. So a burst from several threads costs one system call per turn, not per
+// frame, and a frame sent on an idle connection still goes out at once.
+//
 // Ownership: owned by one stream socket; borrows its sink, name and options;
-// owns the send lock and the simulated-latency turn.
-// Threads: any number of senders at once; the send lock is held for one
-// frame's (or one batch's) write only.
+// owns the turn, the pending buffer and the simulated-latency turn.
+// Threads: any number of senders at once. mutex_ guards the turn and the
+// pending buffer only; no write happens under it. spare_ belongs to the
+// turn's holder.
 class cFrameWriter {
  public:
   cFrameWriter(iByteSink& sink, const std::string& name, const cSocketOptions& options)
@@ -51,16 +62,43 @@ class cFrameWriter {
   // Sends up to kMaxFramesPerBatch frames in order, in as few writes as the
   // sink allows. False as soon as one frame cannot be sent.
   bool Send(const cOutgoingFrame* frames, std::size_t count);
+  // As Send, but a frame of up to kPostedFrameBytes posted while another
+  // sender writes is copied behind that write and this returns true at once;
+  // the frame then goes out with the holder's next write. Should that write
+  // fail, the connection is ended, so a frame that was taken is either sent
+  // or its connection is seen to break. Frames of one thread keep their order
+  // whichever way they take.
+  bool Post(short type, short subtype, const char* data, unsigned length);
+
+  // Frames up to this size may be copied behind a write under way; larger
+  // ones wait for the turn, so that no big payload is copied.
+  static constexpr std::size_t kPostedFrameBytes = 4096;
+  // The pending buffer takes at most this much; a sender finding it full waits
+  // for the turn, so a connection that pushes back holds its senders back.
+  static constexpr std::size_t kMaxPendingBytes = 256 * 1024;
+  // Buffers above this size are given back once their burst is written.
+  static constexpr std::size_t kKeptBufferBytes = 8 * 1024;
 
  private:
   bool Check(const char* data, unsigned length) const;
-  // Writes `count` parts under the send lock; a frame cut off midway ends the connection.
+  // Writes `count` parts; the caller holds the turn. A frame cut off midway
+  // ends the connection.
   bool Write(vantrel::platform::cSendBuffer* parts, std::size_t count);
+  // Waits for the writer turn and takes it.
+  void TakeTurn();
+  // Writes what others posted meanwhile, then gives the turn up. `ok`: whether
+  // the holder's own write succeeded; after a failure nothing more is written
+  // and frames that were taken end the connection. Returns `ok` for chaining.
+  bool ReleaseTurn(bool ok);
 
   iByteSink& sink_;
   const std::string& name_;
   const cSocketOptions& options_;
-  std::mutex sendMutex_;
+  std::mutex mutex_;
+  std::condition_variable turnFree_;
+  bool writing_ = false;       // guarded by mutex_: a sender holds the turn
+  std::vector<char> pending_;  // guarded by mutex_: encoded frames posted during the turn
+  std::vector<char> spare_;    // the turn holder's: the pending frames being written
   std::atomic<std::uint64_t> latencyTurn_{0};
 };
 

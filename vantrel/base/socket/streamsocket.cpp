@@ -220,6 +220,10 @@ bool StreamSocket::SendTypedMessageZ2(short type, short subtype, const char* dat
   return writer_->Send(type, subtype, data, length);
 }
 
+bool StreamSocket::PostTypedMessage(short type, short subtype, const char* data, unsigned length) {
+  return writer_->Post(type, subtype, data, length);
+}
+
 bool StreamSocket::SendTypedMessages(const cOutgoingFrame* frames, std::size_t count) {
   return writer_->Send(frames, count);
 }

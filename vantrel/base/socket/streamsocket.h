@@ -124,6 +124,11 @@ class StreamSocket : public c_Socket {
 
   // Sends one frame. `data` may be null only when `length` is 0.
   bool SendTypedMessageZ2(short type, short subtype, const char* data, unsigned length);
+  // As SendTypedMessageZ2, but a small frame sent while another thread writes
+  // on this socket is copied behind that write and true comes back at once:
+  // that thread sends it with its next write. A frame taken so is sent, or the
+  // socket is closed. Frames of one thread keep their order.
+  bool PostTypedMessage(short type, short subtype, const char* data, unsigned length);
 
   // One frame of a batch; the data stays the caller's.
   using cOutgoingFrame = nCommunication::nSocket::nImplementation_sho::cOutgoingFrame;
