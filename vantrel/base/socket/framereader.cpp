@@ -7,7 +7,8 @@ namespace nCommunication::nSocket::nImplementation_sho {
 
 bool cFrameReader::Fill(std::size_t need, bool inFrame) {
   if (end_ - start_ >= need) return true;
-  if (!buffer_) buffer_ = std::make_unique<char[]>(kBufferSize);
+  // Not zeroed: only the pages that reads reach become resident.
+  if (!buffer_) buffer_ = std::make_unique_for_overwrite<char[]>(kBufferSize);
   if (start_ == end_) {
     start_ = end_ = 0;
   } else if (kBufferSize - start_ < need) {

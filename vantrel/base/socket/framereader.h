@@ -53,11 +53,14 @@ class cFrameReader {
   // Reads exactly `size` bytes straight into `buffer`.
   bool ReadDirect(char* buffer, std::size_t size);
 
-  static constexpr std::size_t kBufferSize = 64 * 1024;
+  // Every connection has one, for its whole life, on both ends: a thousand
+  // links or clients hold a thousand. 16 KiB still takes a few hundred small
+  // frames per read.
+  static constexpr std::size_t kBufferSize = 16 * 1024;
   // Payloads from this size on go straight into their own buffer; after such a
   // frame the next header is read alone, so a stream of large frames is not
   // copied twice.
-  static constexpr std::size_t kDirectPayloadSize = 16 * 1024;
+  static constexpr std::size_t kDirectPayloadSize = 8 * 1024;
 
   iByteSource& source_;
   std::unique_ptr<char[]> buffer_;  // made at the first read
