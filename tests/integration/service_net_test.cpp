@@ -57,7 +57,14 @@ TEST_F(NetServiceTest, ThreeServicesRouteToEachOtherOverOneLinkPerPair) {
   Join(c, carol, "carol");
 
   ASSERT_TRUE(alice.NETSendMessageZ1("over", 5, At("bob", b).c_str())) << alice.NETGetLastStatus();
-  EXPECT_EQ(bob.nextText(), "2 over") << b.log();
+  auto over = bob.next();
+  ASSERT_TRUE(over.has_value()) << b.log();
+  // The sender is named with its service's full host text: a reply reaches alice
+  // on A, not the namesake that B's machine (A's too) would give a bare host name.
+  const std::string from = std::string(over->getFromClient()) + "@" + over->getFromHost();
+  EXPECT_EQ(from, alice.NETWhoAmI());
+  TestClient namesake;
+  ASSERT_TRUE(namesake.NETInitZ641("alice", b.clientsPort()));
   ASSERT_TRUE(alice.NETSendMessageNowaitZ1(31, "nowait", 7, At("bob", b).c_str()));
   auto received = bob.next();
   ASSERT_TRUE(received.has_value());
@@ -65,9 +72,9 @@ TEST_F(NetServiceTest, ThreeServicesRouteToEachOtherOverOneLinkPerPair) {
   ASSERT_TRUE(alice.NETSendMessageNoresponseZ1("fire", 5, At("bob", b).c_str()));
   EXPECT_EQ(bob.nextText(), "3 fire");
 
-  // Answers go back to the sender by the address it gave itself.
-  ASSERT_TRUE(bob.NETSendMessageZ1("back", 5, alice.NETWhoAmI())) << bob.NETGetLastStatus();
+  ASSERT_TRUE(bob.NETSendMessageZ1("back", 5, from.c_str())) << bob.NETGetLastStatus();
   EXPECT_EQ(alice.nextText(), "2 back");
+  EXPECT_EQ(namesake.pending(), 0u);
   ASSERT_TRUE(alice.NETSendMessageZ1("to c", 5, At("carol", c).c_str()));
   ASSERT_TRUE(bob.NETSendMessageZ1("b to c", 7, At("carol", c).c_str()));
   ASSERT_TRUE(carol.NETSendMessageZ1("c to a", 7, alice.NETWhoAmI()));
@@ -91,7 +98,7 @@ TEST_F(NetServiceTest, ThreeServicesRouteToEachOtherOverOneLinkPerPair) {
   EXPECT_EQ(alice.NETGetLastStatus(), wire::kStatusAckError);
   EXPECT_EQ(alice.pending(), 0u);
 
-  for (TestClient* client : {&alice, &bob, &carol}) client->NETTerminate();
+  for (TestClient* client : {&alice, &bob, &carol, &namesake}) client->NETTerminate();
   for (ServiceProcess* service : {&a, &b, &c}) EXPECT_EQ(service->stop(), 0) << service->log();
 }
 

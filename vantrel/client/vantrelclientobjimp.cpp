@@ -206,8 +206,8 @@ bool cVantrelClientObjectImp::NETInit(const char* clientName, unsigned short por
   localHostName_ = GreetingHostName();
   // Built here, before the object becomes valid, so that the sending threads
   // only ever read it; later changes of the greeting block do not change who we are.
-  whoAmI_ = CVantrelAddress(GreetingClientName(), localHostName_).Address() + gVantrelAddressPortDelimiter() +
-            std::to_string(GreetingNetPort());
+  fromHost_ = localHostName_ + gVantrelAddressPortDelimiter() + std::to_string(GreetingNetPort());
+  whoAmI_ = CVantrelAddress(GreetingClientName(), fromHost_).Address();
   valid_.store(accepted, std::memory_order_release);
   if (!accepted) {
     VLOG_WARN("cVantrelClientObjectImp::NETInit - the service refused the greeting (%s)", clientName_);
@@ -236,7 +236,7 @@ bool cVantrelClientObjectImp::NETSendMessage(const char* data, unsigned length, 
 bool cVantrelClientObjectImp::sendMessage(const char* data, unsigned length, const std::string& toClient,
                                           const std::string& toHost, QType qtype, long timeout) {
   const short type = IsLocalHost(toHost) ? wire::kLocalSend : wire::kSend;
-  const std::string fromHost = GreetingHostName();
+  const std::string& fromHost = fromHost_;
   const std::string fromClient = GreetingClientName();
   const cVantrelMessage record(0, toHost.c_str(), toClient.c_str(), fromHost.c_str(), fromClient.c_str(), qtype, type,
                                0, data, length);
@@ -281,7 +281,7 @@ bool cVantrelClientObjectImp::NETSendMessageNoresponseZ1(const char* data, unsig
   const CVantrelAddress parsed(address ? address : "");
   if (parsed.ClientName().empty() || parsed.HostName().empty()) return false;
   const short type = IsLocalHost(parsed.HostName()) ? wire::kLocalSendNoResponse : wire::kSendNoResponse;
-  const std::string fromHost = GreetingHostName();
+  const std::string& fromHost = fromHost_;
   const std::string fromClient = GreetingClientName();
   const cVantrelMessage record(0, parsed.HostName().c_str(), parsed.ClientName().c_str(), fromHost.c_str(),
                                fromClient.c_str(), QTYPE_CLIENT, type, 0, data, length);
@@ -298,7 +298,7 @@ bool cVantrelClientObjectImp::NETSendMessageNowait(std::int32_t messageId, const
   const CVantrelAddress parsed(address ? address : "");
   if (parsed.ClientName().empty() || parsed.HostName().empty()) return false;
   const short type = IsLocalHost(parsed.HostName()) ? wire::kLocalSendNoWait : wire::kSendNoWait;
-  const std::string fromHost = GreetingHostName();
+  const std::string& fromHost = fromHost_;
   const std::string fromClient = GreetingClientName();
   const cVantrelMessage record(static_cast<std::uint32_t>(messageId), parsed.HostName().c_str(),
                                parsed.ClientName().c_str(), fromHost.c_str(), fromClient.c_str(), QTYPE_CLIENT, type, 0,
@@ -324,7 +324,7 @@ bool cVantrelClientObjectImp::NETCopyFile(std::int32_t messageId, const char* da
   VLOG_DEBUG("cVantrelClientObjectImp::NETCopyFile(data=%s)", LoggedData(data, length));
   const CVantrelAddress parsed("NoClient", host ? host : "");
   if (parsed.HostName().empty()) return false;
-  const std::string fromHost = GreetingHostName();
+  const std::string& fromHost = fromHost_;
   const std::string fromClient = GreetingClientName();
   const cVantrelMessage record(static_cast<std::uint32_t>(messageId), parsed.HostName().c_str(), "NoClient",
                                fromHost.c_str(), fromClient.c_str(), QTYPE_CLIENT, wire::kFileCopy, 0, data, length);
