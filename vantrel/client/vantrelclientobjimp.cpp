@@ -260,14 +260,22 @@ bool cVantrelClientObjectImp::sendMessage(const char* data, unsigned length, con
   std::unique_ptr<cVantrelMessage> answer(NVSTmo2Ttm(ack));
   delete ack;
   if (answer && answer->isValid() && answer->getType() == wire::kDelivered) return true;
-  if (answer && answer->isValid())
-    lastRefusal_.assign(answer->getData(), strnlen(answer->getData(), answer->getDatalen()));
+  if (answer && answer->isValid() && answer->getData() != nullptr) {
+    // The answer's text is the service's reason; it is all a user has to go on.
+    // A service may add why after the text's zero (a broken link's cause).
+    const std::string_view data(answer->getData(), answer->getDatalen());
+    const std::string_view text(data.data(), strnlen(data.data(), data.size()));
+    lastRefusal_.assign(text);
+    if (text.size() + 1 < data.size()) {
+      const std::string_view detail = data.substr(text.size() + 1);
+      if (const std::size_t length = strnlen(detail.data(), detail.size()); length > 0)
+        lastRefusal_.append(" (").append(detail.substr(0, length)).append(")");
+    }
+  }
   SetStatus(wire::kStatusAckError);
-  // The answer's text is the service's reason; it is all a user has to go on.
-  const char* reason = answer && answer->isValid() && answer->getData() ? answer->getData() : "";
   VLOG_WARN("cVantrelClientObjectImp::sendMessage(%s) - ack on send error %d: %s@%s not delivered: %s", WhoAmIText(),
             wire::kStatusAckError, vantrel::log::Escaped(toClient), vantrel::log::Escaped(toHost),
-            vantrel::log::Escaped(std::string_view(reason, strnlen(reason, answer ? answer->getDatalen() : 0))));
+            vantrel::log::Escaped(lastRefusal_));
   return false;
 }
 

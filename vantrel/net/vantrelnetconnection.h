@@ -114,7 +114,8 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   // holds the termination lock and has checked that the link is not terminated.
   void enqueueLocked(std::unique_ptr<VantrelHostEvent> event);
   bool sendEvent(std::unique_ptr<VantrelHostEvent> event);
-  // "Connection to host broke." for a type 2 or 4 request that will never be answered.
+  // "Connection to host broke." for a type 2 or 4 request that will never be
+  // answered; with that text, an acknowledged send also gets the link's failure.
   void answerBroken(std::uint32_t messageId, short type, const char* toHost, const char* toClient, const char* fromHost,
                     const char* fromClient, const char* text = nVantrelLink::kLinkBrokeText);
   // The local client's writer wrote (or dropped) a message from the peer.
@@ -123,6 +124,10 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   // the link is to be broken.
   bool keepAlive(double now);
   long silenceLimitSeconds() const;
+  // Records (the first) why the link failed, and logs it with the host.
+  // Reader or writer thread; not for an end the service asked for.
+  void fail(const std::string& reason);
+  std::string failure() const;
   void breakLink();
   // Once given way: true when nothing is left to send or to wait for.
   bool retired() const;
@@ -138,7 +143,8 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   // This link's counters, shared with the service's registry.
   const std::shared_ptr<vantrel::stats::cConnectionStats> stats_;
   mutable std::mutex hostMutex_;
-  std::string host_;  // guarded by hostMutex_
+  std::string host_;     // guarded by hostMutex_
+  std::string failure_;  // guarded by hostMutex_; set once
   vantrel::platform::cThread reader_;
   vantrel::platform::cThread writer_;
   RQPEventQueue outgoing_queue_;
