@@ -59,7 +59,7 @@ platform::cUniqueSocket cConnector::Connect(const std::string& host, unsigned sh
         if (result.fault != platform::tSocketFault::eNoResources)
           throw cSocketError("StreamSocket::Connect - socket failed: " + result.Text());
         gReportDescriptorShortage(("StreamSocket::Connect(" + name_ + ")").c_str(), "link not opened");
-        return fail("no descriptor left for a socket (the process is at its limit of open files)");
+        return fail("no descriptor left for a socket; the process is at its limit of open files");
       }
       switch (gAttemptConnect(socket.Get(), address, gDeadlineAfter(options.connectTimeout), &closing_, lastFailure)) {
         case tConnectAttempt::eConnected:
