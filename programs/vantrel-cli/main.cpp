@@ -82,21 +82,16 @@ struct cSession {
   }
 };
 
-// The sender's address as a reply must be written: a sender of this host is
-// named with the host text of our own service (its net port included), so that
-// a reply from a client of another service on this host reaches it.
-std::string SenderAddress(cSession& session, const cVantrelMessage& record) {
-  std::string host = record.getFromHost() ? record.getFromHost() : "";
-  const char* local = session.client.NETLocalHostName();
-  const std::string whoAmI = session.client.NETWhoAmI();
-  const auto at = whoAmI.rfind('@');
-  if (local != nullptr && host == local && at != std::string::npos) host = whoAmI.substr(at + 1);
-  return std::string(record.getFromClient() ? record.getFromClient() : "") + "@" + host;
+// The sender's address as the service wrote it: client@host~port, itself a
+// valid destination for a reply.
+std::string SenderAddress(const cVantrelMessage& record) {
+  return std::string(record.getFromClient() ? record.getFromClient() : "") + "@" +
+         (record.getFromHost() ? record.getFromHost() : "");
 }
 
 // Prints a received record's data (text up to its first zero byte).
-void PrintRecord(cSession& session, const cVantrelMessage& record, bool withSender) {
-  if (withSender) std::printf("%s\t", SenderAddress(session, record).c_str());
+void PrintRecord(const cVantrelMessage& record, bool withSender) {
+  if (withSender) std::printf("%s\t", SenderAddress(record).c_str());
   const char* data = record.getData();
   const std::size_t length = data ? strnlen(data, record.getDatalen()) : 0;
   std::fwrite(data ? data : "", 1, length, stdout);
@@ -254,7 +249,7 @@ class cPost : public cSendBase {
                    answer->getData() ? answer->getData() : "");
       return kExitNotAcknowledged;
     }
-    PrintRecord(session, *answer, true);
+    PrintRecord(*answer, true);
     return kExitOk;
   }
 
@@ -277,7 +272,7 @@ class cWait : public iCommand {
     const cVantrelMessage* record =
         WaitForRecord(session, timeoutMs_, timedOut, [](const cVantrelMessage&) { return true; });
     if (record != nullptr) {
-      PrintRecord(session, *record, withSender_);
+      PrintRecord(*record, withSender_);
       return kExitOk;
     }
     if (timedOut) {
@@ -306,7 +301,7 @@ class cListen : public iCommand {
       const cVantrelMessage* record = session.client.NETWaitMessageX1();
       if (record == nullptr) return EndedByService();
       std::printf("%u\t%d\t", record->getMessageId(), record->getType());
-      PrintRecord(session, *record, true);
+      PrintRecord(*record, true);
     }
     return kExitOk;
   }

@@ -19,7 +19,7 @@ def test_send_reaches_the_waiting_client(service, payload, expected):
         sender.send(receiver.whoami(), payload)
         message = receiver.wait(timeout=10)
         assert (message.data, message.text, message.sender, message.type) == (
-            expected, expected.decode(), f"sender@{sender.local_host}", 2)
+            expected, expected.decode(), sender.whoami(), 2)
         sender.notify(receiver.whoami(), payload)
         assert receiver.wait(timeout=10).data == expected
 

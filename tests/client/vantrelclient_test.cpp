@@ -147,7 +147,7 @@ TEST_F(RegisteredClient, EachSendPathUsesItsTypeCode) {
     EXPECT_EQ(record.getType(), c.type);
     EXPECT_STREQ(record.getToHost(), c.toHost);
     EXPECT_STREQ(record.getToClient(), c.toClient);
-    EXPECT_STREQ(record.getFromHost(), "lg01");
+    EXPECT_STREQ(record.getFromHost(), "lg01~9011");  // the full text the service writes too
     EXPECT_STREQ(record.getFromClient(), "tester");
     EXPECT_EQ(record.getMessageId(), c.messageId);
     EXPECT_EQ(record.getQtype(), QTYPE_CLIENT);

@@ -177,7 +177,7 @@ TEST_F(ThreeHostsTest, MessagesAddressedByHostNameReachEveryOtherHost) {
       ADD_FAILURE() << "the receiver did not register";
     waiter.join();
     EXPECT_EQ(received.exitCode, 0);
-    EXPECT_EQ(LastLine(received.output), sender + "@" + HostName(from) + "\t" + text + "\n");
+    EXPECT_EQ(LastLine(received.output), sender + "@" + HostName(from) + "~9011\t" + text + "\n");
     // The link was opened by name, on the default net port of the peer.
     EXPECT_TRUE(lab_->Service(from).waitLog("Connecting to " + HostName(to) + ":9011", std::chrono::seconds(5)))
         << lab_->Service(from).log();

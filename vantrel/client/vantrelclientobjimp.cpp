@@ -206,8 +206,8 @@ bool cVantrelClientObjectImp::NETInit(const char* clientName, unsigned short por
   localHostName_ = GreetingHostName();
   // Built here, before the object becomes valid, so that the sending threads
   // only ever read it; later changes of the greeting block do not change who we are.
-  whoAmI_ = CVantrelAddress(GreetingClientName(), localHostName_).Address() + gVantrelAddressPortDelimiter() +
-            std::to_string(GreetingNetPort());
+  fromHost_ = localHostName_ + gVantrelAddressPortDelimiter() + std::to_string(GreetingNetPort());
+  whoAmI_ = CVantrelAddress(GreetingClientName(), fromHost_).Address();
   valid_.store(accepted, std::memory_order_release);
   if (!accepted) {
     VLOG_WARN("cVantrelClientObjectImp::NETInit - the service refused the greeting (%s)", clientName_);
@@ -236,7 +236,7 @@ bool cVantrelClientObjectImp::NETSendMessage(const char* data, unsigned length, 
 bool cVantrelClientObjectImp::sendMessage(const char* data, unsigned length, const std::string& toClient,
                                           const std::string& toHost, QType qtype, long timeout) {
   const short type = IsLocalHost(toHost) ? wire::kLocalSend : wire::kSend;
-  const std::string& fromHost = localHostName_;
+  const std::string& fromHost = fromHost_;
   const std::string& fromClient = GreetingClientName();
   const cVantrelMessage record(0, toHost.c_str(), toClient.c_str(), fromHost.c_str(), fromClient.c_str(), qtype, type,
                                0, data, length);
@@ -260,14 +260,22 @@ bool cVantrelClientObjectImp::sendMessage(const char* data, unsigned length, con
   std::unique_ptr<cVantrelMessage> answer(NVSTmo2Ttm(ack));
   delete ack;
   if (answer && answer->isValid() && answer->getType() == wire::kDelivered) return true;
-  if (answer && answer->isValid())
-    lastRefusal_.assign(answer->getData(), strnlen(answer->getData(), answer->getDatalen()));
+  if (answer && answer->isValid() && answer->getData() != nullptr) {
+    // The answer's text is the service's reason; it is all a user has to go on.
+    // A service may add why after the text's zero (a broken link's cause).
+    const std::string_view data(answer->getData(), answer->getDatalen());
+    const std::string_view text(data.data(), strnlen(data.data(), data.size()));
+    lastRefusal_.assign(text);
+    if (text.size() + 1 < data.size()) {
+      const std::string_view detail = data.substr(text.size() + 1);
+      if (const std::size_t length = strnlen(detail.data(), detail.size()); length > 0)
+        lastRefusal_.append(" (").append(detail.substr(0, length)).append(")");
+    }
+  }
   SetStatus(wire::kStatusAckError);
-  // The answer's text is the service's reason; it is all a user has to go on.
-  const char* reason = answer && answer->isValid() && answer->getData() ? answer->getData() : "";
   VLOG_WARN("cVantrelClientObjectImp::sendMessage(%s) - ack on send error %d: %s@%s not delivered: %s", WhoAmIText(),
             wire::kStatusAckError, vantrel::log::Escaped(toClient), vantrel::log::Escaped(toHost),
-            vantrel::log::Escaped(std::string_view(reason, strnlen(reason, answer ? answer->getDatalen() : 0))));
+            vantrel::log::Escaped(lastRefusal_));
   return false;
 }
 
@@ -281,7 +289,7 @@ bool cVantrelClientObjectImp::NETSendMessageNoresponseZ1(const char* data, unsig
   const CVantrelAddress parsed(address ? address : "");
   if (parsed.ClientName().empty() || parsed.HostName().empty()) return false;
   const short type = IsLocalHost(parsed.HostName()) ? wire::kLocalSendNoResponse : wire::kSendNoResponse;
-  const std::string& fromHost = localHostName_;
+  const std::string& fromHost = fromHost_;
   const std::string& fromClient = GreetingClientName();
   const cVantrelMessage record(0, parsed.HostName().c_str(), parsed.ClientName().c_str(), fromHost.c_str(),
                                fromClient.c_str(), QTYPE_CLIENT, type, 0, data, length);
@@ -298,7 +306,7 @@ bool cVantrelClientObjectImp::NETSendMessageNowait(std::int32_t messageId, const
   const CVantrelAddress parsed(address ? address : "");
   if (parsed.ClientName().empty() || parsed.HostName().empty()) return false;
   const short type = IsLocalHost(parsed.HostName()) ? wire::kLocalSendNoWait : wire::kSendNoWait;
-  const std::string& fromHost = localHostName_;
+  const std::string& fromHost = fromHost_;
   const std::string& fromClient = GreetingClientName();
   const cVantrelMessage record(static_cast<std::uint32_t>(messageId), parsed.HostName().c_str(),
                                parsed.ClientName().c_str(), fromHost.c_str(), fromClient.c_str(), QTYPE_CLIENT, type, 0,
@@ -324,7 +332,7 @@ bool cVantrelClientObjectImp::NETCopyFile(std::int32_t messageId, const char* da
   VLOG_DEBUG("cVantrelClientObjectImp::NETCopyFile(data=%s)", LoggedData(data, length));
   const CVantrelAddress parsed("NoClient", host ? host : "");
   if (parsed.HostName().empty()) return false;
-  const std::string& fromHost = localHostName_;
+  const std::string& fromHost = fromHost_;
   const std::string& fromClient = GreetingClientName();
   const cVantrelMessage record(static_cast<std::uint32_t>(messageId), parsed.HostName().c_str(), "NoClient",
                                fromHost.c_str(), fromClient.c_str(), QTYPE_CLIENT, wire::kFileCopy, 0, data, length);

@@ -170,6 +170,9 @@ class cVantrelClientObjectImp : public RWCollectable, public iVantrelClientCommu
   // Written and read by the thread of the acknowledged sends only.
   std::string lastRefusal_;
   // Written once by NETInit before the object becomes valid; read-only afterwards.
+  // The service's full host text (its net port included) is what it writes as
+  // the sender's host, so the records we write carry the same and pass unchanged.
+  std::string fromHost_;
   std::string whoAmI_;
   unsigned short clientPort_ = 0;
   long ackWaitTimeout_ = kDefaultAckWaitMilliseconds;

@@ -62,8 +62,15 @@ std::list<cPendingAnswers::cEntry> cPendingAnswers::Close() {
 std::unique_ptr<VantrelClientEvent> cPendingAnswers::BrokenAnswer(std::uint32_t messageId, const char* toHost,
                                                                   const char* toClient, const char* fromHost,
                                                                   const char* fromClient, QType qtype, const char* text,
-                                                                  short subtype) {
+                                                                  short subtype, const std::string& detail) {
+  if (detail.empty() || qtype != QTYPE_SYNC)
+    return std::make_unique<VantrelClientEvent>(static_cast<long>(messageId), fromHost, fromClient, toHost, toClient,
+                                                qtype, vantrel::wire::kNotDelivered, subtype, text,
+                                                static_cast<long>(std::strlen(text) + 1));
+  std::string data(text);
+  data.push_back('\0');
+  data += detail;
   return std::make_unique<VantrelClientEvent>(static_cast<long>(messageId), fromHost, fromClient, toHost, toClient,
-                                              qtype, vantrel::wire::kNotDelivered, subtype, text,
-                                              static_cast<long>(std::strlen(text) + 1));
+                                              qtype, vantrel::wire::kNotDelivered, subtype, data.c_str(),
+                                              static_cast<long>(data.size() + 1));
 }

@@ -62,12 +62,16 @@ class cPendingAnswers {
   // The answer to a request (given by its own addresses) that the peer will
   // never answer: not delivered with `text` (by default "Connection to host
   // broke."), travelling back to the requester with the request's message id,
-  // on `subtype` (gAnswerChannel).
+  // on `subtype` (gAnswerChannel). An acknowledged send (QTYPE_SYNC) gets
+  // `detail`, when there is one, after the text's terminating zero: the client
+  // library reads it as the reason, and whoever reads the text up to its zero
+  // reads the same text as before.
   static std::unique_ptr<VantrelClientEvent> BrokenAnswer(std::uint32_t messageId, const char* toHost,
                                                           const char* toClient, const char* fromHost,
                                                           const char* fromClient, QType qtype,
                                                           const char* text = nVantrelLink::kLinkBrokeText,
-                                                          short subtype = vantrel::wire::kChannelMessages);
+                                                          short subtype = vantrel::wire::kChannelMessages,
+                                                          const std::string& detail = std::string());
 
  private:
   mutable std::mutex mutex_;

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <utility>
 
 #include "vantrel/base/env/envcontainer.h"
@@ -151,6 +152,17 @@ void CVantrelHostConnection::runReader() {
   } catch (const std::exception& e) {
     VLOG_ERROR("CVantrelHostConnection::doReading - Exception: %s", e.what());
   }
+  bool ended = false;
+  {
+    RQPMutexGuard guard(lock_);
+    ended = terminated_;
+  }
+  // A plain link whose peer hangs up before its first byte is, most often, a
+  // TLS service that could not read our plain host-name message.
+  if (!ended && outgoing_)
+    fail(socket_.PeerLeftSilently() && !context_->tls.useOpenSsl
+             ? "the peer closed the link without a word; does it use TLS (UseOpenSsl = 1)?"
+             : "the peer closed the link or the connection was lost");
   VLOG_DEBUG("CVantrelHostConnection::StartReader - before terminate");
   Terminate(false);
   VLOG_DEBUG("CVantrelHostConnection::StartReader - Done");
@@ -188,16 +200,22 @@ bool CVantrelHostConnection::connectToPeer() {
     VLOG_DEBUG("CVantrelHostConnection::connect - port not set");
   } else if (!split.port.has_value()) {
     VLOG_ERROR("CVantrelHostConnection::connect - host text '%s' carries no valid port", vantrel::log::Escaped(text));
+    fail("the host text carries no valid port");
     return false;
   } else {
     port = *split.port;
   }
   VLOG_INFO("Connecting to %s:%d.", vantrel::log::Escaped(split.host), port);
   try {
-    if (!socket_.Connect(split.host, port, context_->netOptions)) return false;
+    std::string why;
+    if (!socket_.Connect(split.host, port, context_->netOptions, &why)) {
+      if (!why.empty()) fail(why);  // empty: closed by the service itself
+      return false;
+    }
   } catch (const std::exception& e) {
     // Unusable TLS files: nothing can be sent on this link.
     VLOG_ERROR("CVantrelHostConnection::connect - %s", e.what());
+    fail(e.what());
     return false;
   }
   // A name that resolves to one of this host's own addresses leads back here;
@@ -206,11 +224,13 @@ bool CVantrelHostConnection::connectToPeer() {
   if (context_->router != nullptr && context_->router->isLocalHost(reached.c_str())) {
     VLOG_ERROR("CVantrelHostConnection::connect - %s leads back to this service (%s); link refused",
                vantrel::log::Escaped(text), reached);
+    fail("the address leads back to this service");
     return false;
   }
   const std::string& me = context_->addressHostText;
   if (!socket_.SendTypedMessageZ2(kHostName, kVersionMarker, me.c_str(), static_cast<unsigned>(me.size() + 1))) {
     VLOG_ERROR("Error sending host-name message to host %s.", vantrel::log::Escaped(text));
+    fail("the connection was lost before the host-name message went out");
     return false;
   }
   VLOG_INFO("Connection to %s:%d Succeeded.", vantrel::log::Escaped(split.host), port);
@@ -563,6 +583,7 @@ void CVantrelHostConnection::doWriting() {
       unsent_.fetch_sub(taken, std::memory_order_acq_rel);
       if (!sent) {
         VLOG_ERROR("CVantrelHostConnection::doWriting - send to host %s failed", vantrel::log::Escaped(HostText()));
+        fail("sending to the peer failed");
         return;
       }
       const double now = RQPSysTime();
@@ -655,6 +676,8 @@ bool CVantrelHostConnection::keepAlive(double now) {
   if (silent > static_cast<double>(silenceLimitSeconds()) && pending_.Waiting()) {
     VLOG_ERROR("CVantrelHostConnection - host %s silent for %.0f s while requests wait for answers; link broken", host,
                silent);
+    fail("the peer sent nothing for " + std::to_string(static_cast<long>(silent)) + " s while requests waited; limit " +
+         std::to_string(silenceLimitSeconds()) + " s");
     return false;
   }
   // Pinged whenever nothing was sent for a ping interval, even while the peer
@@ -676,12 +699,31 @@ bool CVantrelHostConnection::keepAlive(double now) {
 
 void CVantrelHostConnection::answerBroken(std::uint32_t messageId, short type, const char* toHost, const char* toClient,
                                           const char* fromHost, const char* fromClient, const char* text) {
+  // Only the answers of a broken link carry its reason; a full link or a late
+  // peer say all there is in their text.
+  const std::string detail = std::strcmp(text, nVantrelLink::kLinkBrokeText) == 0 ? failure() : std::string();
   auto answer = cPendingAnswers::BrokenAnswer(messageId, toHost, toClient, fromHost, fromClient, AnswerQType(type),
-                                              text, gAnswerChannel(type, false));
+                                              text, gAnswerChannel(type, false), detail);
   const bool delivered = context_->router != nullptr && context_->router->dispatchClientEvent(answer.get());
   if (delivered) answer.release();  // the requester's connection has it now
   VLOG_DEBUG("CVantrelHostConnection - message %u of type %d from %s answered as broken link%s", messageId, type,
              vantrel::log::Escaped(fromClient), delivered ? "" : ", requester gone");
+}
+
+void CVantrelHostConnection::fail(const std::string& reason) {
+  std::string host;
+  {
+    std::lock_guard<std::mutex> guard(hostMutex_);
+    if (!failure_.empty()) return;
+    failure_ = reason;
+    host = host_;
+  }
+  VLOG_ERROR("CVantrelHostConnection - link to %s failed: %s", vantrel::log::Escaped(host), reason);
+}
+
+std::string CVantrelHostConnection::failure() const {
+  std::lock_guard<std::mutex> guard(hostMutex_);
+  return failure_;
 }
 
 void CVantrelHostConnection::breakLink() {

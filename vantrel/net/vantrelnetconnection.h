@@ -117,7 +117,8 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   // Records the batch's waited requests and writes its frames in one go. False
   // when the link is ending (its requests are answered) or the write failed.
   bool sendBatch(std::vector<std::unique_ptr<VantrelHostEvent>>& batch);
-  // "Connection to host broke." for a type 2 or 4 request that will never be answered.
+  // "Connection to host broke." for a type 2 or 4 request that will never be
+  // answered; with that text, an acknowledged send also gets the link's failure.
   void answerBroken(std::uint32_t messageId, short type, const char* toHost, const char* toClient, const char* fromHost,
                     const char* fromClient, const char* text = nVantrelLink::kLinkBrokeText);
   // The local client's writer wrote (or dropped) a message from the peer.
@@ -126,6 +127,10 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   // the link is to be broken.
   bool keepAlive(double now);
   long silenceLimitSeconds() const;
+  // Records (the first) why the link failed, and logs it with the host.
+  // Reader or writer thread; not for an end the service asked for.
+  void fail(const std::string& reason);
+  std::string failure() const;
   void breakLink();
   // Once given way: true when nothing is left to send or to wait for.
   bool retired() const;
@@ -141,7 +146,8 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   // This link's counters, shared with the service's registry.
   const std::shared_ptr<vantrel::stats::cConnectionStats> stats_;
   mutable std::mutex hostMutex_;
-  std::string host_;  // guarded by hostMutex_
+  std::string host_;     // guarded by hostMutex_
+  std::string failure_;  // guarded by hostMutex_; set once
   vantrel::platform::cThread reader_;
   vantrel::platform::cThread writer_;
   RQPEventQueue outgoing_queue_;

@@ -20,7 +20,6 @@
 #include "vantrel/base/socket/shortage.h"
 #include "vantrel/base/socket/socketerror.h"
 #include "vantrel/base/socket/socketoptions.h"
-#include "vantrel/message/wire.h"
 #include "vantrel/net/VantrelToolKit.h"
 #include "vantrel/net/vantrelclientconnection.h"
 #include "vantrel/net/vantrelconnectioncontext.h"
@@ -100,10 +99,9 @@ class CVantrelClass::cCore : public iVantrelClientSessionFactory {
                                                              iVantrelClientLink* link) override {
     // The greeting has arrived: the connection no longer counts as pending.
     keeper.Admitted(link);
-    // The host name as the greeting's fixed field gave it to the client, so that
-    // the sender fields the service writes are the ones the client library wrote.
-    return std::make_unique<VantrelClientInstance>(
-        name, link, &eventServer, hostName.substr(0, vantrel::wire::kGreetingFieldSize), context->copies);
+    // The sender's host is this service's full host text, net port included:
+    // a reply to it must reach this service, not another one on the same machine.
+    return std::make_unique<VantrelClientInstance>(name, link, &eventServer, addressHostText, context->copies);
   }
 
   // Once the net port is known and before any listener accepts.

@@ -32,8 +32,9 @@
 class VantrelClientInstance : public iVantrelClientSession {
  public:
   // Registers itself with `router` (may be null: nothing is routed) under `name`.
-  // `hostName` is what the service told the client its host is; it becomes the
-  // from host of everything the client sends. `copies` limits the client's file
+  // `hostName` is the service's full host text (host and net port, as the
+  // client's who-am-I address gives it); it becomes the from host of everything
+  // the client sends, so that the sender's address is itself a destination. `copies` limits the client's file
   // copies (null: its user's rights only).
   VantrelClientInstance(const std::string& name, iVantrelClientLink* connection, iVantrelRouter* router,
                         const std::string& hostName = "", std::shared_ptr<const cCopyPolicy> copies = nullptr);

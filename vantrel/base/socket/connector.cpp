@@ -1,6 +1,8 @@
 #include "vantrel/base/socket/connector.h"
 
 #include <algorithm>
+#include <string>
+#include <utility>
 
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/socket/shortage.h"
@@ -29,13 +31,17 @@ tConnectAttempt gAttemptConnect(platform::tSocket socket, const platform::cSocke
   return failure.fault == platform::tSocketFault::eRefused ? tConnectAttempt::eRefused : tConnectAttempt::eFailed;
 }
 
-platform::cUniqueSocket cConnector::Connect(const std::string& host, unsigned short port,
-                                            const cSocketOptions& options) const {
+platform::cUniqueSocket cConnector::Connect(const std::string& host, unsigned short port, const cSocketOptions& options,
+                                            std::string* failure) const {
+  const auto fail = [&](std::string why) {
+    if (failure != nullptr) *failure = std::move(why);
+    return platform::cUniqueSocket();
+  };
   const platform::cLookupResult found = platform::gLookUp(host, port, platform::tLookup::eAnyFamily);
   if (found.addresses.empty()) {
     VLOG_ERROR("StreamSocket::Connect(%s) - cannot resolve host %s: %s", name_, vantrel::log::Escaped(host),
                found.error);
-    return {};
+    return fail("cannot resolve host " + std::string(vantrel::log::Escaped(host)) + ": " + found.error);
   }
 
   const std::int64_t reactivationDeadline =
@@ -53,7 +59,7 @@ platform::cUniqueSocket cConnector::Connect(const std::string& host, unsigned sh
         if (result.fault != platform::tSocketFault::eNoResources)
           throw cSocketError("StreamSocket::Connect - socket failed: " + result.Text());
         gReportDescriptorShortage(("StreamSocket::Connect(" + name_ + ")").c_str(), "link not opened");
-        return {};
+        return fail("no descriptor left for a socket; the process is at its limit of open files");
       }
       switch (gAttemptConnect(socket.Get(), address, gDeadlineAfter(options.connectTimeout), &closing_, lastFailure)) {
         case tConnectAttempt::eConnected:
@@ -70,7 +76,8 @@ platform::cUniqueSocket cConnector::Connect(const std::string& host, unsigned sh
     if (!refused || gSteadyNowUs() >= reactivationDeadline) {
       VLOG_ERROR("StreamSocket::Connect(%s) - cannot connect to %s:%d: %s", name_, vantrel::log::Escaped(host), port,
                  lastFailure.Text());
-      return {};
+      return fail("cannot connect to " + std::string(vantrel::log::Escaped(host)) + ":" + std::to_string(port) + ": " +
+                  lastFailure.Text());
     }
     // The peer is not listening (yet); a restarting service comes back shortly.
     const std::int64_t pauseUs = std::min(retryDelayUs, reactivationDeadline - gSteadyNowUs());

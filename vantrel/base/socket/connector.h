@@ -32,10 +32,10 @@ class cConnector {
   // each attempt bounded by options.connectTimeout; while every address
   // refuses, tries again (backing off from 50 to 500 ms) until
   // options.closedReactivationTimeout has passed. An invalid socket when it
-  // failed (logged) or was closed. Throws cSocketError when the system gives no
-  // socket.
-  vantrel::platform::cUniqueSocket Connect(const std::string& host, unsigned short port,
-                                           const cSocketOptions& options) const;
+  // failed (logged; `failure`, when given, says why in a few words) or was
+  // closed. Throws cSocketError when the system gives no socket.
+  vantrel::platform::cUniqueSocket Connect(const std::string& host, unsigned short port, const cSocketOptions& options,
+                                           std::string* failure = nullptr) const;
 
  private:
   const cCloseSignal& closing_;

@@ -45,8 +45,9 @@ bool StreamSocket::Adopt(platform::tSocket socket) {
   return true;
 }
 
-bool StreamSocket::RunHandshake(std::unique_ptr<cTlsSession> session, std::int64_t deadlineUs, const char* what) {
-  if (transport_->Handshake(std::move(session), deadlineUs, what)) return true;
+bool StreamSocket::RunHandshake(std::unique_ptr<cTlsSession> session, std::int64_t deadlineUs, const char* what,
+                                std::string* failure) {
+  if (transport_->Handshake(std::move(session), deadlineUs, what, failure)) return true;
   CloseSocket();
   return false;
 }
@@ -55,7 +56,8 @@ bool StreamSocket::ConnectLocal(unsigned short port, const cSocketOptions& optio
   return Connect("127.0.0.1", port, options);
 }
 
-bool StreamSocket::Connect(const std::string& host, unsigned short port, const cSocketOptions& options) {
+bool StreamSocket::Connect(const std::string& host, unsigned short port, const cSocketOptions& options,
+                           std::string* failure) {
   options_ = options;
   latencyLimiter_.SetCycle(options_.cycleLatencyThresholdLimit);
   if (IsClosed()) return false;
@@ -66,11 +68,12 @@ bool StreamSocket::Connect(const std::string& host, unsigned short port, const c
       clientContext = std::make_shared<cTlsContext>(cTlsContext::eClient, tlsSettings_);
     } catch (const cSocketError& e) {
       VLOG_ERROR("StreamSocket::Connect(%s) - %s", name_, e.what());
+      if (failure != nullptr) *failure = e.what();
       return false;
     }
   }
 
-  platform::cUniqueSocket connected = cConnector(Closing(), name_).Connect(host, port, options_);
+  platform::cUniqueSocket connected = cConnector(Closing(), name_).Connect(host, port, options_, failure);
   if (!connected.Valid()) return false;
   gApplyConnectionOptions(connected.Get(), options_);
   const platform::tSocket socket = connected.Release();  // the socket's own from here on
@@ -80,10 +83,11 @@ bool StreamSocket::Connect(const std::string& host, unsigned short port, const c
   auto session = std::make_unique<cTlsSession>(*clientContext, socket, "StreamSocket::Connect");
   if (!session->ConnectTo(host, tlsSettings_.verifyServerCertificate)) {
     VLOG_ERROR("StreamSocket::Connect(%s) - cannot verify against host name %s", name_, vantrel::log::Escaped(host));
+    if (failure != nullptr) *failure = "cannot verify against host name " + std::string(vantrel::log::Escaped(host));
     CloseSocket();
     return false;
   }
-  return RunHandshake(std::move(session), gDeadlineAfter(options_.connectTimeout), "connect");
+  return RunHandshake(std::move(session), gDeadlineAfter(options_.connectTimeout), "connect", failure);
 }
 
 void StreamSocket::CreateListenerSocket(unsigned short port, tBindScope scope) {

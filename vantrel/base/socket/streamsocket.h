@@ -97,8 +97,10 @@ class StreamSocket : public c_Socket {
   // Resolves `host` (name or dotted address) and connects, each attempt bounded
   // by connectTimeout; refused connections are retried until
   // closedReactivationTimeout has passed. With TLS the client handshake follows,
-  // also bounded by connectTimeout. False on any failure (logged).
-  bool Connect(const std::string& host, unsigned short port, const cSocketOptions& options);
+  // also bounded by connectTimeout. False on any failure (logged; `failure`,
+  // when given, says why in a few words: no resolve, refused, timed out, TLS).
+  bool Connect(const std::string& host, unsigned short port, const cSocketOptions& options,
+               std::string* failure = nullptr);
 
   // TLS listeners build their server context first, so unusable certificate
   // files throw cSocketError before the port is bound.
@@ -160,7 +162,8 @@ class StreamSocket : public c_Socket {
   // Takes `socket` as this socket's connection; false when it was closed meanwhile.
   bool Adopt(vantrel::platform::tSocket socket);
   // Runs the handshake of `session`; a failed handshake closes the socket.
-  bool RunHandshake(std::unique_ptr<cTlsSession> session, std::int64_t deadlineUs, const char* what);
+  bool RunHandshake(std::unique_ptr<cTlsSession> session, std::int64_t deadlineUs, const char* what,
+                    std::string* failure = nullptr);
 
   const bool useTls_;
   const std::string name_;

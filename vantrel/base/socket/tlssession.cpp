@@ -63,10 +63,15 @@ cTlsSession::tIo cTlsSession::Handshake(std::string& failure) {
   if (error == SSL_ERROR_WANT_READ) return tIo::eWantRead;
   if (error == SSL_ERROR_WANT_WRITE) return tIo::eWantWrite;
   const vantrel::platform::cSocketResult system = vantrel::platform::gLastSocketError();
+  const bool queued = ERR_peek_error() != 0;
   failure = gTlsErrorText();
   const long verify = SSL_get_verify_result(ssl_);
   if (verify != X509_V_OK) failure += std::string("; certificate: ") + X509_verify_cert_error_string(verify);
   if (error == SSL_ERROR_SYSCALL && system.code != 0) failure += "; " + system.Text();
+  // Neither OpenSSL nor the system has a word for a peer that just hung up,
+  // which is what a service without TLS does with a handshake it cannot read.
+  if ((error == SSL_ERROR_ZERO_RETURN || (error == SSL_ERROR_SYSCALL && system.code == 0)) && !queued)
+    failure = "the peer closed the connection during the handshake; is it a TLS service?";
   return tIo::eFailed;
 }
 

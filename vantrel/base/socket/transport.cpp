@@ -17,24 +17,28 @@ void cTransport::Attach(platform::tSocket socket, bool blockingReads) {
   socket_.store(socket, std::memory_order_release);
 }
 
-bool cTransport::Handshake(std::unique_ptr<cTlsSession> session, std::int64_t deadlineUs, const char* what) {
+bool cTransport::Handshake(std::unique_ptr<cTlsSession> session, std::int64_t deadlineUs, const char* what,
+                           std::string* failure) {
   session_ = std::move(session);
   const platform::tSocket socket = socket_.load(std::memory_order_acquire);
   for (;;) {
-    std::string failure;
-    const tIo io = session_->Handshake(failure);
+    std::string reason;
+    const tIo io = session_->Handshake(reason);
     if (io == tIo::eDone) break;
     if (io != tIo::eWantRead && io != tIo::eWantWrite) {
       VLOG_ERROR("StreamSocket::RunHandshake(%s,%d) - TLS %s handshake failed with %s: %s", name_, owner_.Handle(),
-                 what, owner_.PeerAddress(), failure);
+                 what, owner_.PeerAddress(), reason);
+      if (failure != nullptr) *failure = "TLS handshake failed: " + reason;
       return false;
     }
     const tWait wait = closing_.Wait(
         socket, io == tIo::eWantRead ? platform::tReadiness::eReadable : platform::tReadiness::eWritable, deadlineUs);
     if (wait == tWait::eReady) continue;
-    if (wait == tWait::eTimeout)
+    if (wait == tWait::eTimeout) {
       VLOG_ERROR("StreamSocket::RunHandshake(%s,%d) - TLS %s handshake with %s timed out", name_, owner_.Handle(), what,
                  owner_.PeerAddress());
+      if (failure != nullptr) *failure = "TLS handshake timed out; is the peer a TLS service?";
+    }
     return false;
   }
   sessionReady_.store(true, std::memory_order_release);

@@ -39,7 +39,9 @@ class cTransport final : public iByteSource, public iByteSink {
   // Runs the handshake of `session` (bounded by `deadlineUs`; `what` names it
   // in log lines) and carries the connection through it from then on. False
   // (logged) when it failed or timed out; the caller then closes.
-  bool Handshake(std::unique_ptr<cTlsSession> session, std::int64_t deadlineUs, const char* what);
+  // `failure` (may be null) receives why a handshake failed.
+  bool Handshake(std::unique_ptr<cTlsSession> session, std::int64_t deadlineUs, const char* what,
+                 std::string* failure = nullptr);
   // Whether the TLS handshake has completed.
   bool SessionReady() const { return sessionReady_.load(std::memory_order_acquire); }
   // After the handshake: the peer's verified certificate names `host`
