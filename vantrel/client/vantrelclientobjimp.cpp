@@ -263,13 +263,13 @@ bool cVantrelClientObjectImp::sendMessage(const char* data, unsigned length, con
   if (answer && answer->isValid() && answer->getData() != nullptr) {
     // The answer's text is the service's reason; it is all a user has to go on.
     // A service may add why after the text's zero (a broken link's cause).
-    const std::string_view data(answer->getData(), answer->getDatalen());
-    const std::string_view text(data.data(), strnlen(data.data(), data.size()));
+    const std::string_view answered(answer->getData(), answer->getDatalen());
+    const std::string_view text(answered.data(), strnlen(answered.data(), answered.size()));
     lastRefusal_.assign(text);
-    if (text.size() + 1 < data.size()) {
-      const std::string_view detail = data.substr(text.size() + 1);
-      if (const std::size_t length = strnlen(detail.data(), detail.size()); length > 0)
-        lastRefusal_.append(" (").append(detail.substr(0, length)).append(")");
+    if (text.size() + 1 < answered.size()) {
+      const std::string_view detail = answered.substr(text.size() + 1);
+      if (const std::size_t detailLength = strnlen(detail.data(), detail.size()); detailLength > 0)
+        lastRefusal_.append(" (").append(detail.substr(0, detailLength)).append(")");
     }
   }
   SetStatus(wire::kStatusAckError);
