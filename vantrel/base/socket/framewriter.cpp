@@ -57,7 +57,7 @@ void cFrameWriter::TakeTurn() {
 }
 
 bool cFrameWriter::ReleaseTurn(bool ok) {
-  for (;;) {
+  for (int rounds = 0;; ++rounds) {
     std::size_t dropped = 0;
     bool released = false;
     {
@@ -65,9 +65,13 @@ bool cFrameWriter::ReleaseTurn(bool ok) {
       if (pending_.empty()) {
         Trim(pending_, kKeptBufferBytes);
         writing_ = false;
+        postsClosed_ = false;
         released = true;
       } else if (ok) {
         spare_.swap(pending_);
+        // Senders that keep posting would keep this holder writing for them
+        // for ever; after a few rounds they wait for the turn instead.
+        if (rounds + 1 >= kMaxRoundsPerTurn) postsClosed_ = true;
       } else {
         dropped = pending_.size();
         pending_.clear();
@@ -139,7 +143,7 @@ bool cFrameWriter::Post(short type, short subtype, const char* data, unsigned le
   const std::int64_t now = nTime::cPoint::Now().EpochMicroseconds();
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (writing_ && pending_.size() + frameBytes <= kMaxPendingBytes) {
+    if (writing_ && !postsClosed_ && pending_.size() + frameBytes <= kMaxPendingBytes) {
       const std::size_t at = pending_.size();
       pending_.resize(at + frameBytes);
       Encode(type, subtype, length, now, reinterpret_cast<unsigned char*>(pending_.data() + at));

@@ -78,6 +78,9 @@ class cFrameWriter {
   static constexpr std::size_t kMaxPendingBytes = 256 * 1024;
   // Buffers above this size are given back once their burst is written.
   static constexpr std::size_t kKeptBufferBytes = 8 * 1024;
+  // A holder writes others' posted frames at most this many times before
+  // posting closes until the turn is free: its own send returns in bounded time.
+  static constexpr int kMaxRoundsPerTurn = 4;
 
  private:
   bool Check(const char* data, unsigned length) const;
@@ -97,6 +100,7 @@ class cFrameWriter {
   std::mutex mutex_;
   std::condition_variable turnFree_;
   bool writing_ = false;       // guarded by mutex_: a sender holds the turn
+  bool postsClosed_ = false;   // guarded by mutex_: posts wait for the turn until it is free
   std::vector<char> pending_;  // guarded by mutex_: encoded frames posted during the turn
   std::vector<char> spare_;    // the turn holder's: the pending frames being written
   std::atomic<std::uint64_t> latencyTurn_{0};
