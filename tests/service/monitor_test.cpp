@@ -3,9 +3,6 @@
 // clients, and `vantrel-cli status` reading it.
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <future>
 #include <map>
@@ -17,6 +14,7 @@
 #include "tests/support/servicehelper.h"
 #include "vantrel/base/platform/manualevent.h"
 #include "vantrel/base/platform/process.h"
+#include "vantrel/base/platform/socket.h"
 #include "vantrel/message/wire.h"
 #include "vantrel/net/FileTransferHandler.h"
 
@@ -177,29 +175,39 @@ TEST(MonitorEndpointTest, ACopyInFlightShowsOnBothSidesUntilItEnds) {
   })) << status.dump(2);
 }
 
-// A raw connection to the endpoint.
-int Connect(unsigned short port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    ::close(fd);
-    return -1;
-  }
-  timeval wait{8, 0};
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-  return fd;
+namespace platform = vantrel::platform;
+
+std::int64_t In8Seconds() { return platform::gSteadyNowUs() + 8'000'000; }
+
+// A raw connection to the endpoint; kNoSocket when it cannot be made.
+platform::tSocket Connect(unsigned short port) {
+  platform::cSocketResult result;
+  platform::cUniqueSocket socket(platform::gOpenStreamSocket(platform::tAddressFamily::eIPv4, result));
+  const auto address = platform::gLookUp("127.0.0.1", port, platform::tLookup::eIPv4Only);
+  if (!socket.Valid() || address.addresses.empty()) return platform::kNoSocket;
+  result = platform::gStartConnect(socket.Get(), address.addresses.front());
+  if (result.fault == platform::tSocketFault::eInProgress &&
+      platform::gPoll(socket.Get(), platform::tReadiness::eWritable, nullptr, In8Seconds()) ==
+          platform::tPollResult::eReady)
+    result = platform::gConnectOutcome(socket.Get());
+  return result.Ok() ? socket.Release() : platform::kNoSocket;
 }
 
 // What the endpoint answers to `request` before it closes: the status line,
 // "<closed>" for a close without one, "<silent>" for neither within 8 s.
-std::string Exchange(int fd, const std::string& request) {
-  if (!request.empty() && ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) < 0) return "<send failed>";
+std::string Exchange(platform::tSocket raw, const std::string& request) {
+  const platform::cUniqueSocket socket(raw);
+  if (!socket.Valid()) return "<no connection>";
+  platform::cSocketResult result;
+  const platform::cSendBuffer part{request.data(), request.size()};
+  // A request this small fits the fresh connection's send buffer whole.
+  if (!request.empty() && platform::gSendGathered(raw, &part, 1, result) != request.size()) return "<send failed>";
+  if (platform::gPoll(raw, platform::tReadiness::eReadable, nullptr, In8Seconds()) == platform::tPollResult::eTimedOut)
+    return "<silent>";
   char buffer[512];
-  const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
-  ::close(fd);
+  const std::size_t got = platform::gReceive(raw, buffer, sizeof buffer, false, result);
   if (got == 0) return "<closed>";
-  if (got < 0) return errno == EAGAIN ? "<silent>" : "<closed>";
-  const std::string text(buffer, static_cast<std::size_t>(got));
+  const std::string text(buffer, got);
   return text.substr(0, text.find("\r\n"));
 }
 
@@ -225,8 +233,8 @@ TEST(MonitorEndpointTest, BadRequestsAreRefusedAndSlowClientsCutOffWhileTheServi
   // meanwhile the service routes messages as ever.
   std::vector<std::future<std::string>> slow;
   for (int i = 0; i < 4; ++i) {
-    const int fd = Connect(port);
-    slow.push_back(std::async(std::launch::async, [fd] { return Exchange(fd, "GET /status HTTP/1.1\r\n"); }));
+    const platform::tSocket socket = Connect(port);
+    slow.push_back(std::async(std::launch::async, [socket] { return Exchange(socket, "GET /status HTTP/1.1\r\n"); }));
   }
   TestClient client;
   ASSERT_TRUE(client.NETInitZ641("busy", monitored.service.GetClientsPortZ5181()));
