@@ -214,6 +214,11 @@ cSocketResult gSetReuseAddress(tSocket socket) {
       ::setsockopt(AsSocket(socket), SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&on), sizeof on));
 }
 
+cSocketResult gSetCloseOnExec(tSocket socket) {
+  if (::SetHandleInformation(reinterpret_cast<HANDLE>(AsSocket(socket)), HANDLE_FLAG_INHERIT, 0)) return {};
+  return Result(static_cast<int>(::GetLastError()));
+}
+
 // ---- listening and connecting ---------------------------------------------------
 
 cSocketResult gBindIPv4(tSocket socket, tListenAddress address, unsigned short port) {
