@@ -11,10 +11,10 @@
 #include <set>
 #include <sstream>
 
+#include "tests/base/socket/socketpair.h"
 #include "tests/support/servicehelper.h"
 #include "vantrel/base/platform/manualevent.h"
 #include "vantrel/base/platform/process.h"
-#include "vantrel/base/platform/socket.h"
 #include "vantrel/message/wire.h"
 #include "vantrel/net/FileTransferHandler.h"
 
@@ -175,37 +175,17 @@ TEST(MonitorEndpointTest, ACopyInFlightShowsOnBothSidesUntilItEnds) {
   })) << status.dump(2);
 }
 
-namespace platform = vantrel::platform;
-
-std::int64_t In8Seconds() { return platform::gSteadyNowUs() + 8'000'000; }
-
-// A raw connection to the endpoint; kNoSocket when it cannot be made.
-platform::tSocket Connect(unsigned short port) {
-  platform::cSocketResult result;
-  platform::cUniqueSocket socket(platform::gOpenStreamSocket(platform::tAddressFamily::eIPv4, result));
-  const auto address = platform::gLookUp("127.0.0.1", port, platform::tLookup::eIPv4Only);
-  if (!socket.Valid() || address.addresses.empty()) return platform::kNoSocket;
-  result = platform::gStartConnect(socket.Get(), address.addresses.front());
-  if (result.fault == platform::tSocketFault::eInProgress &&
-      platform::gPoll(socket.Get(), platform::tReadiness::eWritable, nullptr, In8Seconds()) ==
-          platform::tPollResult::eReady)
-    result = platform::gConnectOutcome(socket.Get());
-  return result.Ok() ? socket.Release() : platform::kNoSocket;
-}
-
 // What the endpoint answers to `request` before it closes: the status line,
 // "<closed>" for a close without one, "<silent>" for neither within 8 s.
-std::string Exchange(platform::tSocket raw, const std::string& request) {
-  const platform::cUniqueSocket socket(raw);
-  if (!socket.Valid()) return "<no connection>";
-  platform::cSocketResult result;
-  const platform::cSendBuffer part{request.data(), request.size()};
-  // A request this small fits the fresh connection's send buffer whole.
-  if (!request.empty() && platform::gSendGathered(raw, &part, 1, result) != request.size()) return "<send failed>";
-  if (platform::gPoll(raw, platform::tReadiness::eReadable, nullptr, In8Seconds()) == platform::tPollResult::eTimedOut)
+std::string Exchange(RawPeer& peer, const std::string& request) {
+  if (!request.empty()) peer.Send(request);
+  const platform::tSocket socket = peer.socket.Get();
+  if (platform::gPoll(socket, platform::tReadiness::eReadable, nullptr, platform::gSteadyNowUs() + 8'000'000) ==
+      platform::tPollResult::eTimedOut)
     return "<silent>";
   char buffer[512];
-  const std::size_t got = platform::gReceive(raw, buffer, sizeof buffer, false, result);
+  platform::cSocketResult result;
+  const std::size_t got = platform::gReceive(socket, buffer, sizeof buffer, false, result);
   if (got == 0) return "<closed>";
   const std::string text(buffer, got);
   return text.substr(0, text.find("\r\n"));
@@ -226,15 +206,16 @@ TEST(MonitorEndpointTest, BadRequestsAreRefusedAndSlowClientsCutOffWhileTheServi
            {"GARBAGE\r\n\r\n", "HTTP/1.1 400 Bad Request"},
            {"POST /status HTTP/1.1\r\nContent-Length: 99999999\r\n\r\n", "HTTP/1.1 413 Payload Too Large"},
        }) {
-    EXPECT_EQ(Exchange(Connect(port), c.request), c.answer) << c.request;
+    RawPeer peer(port);
+    EXPECT_EQ(Exchange(peer, c.request), c.answer) << c.request;
   }
 
   // More slow clients than the endpoint has workers: each is cut off, and
   // meanwhile the service routes messages as ever.
   std::vector<std::future<std::string>> slow;
   for (int i = 0; i < 4; ++i) {
-    const platform::tSocket socket = Connect(port);
-    slow.push_back(std::async(std::launch::async, [socket] { return Exchange(socket, "GET /status HTTP/1.1\r\n"); }));
+    auto peer = std::make_shared<RawPeer>(port);
+    slow.push_back(std::async(std::launch::async, [peer] { return Exchange(*peer, "GET /status HTTP/1.1\r\n"); }));
   }
   TestClient client;
   ASSERT_TRUE(client.NETInitZ641("busy", monitored.service.GetClientsPortZ5181()));
