@@ -3,9 +3,6 @@
 // clients, and `vantrel-cli status` reading it.
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <future>
 #include <map>
@@ -14,6 +11,7 @@
 #include <set>
 #include <sstream>
 
+#include "tests/base/socket/socketpair.h"
 #include "tests/support/servicehelper.h"
 #include "vantrel/base/platform/manualevent.h"
 #include "vantrel/base/platform/process.h"
@@ -177,29 +175,19 @@ TEST(MonitorEndpointTest, ACopyInFlightShowsOnBothSidesUntilItEnds) {
   })) << status.dump(2);
 }
 
-// A raw connection to the endpoint.
-int Connect(unsigned short port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    ::close(fd);
-    return -1;
-  }
-  timeval wait{8, 0};
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-  return fd;
-}
-
 // What the endpoint answers to `request` before it closes: the status line,
 // "<closed>" for a close without one, "<silent>" for neither within 8 s.
-std::string Exchange(int fd, const std::string& request) {
-  if (!request.empty() && ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) < 0) return "<send failed>";
+std::string Exchange(RawPeer& peer, const std::string& request) {
+  if (!request.empty()) peer.Send(request);
+  const platform::tSocket socket = peer.socket.Get();
+  if (platform::gPoll(socket, platform::tReadiness::eReadable, nullptr, platform::gSteadyNowUs() + 8'000'000) ==
+      platform::tPollResult::eTimedOut)
+    return "<silent>";
   char buffer[512];
-  const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
-  ::close(fd);
+  platform::cSocketResult result;
+  const std::size_t got = platform::gReceive(socket, buffer, sizeof buffer, false, result);
   if (got == 0) return "<closed>";
-  if (got < 0) return errno == EAGAIN ? "<silent>" : "<closed>";
-  const std::string text(buffer, static_cast<std::size_t>(got));
+  const std::string text(buffer, got);
   return text.substr(0, text.find("\r\n"));
 }
 
@@ -218,15 +206,16 @@ TEST(MonitorEndpointTest, BadRequestsAreRefusedAndSlowClientsCutOffWhileTheServi
            {"GARBAGE\r\n\r\n", "HTTP/1.1 400 Bad Request"},
            {"POST /status HTTP/1.1\r\nContent-Length: 99999999\r\n\r\n", "HTTP/1.1 413 Payload Too Large"},
        }) {
-    EXPECT_EQ(Exchange(Connect(port), c.request), c.answer) << c.request;
+    RawPeer peer(port);
+    EXPECT_EQ(Exchange(peer, c.request), c.answer) << c.request;
   }
 
   // More slow clients than the endpoint has workers: each is cut off, and
   // meanwhile the service routes messages as ever.
   std::vector<std::future<std::string>> slow;
   for (int i = 0; i < 4; ++i) {
-    const int fd = Connect(port);
-    slow.push_back(std::async(std::launch::async, [fd] { return Exchange(fd, "GET /status HTTP/1.1\r\n"); }));
+    auto peer = std::make_shared<RawPeer>(port);
+    slow.push_back(std::async(std::launch::async, [peer] { return Exchange(*peer, "GET /status HTTP/1.1\r\n"); }));
   }
   TestClient client;
   ASSERT_TRUE(client.NETInitZ641("busy", monitored.service.GetClientsPortZ5181()));

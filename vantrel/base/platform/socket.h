@@ -100,6 +100,11 @@ bool gIsOpenSocket(tSocket socket);
 // ---- options --------------------------------------------------------------------
 
 cSocketResult gSetNonBlocking(tSocket socket, bool nonBlocking);
+// Lets gReceive with `mayWait` wait inside the call while sends still never
+// wait. False where the system cannot have both on one socket: the socket then
+// stays non-blocking, every receive reports eWouldBlock when nothing is there,
+// and the caller waits in gPoll (where a wake-up can end the wait).
+bool gAllowBlockingReceive(tSocket socket);
 // Sends small segments at once instead of coalescing them.
 cSocketResult gSetNoDelay(tSocket socket);
 // Declares the connection dead when sent data stays unacknowledged this long.

@@ -41,7 +41,7 @@ bool StreamSocket::Adopt(platform::tSocket socket) {
   if (!AdoptDescriptor(socket)) return false;
   // Sends stay non-blocking (they never wait in the kernel); reads between
   // frames of a plain connection wait inside the receive.
-  transport_->Attach(socket, !useTls_ && platform::gSetNonBlocking(socket, false).Ok());
+  transport_->Attach(socket, !useTls_ && platform::gAllowBlockingReceive(socket));
   return true;
 }
 

@@ -54,23 +54,6 @@ std::string gFileErrorText(int code) { return std::strerror(code); }
 
 bool gIsAccessDenied(int code) { return code == EACCES || code == EPERM; }
 
-cFile::~cFile() { Close(); }
-
-cFile::cFile(cFile&& other) noexcept : handle_(other.handle_), error_(other.error_), why_(std::move(other.why_)) {
-  other.handle_ = -1;
-}
-
-cFile& cFile::operator=(cFile&& other) noexcept {
-  if (this != &other) {
-    Close();
-    handle_ = other.handle_;
-    error_ = other.error_;
-    why_ = std::move(other.why_);
-    other.handle_ = -1;
-  }
-  return *this;
-}
-
 cFile cFile::OpenRegularForReading(const std::string& path) {
   cFile file;
   // Non-blocking, so that opening a pipe without a writer returns at once; the

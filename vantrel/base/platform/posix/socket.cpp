@@ -154,6 +154,9 @@ cSocketResult gSetNonBlocking(tSocket socket, bool nonBlocking) {
   return Status(::fcntl(Fd(socket), F_SETFL, nonBlocking ? flags | O_NONBLOCK : flags & ~O_NONBLOCK));
 }
 
+// Sends pass MSG_DONTWAIT, so a blocking socket still never waits in a send.
+bool gAllowBlockingReceive(tSocket socket) { return gSetNonBlocking(socket, false).Ok(); }
+
 cSocketResult gSetNoDelay(tSocket socket) {
   const int on = 1;
   return Status(::setsockopt(Fd(socket), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on));

@@ -75,23 +75,6 @@ std::string gFileErrorText(int code) { return win32::ErrorText(static_cast<unsig
 
 bool gIsAccessDenied(int code) { return code == ERROR_ACCESS_DENIED || code == ERROR_PRIVILEGE_NOT_HELD; }
 
-cFile::~cFile() { Close(); }
-
-cFile::cFile(cFile&& other) noexcept : handle_(other.handle_), error_(other.error_), why_(std::move(other.why_)) {
-  other.handle_ = -1;
-}
-
-cFile& cFile::operator=(cFile&& other) noexcept {
-  if (this != &other) {
-    Close();
-    handle_ = other.handle_;
-    error_ = other.error_;
-    why_ = std::move(other.why_);
-    other.handle_ = -1;
-  }
-  return *this;
-}
-
 cFile cFile::OpenRegularForReading(const std::string& path) {
   cFile file;
   // Folders open too (so that the answer can say "is a folder"); the kind is

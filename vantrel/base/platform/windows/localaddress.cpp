@@ -44,14 +44,6 @@ std::optional<cIpAddress> gParseNumericAddress(const std::string& text) {
   return FromSockaddr(found->ai_addr);
 }
 
-bool gIsLoopback(const cIpAddress& address) {
-  if (address.family == tAddressFamily::eIPv4) return address.bytes[0] == 127;
-  static constexpr std::array<unsigned char, 16> kLoopback6{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-  return address.bytes == kLoopback6;
-}
-
-bool gIsUnspecified(const cIpAddress& address) { return address.bytes == std::array<unsigned char, 16>{}; }
-
 std::vector<cIpAddress> gInterfaceAddresses(std::string* error) {
   std::vector<cIpAddress> addresses;
   constexpr ULONG kFlags = GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER;

@@ -319,7 +319,7 @@ RQPSpawnResult RQPCreateProcessZ0(const std::string& program, const std::vector<
   if (options.detached) {
     streams[0] = OpenNul(false);
     streams[1] = OpenNul(true);
-    streams[2] = OpenNul(true);
+    streams[2] = options.keepStandardError ? InheritableCopy(::GetStdHandle(STD_ERROR_HANDLE)) : OpenNul(true);
   } else {
     streams[0] = InheritableCopy(::GetStdHandle(STD_INPUT_HANDLE));
     streams[1] = InheritableCopy(::GetStdHandle(STD_OUTPUT_HANDLE));

@@ -185,6 +185,12 @@ cSocketResult gSetNonBlocking(tSocket socket, bool nonBlocking) {
   return Status(::ioctlsocket(AsSocket(socket), FIONBIO, &mode));
 }
 
+// A send has no per-call "do not wait" flag here, so a blocking socket would
+// wait in its sends; and a receive blocked in the system is not ended by a
+// shutdown from another thread under every Windows (wine among them). Reads
+// wait in gPoll next to the wake-up instead.
+bool gAllowBlockingReceive(tSocket) { return false; }
+
 cSocketResult gSetNoDelay(tSocket socket) {
   const BOOL on = TRUE;
   return Status(
@@ -206,6 +212,11 @@ cSocketResult gSetReuseAddress(tSocket socket) {
   const BOOL on = TRUE;
   return Status(
       ::setsockopt(AsSocket(socket), SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&on), sizeof on));
+}
+
+cSocketResult gSetCloseOnExec(tSocket socket) {
+  if (::SetHandleInformation(reinterpret_cast<HANDLE>(AsSocket(socket)), HANDLE_FLAG_INHERIT, 0)) return {};
+  return Result(static_cast<int>(::GetLastError()));
 }
 
 // ---- listening and connecting ---------------------------------------------------

@@ -8,6 +8,8 @@ namespace vantrel::platform {
 
 bool StandardErrorIsTerminal() { return ::_isatty(_fileno(stderr)) != 0; }
 
+bool StandardOutputIsTerminal() { return ::_isatty(_fileno(stdout)) != 0; }
+
 cStandardOutputToError::cStandardOutputToError() {
   std::fflush(stdout);
   const int saved = ::_dup(_fileno(stdout));
