@@ -50,8 +50,12 @@ TEST(ManyHosts, MessagesForTwoHundredPeersTakeTheLinksTheyOpened) {
   for (int i = 0; i < kPeers; ++i)
     for (int round = 0; round < kRounds; ++round)
       ExpectMessage(*peers[i], std::to_string(i) + "/" + std::to_string(round));
-  // A link that copies nothing runs its reader and writer only: file threads start with a copy.
-  EXPECT_TRUE(WaitUntil([&] { return service.threads() == threadsBefore + 2 * kPeers; })) << service.threads();
+  // A link that copies nothing runs its reader and writer only: file threads
+  // start with a copy. A few threads of the service's own come and go (under
+  // the sanitizers, seven more were seen); a third thread per link would be
+  // hundreds more.
+  EXPECT_TRUE(WaitUntil([&] { return service.threads() <= threadsBefore + 2 * kPeers + kPeers / 20; }))
+      << service.threads() - threadsBefore;
   EXPECT_EQ(service.logCount("Creating new CVantrelHostConnection"), 0u) << service.log();
   EXPECT_EQ(service.stop(), 0);
 }
