@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/arrivals.h"
 #include "bench/benchcore.h"
 #include "bench/servicerunner.h"
 #include "bench/tcprelay.h"
@@ -47,20 +48,13 @@ class cCounter : public cVantrelClientObject {
   bool NewMessageEvent(cTypedMessageObject* message, short channel) override {
     if (channel != 0) return cVantrelClientObject::NewMessageEvent(message, channel);
     delete message;
-    std::lock_guard<std::mutex> guard(mutex_);
-    ++count_;
-    changed_.notify_all();
+    arrivals_.Add();
     return false;
   }
-  bool WaitForCount(std::uint64_t target, std::chrono::seconds timeout) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] { return count_ >= target; });
-  }
+  bool WaitForCount(std::uint64_t target, std::chrono::seconds timeout) { return arrivals_.WaitFor(target, timeout); }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::uint64_t count_ = 0;
+  cArrivals arrivals_;
 };
 
 bool SameContent(const std::string& a, const std::string& b) {

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/arrivals.h"
 #include "bench/benchcore.h"
 #include "bench/servicerunner.h"
 #include "bench/tcprelay.h"
@@ -46,27 +47,17 @@ class cSinkClient : public cVantrelClientObject {
   bool NewMessageEvent(cTypedMessageObject* message, short channel) override {
     if (channel != 0) return cVantrelClientObject::NewMessageEvent(message, channel);
     delete message;
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (++count_ >= target_) changed_.notify_all();
+    arrivals_.Add();
     return false;
   }
 
-  std::uint64_t Count() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return count_;
-  }
-
+  std::uint64_t Count() const { return arrivals_.Count(); }
   bool WaitForCount(std::uint64_t target, std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    target_ = target;
-    return changed_.wait_for(lock, timeout, [&] { return count_ >= target; });
+    return arrivals_.WaitFor(target, timeout);
   }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::uint64_t count_ = 0;
-  std::uint64_t target_ = ~std::uint64_t{0};
+  cArrivals arrivals_;
 };
 
 // The payload of one case: printable bytes ending in a zero, so that the

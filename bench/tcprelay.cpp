@@ -261,24 +261,10 @@ void cFloorEndpoint::StartCounting() {
     std::uint32_t length = 0;
     while (ReadFrame(fd_, kind, payload, length, kMaxFrame)) {
       if (kind != tFloorKind::eData && kind != tFloorKind::eDataAcked) continue;
-      // Sequentially consistent on both sides: the waiter stores the target and
-      // then reads the count, this thread adds to the count and then reads the
-      // target, so at least one of them sees the other and no wake-up is lost.
-      if (count_.fetch_add(1) + 1 >= target_.load()) {
-        std::lock_guard<std::mutex> guard(mutex_);
-        changed_.notify_all();
-      }
+      arrivals_.Add();
     }
-    std::lock_guard<std::mutex> guard(mutex_);
-    ended_ = true;
-    changed_.notify_all();
+    arrivals_.End();
   });
-}
-
-bool cFloorEndpoint::WaitForCount(std::uint64_t target, std::chrono::milliseconds timeout) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  target_ = target;
-  return changed_.wait_for(lock, timeout, [&] { return Count() >= target || ended_; }) && Count() >= target;
 }
 
 void cFloorEndpoint::Close() {

@@ -26,6 +26,8 @@
 #include <thread>
 #include <vector>
 
+#include "bench/arrivals.h"
+
 namespace vantrel::bench {
 
 enum class tFloorKind : std::uint8_t {
@@ -100,23 +102,19 @@ class cFloorEndpoint {
 
   // Receiving side: counts arriving data frames on a thread of its own.
   void StartCounting();
-  std::uint64_t Count() const { return count_.load(); }
+  std::uint64_t Count() const { return arrivals_.Count(); }
   // Waits until at least `target` frames have arrived; false at the deadline
   // or when the connection ended first.
-  bool WaitForCount(std::uint64_t target, std::chrono::milliseconds timeout);
+  bool WaitForCount(std::uint64_t target, std::chrono::milliseconds timeout) {
+    return arrivals_.WaitFor(target, timeout);
+  }
   void Close();
 
  private:
   int fd_ = -1;
   std::vector<char> buffer_;
   std::thread counter_;
-  std::atomic<std::uint64_t> count_{0};
-  // The counting thread wakes the waiter only when this is reached, so that it
-  // takes no lock per frame.
-  std::atomic<std::uint64_t> target_{~std::uint64_t{0}};
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool ended_ = false;
+  cArrivals arrivals_;
 };
 
 // A long link between two programs on one machine: a byte-for-byte TCP

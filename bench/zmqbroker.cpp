@@ -207,21 +207,9 @@ void cZmqEndpoint::CountLoop() {
         zmq_send(socket_, &ack, 1, 0);
       }
     }
-    const std::uint64_t total = count_.fetch_add(arrived) + arrived;
-    if (total >= target_.load()) {
-      std::lock_guard<std::mutex> guard(mutex_);
-      changed_.notify_all();
-    }
+    arrivals_.Add(arrived);
   }
-  std::lock_guard<std::mutex> guard(mutex_);
-  ended_ = true;
-  changed_.notify_all();
-}
-
-bool cZmqEndpoint::WaitForCount(std::uint64_t target, std::chrono::milliseconds timeout) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  target_ = target;
-  return changed_.wait_for(lock, timeout, [&] { return count_.load() >= target || ended_; }) && count_.load() >= target;
+  arrivals_.End();
 }
 
 void cZmqEndpoint::Close() {

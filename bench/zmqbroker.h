@@ -25,6 +25,8 @@
 #include <string>
 #include <thread>
 
+#include "bench/arrivals.h"
+
 namespace vantrel::bench {
 
 class cZmqBroker {
@@ -69,8 +71,10 @@ class cZmqEndpoint {
   // Receiving side: counts arriving messages (acknowledging those that ask)
   // on a thread of its own.
   void StartCounting();
-  std::uint64_t Count() const { return count_.load(); }
-  bool WaitForCount(std::uint64_t target, std::chrono::milliseconds timeout);
+  std::uint64_t Count() const { return arrivals_.Count(); }
+  bool WaitForCount(std::uint64_t target, std::chrono::milliseconds timeout) {
+    return arrivals_.WaitFor(target, timeout);
+  }
   void Close();
 
  private:
@@ -81,11 +85,7 @@ class cZmqEndpoint {
   void* stopReceiver_ = nullptr;
   void* stopSender_ = nullptr;
   std::thread counter_;
-  std::atomic<std::uint64_t> count_{0};
-  std::atomic<std::uint64_t> target_{~std::uint64_t{0}};
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool ended_ = false;
+  cArrivals arrivals_;
 };
 
 }  // namespace vantrel::bench
