@@ -159,7 +159,7 @@ void CVantrelHostConnection::runReader() {
   }
   // A plain link whose peer hangs up before its first byte is, most often, a
   // TLS service that could not read our plain host-name message.
-  if (!ended && outgoing_)
+  if (!ended && outgoing_ && !givenWay_.load(std::memory_order_acquire))
     fail(socket_.PeerLeftSilently() && !context_->tls.useOpenSsl
              ? "the peer closed the link without a word; does it use TLS (UseOpenSsl = 1)?"
              : "the peer closed the link or the connection was lost");
@@ -554,6 +554,7 @@ void CVantrelHostConnection::doWriting() {
     if (givenWay_.load(std::memory_order_acquire) && retired()) {
       VLOG_INFO("CVantrelHostConnection::doWriting - link to %s gave way and has nothing left; closing",
                 vantrel::log::Escaped(HostText()));
+      closeAfterPeerHasRead();
       return;
     }
     RWCollectable* item = nullptr;
@@ -616,11 +617,11 @@ CVantrelHostConnection::cHandover CVantrelHostConnection::GiveWay() {
   cHandover handover;
   handover.ended = ended_;
   givenWay_.store(true, std::memory_order_release);
-  // The writer may take the oldest of these meanwhile and send it here; the
-  // rest keep their order. Answers to the peer's messages stay: the peer waits
-  // for them on this link.
+  // Taken at once, so that what the writer has taken, and sends here, is all
+  // older than any of these. Answers to the peer's messages stay: the peer
+  // waits for them on this link.
   std::vector<RWCollectable*> kept;
-  while (RWCollectable* item = outgoing_queue_.get()) {
+  for (RWCollectable* item : outgoing_queue_.takeAll()) {
     auto* event = dynamic_cast<VantrelHostEvent*>(item);
     if (event != nullptr && IsBoundedMessage(event->getType())) {
       queuedBytes_.fetch_sub(event->getPackedBufLen(), std::memory_order_acq_rel);
@@ -656,10 +657,23 @@ void CVantrelHostConnection::awaitPredecessor() {
   }
   if (predecessor == nullptr) return;
   // Bounded: a predecessor whose peer never answers must not stop this link.
-  const long limitMs = 1000L * std::min(10L, std::max(1L, context_->answerTimeoutSeconds));
+  const long limitMs = handoverLimitMs();
   if (predecessor->Wait(limitMs) == 0)
     VLOG_WARN("CVantrelHostConnection::doWriting - the link to %s it replaces has not ended within %ld ms; sending",
               vantrel::log::Escaped(HostText()), limitMs);
+}
+
+long CVantrelHostConnection::handoverLimitMs() const {
+  return 1000L * std::min(10L, std::max(1L, context_->answerTimeoutSeconds));
+}
+
+void CVantrelHostConnection::closeAfterPeerHasRead() {
+  // The peer's reader meets the end of the stream only after every message
+  // before it, and then closes; ours then ends the link.
+  socket_.CloseSending();
+  if (ended_->Wait(handoverLimitMs()) == 0)
+    VLOG_WARN("CVantrelHostConnection::doWriting - host %s has not closed the link that gave way within %ld ms; closing",
+              vantrel::log::Escaped(HostText()), handoverLimitMs());
 }
 
 bool CVantrelHostConnection::keepAlive(double now) {

@@ -136,6 +136,12 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   bool retired() const;
   // Waits, within a bound, for the link this one follows to end.
   void awaitPredecessor();
+  // Once retired: ends sending and waits, within the same bound, until the
+  // peer has read everything and closed, so that what the successor sends
+  // cannot be read before it, even where no answer confirms it.
+  void closeAfterPeerHasRead();
+  // How long a link that gave way may take to end, and its successor waits.
+  long handoverLimitMs() const;
   void restartProcess(const char* what);
 
   // Counts a frame written to the peer; any thread that writes.
@@ -170,8 +176,9 @@ class CVantrelHostConnection : public iVantrelHostLink, public iFileTransferWork
   cDropCounter unmatched_;
   int postHandler_ = 0;
   // Set by GiveWay: the router sends nothing more here; the writer ends the
-  // link once what was sent has been answered.
+  // link once what was sent has been answered and the peer has read it all.
   std::atomic<bool> givenWay_{false};
+
   // Set when the link has terminated, for a successor that waits for it.
   const std::shared_ptr<RQPManualEvent> ended_ = std::make_shared<RQPManualEvent>();
   // The link this one follows (FollowAfter); guarded by lock_, taken by the writer.

@@ -59,6 +59,13 @@ RWCollectable* RQPEventQueue::get() {
   return event;
 }
 
+std::deque<RWCollectable*> RQPEventQueue::takeAll() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::deque<RWCollectable*> taken;
+  taken.swap(events_);
+  return taken;
+}
+
 bool RQPEventQueue::isEmpty() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return events_.empty();

@@ -47,6 +47,9 @@ class RQPEventQueue {
   htWaitReturnType waitEvent(RWCollectable*& event, long milliseconds);
   // Head event without waiting; null when empty.
   RWCollectable* get();
+  // Every queued event, oldest first, taken at once: another thread taking
+  // events meanwhile gets only ones older than all of these.
+  std::deque<RWCollectable*> takeAll();
   bool isEmpty() const;
   std::size_t size() const;
   void releaseZ72();

@@ -94,6 +94,8 @@ tSocket gOpenStreamSocket(tAddressFamily family, cSocketResult& result);
 void gCloseSocket(tSocket socket);
 // Ends both directions. Every call blocked on the socket returns, in any thread.
 void gShutdownSocket(tSocket socket);
+// Ends sending only: the peer reads what was sent, then end of stream; reads go on.
+void gShutdownSending(tSocket socket);
 // True while `socket` names an open socket of this process.
 bool gIsOpenSocket(tSocket socket);
 

@@ -69,6 +69,12 @@ void c_Socket::CloseSocket() {
   if (fd != platform::kNoSocket) platform::gShutdownSocket(fd);
 }
 
+void c_Socket::CloseSending() {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  const platform::tSocket fd = fd_.load(std::memory_order_acquire);
+  if (fd != platform::kNoSocket && !closing_.IsRaised()) platform::gShutdownSending(fd);
+}
+
 void c_Socket::CreateListenerSocket(unsigned short port, tBindScope scope) {
   if (Handle() >= 0) throw cSocketError("c_Socket::CreateListenerSocket - socket is already in use");
   std::optional<platform::cIpAddress> address;

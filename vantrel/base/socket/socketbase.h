@@ -90,6 +90,10 @@ class c_Socket {
   // once. Idempotent; the descriptor stays open until destruction.
   void CloseSocket();
   bool IsClosed() const { return closing_.IsRaised(); }
+  // Sends the peer the end of the stream after what was already written; reads
+  // go on until the peer closes too. On TLS the peer sees the stream end
+  // without a close notice, which it takes as the link closing.
+  void CloseSending();
 
   // Descriptor number for log lines (-1 when there is none).
   int Handle() const { return static_cast<int>(fd_.load(std::memory_order_acquire)); }

@@ -143,6 +143,7 @@ void gCloseSocket(tSocket socket) {
 }
 
 void gShutdownSocket(tSocket socket) { ::shutdown(Fd(socket), SHUT_RDWR); }
+void gShutdownSending(tSocket socket) { ::shutdown(Fd(socket), SHUT_WR); }
 
 bool gIsOpenSocket(tSocket socket) { return socket >= 0 && ::fcntl(Fd(socket), F_GETFD) >= 0; }
 

@@ -170,6 +170,7 @@ void gCloseSocket(tSocket socket) {
 }
 
 void gShutdownSocket(tSocket socket) { ::shutdown(AsSocket(socket), SD_BOTH); }
+void gShutdownSending(tSocket socket) { ::shutdown(AsSocket(socket), SD_SEND); }
 
 bool gIsOpenSocket(tSocket socket) {
   if (socket < 0) return false;
