@@ -128,6 +128,17 @@ bool cBenchService::Start(std::chrono::milliseconds timeout) {
   return false;
 }
 
+std::uint64_t cBenchService::CpuNanoseconds() const {
+  std::uint64_t total = 0;
+  std::error_code error;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/task", error)) {
+    std::ifstream in(task.path() / "schedstat");
+    std::uint64_t onCpu = 0;
+    if (in >> onCpu) total += onCpu;
+  }
+  return total;
+}
+
 int cBenchService::Stop() {
   if (pid_ <= 0) return -1;
   ::kill(static_cast<pid_t>(pid_), SIGTERM);

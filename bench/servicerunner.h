@@ -10,6 +10,7 @@
 // (stopped with SIGTERM, killed if it will not stop) and the folder (removed).
 // Used by one thread.
 #include <chrono>
+#include <cstdint>
 #include <string>
 
 namespace vantrel::bench {
@@ -34,6 +35,10 @@ class cBenchService {
   // The service's process id while it runs (0 before Start and after Stop).
   long Pid() const { return pid_; }
   unsigned short NetPort() const { return netPort_; }
+  // CPU time the service's threads that still run have spent so far, in
+  // nanoseconds (the scheduler's own count: exact, unlike clock ticks); 0 when
+  // it cannot be read.
+  std::uint64_t CpuNanoseconds() const;
   const std::string& Error() const { return error_; }
   std::string LogFile() const { return folder_ + "/vantrel.log"; }
   // The settings file the service reads; the benchmark's own clients read the
