@@ -117,6 +117,7 @@ TEST(StreamSocketTest, CloseFromAnotherThreadEndsBlockedReadAndAccept) {
 TEST(StreamSocketTest, ConcurrentSendersNeverInterleaveFrames) {
   auto pair = SocketPair::Plain();
   ASSERT_TRUE(pair.accepted);
+  pair.client->EnableWriteBehind({});
   constexpr int kThreads = 4, kFrames = 300;
   std::vector<std::thread> senders;
   std::atomic<int> failures{0};
@@ -134,13 +135,15 @@ TEST(StreamSocketTest, ConcurrentSendersNeverInterleaveFrames) {
     senders.emplace_back([&, t] {
       for (int i = 0; i < kFrames; ++i) {
         // Sizes up to 96 KiB force partial writes; every byte names its frame.
-        // Odd senders post mostly small frames, which ride along with another
-        // sender's write, and now and then one too large to be copied.
+        // The others post mostly small frames, which ride along with another
+        // sender's write or the flusher's, and now and then one too large to be copied.
         const std::size_t size = t % 2 == 0 ? 8 + static_cast<std::size_t>((i * 7919 + t * 104729) % 98304)
                                             : 8 + static_cast<std::size_t>(i % 50 == 0 ? 9000 : (i * 31) % 1500);
         std::string payload(size, static_cast<char>('a' + t));
         std::memcpy(payload.data(), &i, sizeof i);
-        const auto send = t % 2 == 0 ? &StreamSocket::SendTypedMessageZ2 : &StreamSocket::PostTypedMessage;
+        const auto send = t % 2 == 0 ? &StreamSocket::SendTypedMessageZ2
+                          : t == 1   ? &StreamSocket::PostTypedMessage
+                                     : &StreamSocket::PostBehindTypedMessage;
         if (!((*pair.client).*send)(static_cast<short>(t), static_cast<short>(i), payload.data(),
                                     static_cast<unsigned>(payload.size())))
           ++failures;
@@ -161,6 +164,24 @@ TEST(StreamSocketTest, ConcurrentSendersNeverInterleaveFrames) {
   }
   for (auto& s : senders) s.join();
   EXPECT_EQ(failures.load(), 0);
+}
+
+// A lone sender's frames go behind to the flusher; once drained, a close
+// straight after loses none of them.
+TEST(StreamSocketTest, FramesHandedToTheFlusherAreAllWrittenBeforeADrainedClose) {
+  auto pair = SocketPair::Plain();
+  ASSERT_TRUE(pair.accepted);
+  pair.client->EnableWriteBehind({});
+  constexpr int kFrames = 5000;
+  for (int i = 0; i < kFrames; ++i) ASSERT_TRUE(pair.client->PostBehindTypedMessage(1, static_cast<short>(i), "x", 2));
+  ASSERT_TRUE(pair.client->DrainWrites(10s));
+  pair.client->CloseSocket();
+  for (int i = 0; i < kFrames; ++i) {
+    const cFrame f = ReadFrame(*pair.accepted);
+    ASSERT_TRUE(f.ok) << "frame " << i;
+    ASSERT_EQ(f.subtype, static_cast<short>(i));
+  }
+  EXPECT_FALSE(ReadFrame(*pair.accepted).ok);
 }
 
 TEST(StreamSocketTest, BrokenFramesFailTheReadButAnIdleConnectionDoesNot) {

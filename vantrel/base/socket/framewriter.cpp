@@ -56,7 +56,7 @@ void cFrameWriter::TakeTurn() {
   writing_ = true;
 }
 
-bool cFrameWriter::ReleaseTurn(bool ok) {
+bool cFrameWriter::ReleaseTurn(bool ok, bool bounded) {
   for (int rounds = 0;; ++rounds) {
     std::size_t dropped = 0;
     bool released = false;
@@ -71,15 +71,16 @@ bool cFrameWriter::ReleaseTurn(bool ok) {
         spare_.swap(pending_);
         // Senders that keep posting would keep this holder writing for them
         // for ever; after a few rounds they wait for the turn instead.
-        if (rounds + 1 >= kMaxRoundsPerTurn) postsClosed_ = true;
+        if (bounded && rounds + 1 >= kMaxRoundsPerTurn) postsClosed_ = true;
       } else {
         dropped = pending_.size();
         pending_.clear();
       }
     }
     if (released) {
-      // spare_ is the next holder's from here on. The next sender in line takes the turn.
-      turnFree_.notify_one();
+      // spare_ is the next holder's from here on. Every waiter looks: the
+      // next sender in line takes the turn, and a Drain sees it free.
+      turnFree_.notify_all();
       return ok;
     }
     if (dropped > 0) {
@@ -154,6 +155,75 @@ bool cFrameWriter::Post(short type, short subtype, const char* data, unsigned le
   // Nobody writes (or the pending buffer is full): this sender writes itself,
   // after whatever is pending, since the turn frees only once that is out.
   return Send(type, subtype, data, length);
+}
+
+cFrameWriter::~cFrameWriter() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+  }
+  flushWanted_.notify_all();
+  flusher_.Join();
+}
+
+void cFrameWriter::EnableWriteBehind(const nParallel::nImplementation_sho::cThreadAttributes& attributes) {
+  behind_ = attributes;
+}
+
+bool cFrameWriter::PostBehind(short type, short subtype, const char* data, unsigned length) {
+  const std::size_t frameBytes = kFrameHeaderSize + length;
+  if (!behind_ || frameBytes > kPostedFrameBytes || !options_.simulatedLatency.empty())
+    return Post(type, subtype, data, length);
+  if (!Check(data, length) || !sink_.Writable()) return false;
+  const std::int64_t now = nTime::cPoint::Now().EpochMicroseconds();
+  bool writeHere = false;
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (pending_.size() + frameBytes > kMaxPendingBytes || (writing_ && postsClosed_) || stopping_) {
+      lock.unlock();
+      // Held back: this sender writes itself once the turn is free.
+      return Send(type, subtype, data, length);
+    }
+    const std::size_t at = pending_.size();
+    pending_.resize(at + frameBytes);
+    Encode(type, subtype, length, now, reinterpret_cast<unsigned char*>(pending_.data() + at));
+    if (length > 0) std::memcpy(pending_.data() + at + kFrameHeaderSize, data, length);
+    if (writing_) return true;  // goes out with the write under way
+    writing_ = true;
+    if (!flusherStarted_ && !flusherFailed_) {
+      try {
+        flusher_.Start([this] { FlushLoop(); }, "VTFlush", "cFrameWriter:Flusher", *behind_);
+        flusherStarted_ = true;
+      } catch (const std::exception& e) {
+        VLOG_WARN("StreamSocket::SendTypedMessageZ2(%s) - no flusher thread (%s); senders write themselves", name_,
+                  e.what());
+        flusherFailed_ = true;
+      }
+    }
+    writeHere = flusherFailed_;
+    flushHandedOver_ = !writeHere;
+  }
+  if (writeHere) return ReleaseTurn(true);
+  flushWanted_.notify_one();
+  return true;
+}
+
+void cFrameWriter::FlushLoop() {
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      // A hand-over made before the writer began to go is still written.
+      flushWanted_.wait(lock, [this] { return flushHandedOver_ || stopping_; });
+      if (!flushHandedOver_) return;
+      flushHandedOver_ = false;
+    }
+    ReleaseTurn(true, false);
+  }
+}
+
+bool cFrameWriter::Drain(std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return turnFree_.wait_for(lock, timeout, [this] { return !writing_; });
 }
 
 }  // namespace nCommunication::nSocket::nImplementation_sho

@@ -1,14 +1,17 @@
 #pragma once
 // Sending whole frames (frame.h), independent of where the bytes go.
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "vantrel/base/platform/socket.h"
+#include "vantrel/base/platform/thread.h"
 #include "vantrel/base/socket/frame.h"
 #include "vantrel/base/socket/socketoptions.h"
 
@@ -47,15 +50,27 @@ class iByteSink {
 // up. So a burst from several threads costs one system call per turn, not per
 // frame, and a frame sent on an idle connection still goes out at once.
 //
+// A single thread that streams small frames never finds another write under
+// way, so it would pay a system call per frame. With write-behind enabled, a
+// small frame posted with PostBehind while nobody writes goes into the pending
+// buffer too, and the writer's own flusher thread takes the turn and writes it:
+// while that write is under way the next frames gather behind it. Only a frame
+// that finds the flusher idle costs its sender a wake-up.
+//
 // Ownership: owned by one stream socket; borrows its sink, name and options;
-// owns the turn, the pending buffer and the simulated-latency turn.
-// Threads: any number of senders at once. mutex_ guards the turn and the
-// pending buffer only; no write happens under it. spare_ belongs to the
-// turn's holder.
+// owns the turn, the pending buffer, the simulated-latency turn and the
+// flusher thread, which it joins before it goes.
+// Threads: any number of senders at once, and the flusher. mutex_ guards the
+// turn, the pending buffer and the flusher's state; no write happens under it.
+// spare_ belongs to the turn's holder.
 class cFrameWriter {
  public:
   cFrameWriter(iByteSink& sink, const std::string& name, const cSocketOptions& options)
       : sink_(sink), name_(name), options_(options) {}
+  // Lets a flusher that is writing finish, then joins it.
+  ~cFrameWriter();
+  cFrameWriter(const cFrameWriter&) = delete;
+  cFrameWriter& operator=(const cFrameWriter&) = delete;
 
   // Sends one frame. `data` may be null only when `length` is 0.
   bool Send(short type, short subtype, const char* data, unsigned length);
@@ -69,6 +84,16 @@ class cFrameWriter {
   // or its connection is seen to break. Frames of one thread keep their order
   // whichever way they take.
   bool Post(short type, short subtype, const char* data, unsigned length);
+  // Lets PostBehind hand frames to a flusher thread started, with these
+  // attributes, at the first frame it takes. Call before sending.
+  void EnableWriteBehind(const nParallel::nImplementation_sho::cThreadAttributes& attributes);
+  // As Post, but a small frame that finds nobody writing is handed to the
+  // flusher rather than written here (without write-behind: Post). The same
+  // promise: a frame taken is sent, or the connection is ended.
+  bool PostBehind(short type, short subtype, const char* data, unsigned length);
+  // Waits, at most `timeout`, until every frame taken has been written or
+  // failed, so that an orderly close loses none. False on time-out.
+  bool Drain(std::chrono::milliseconds timeout);
 
   // Frames up to this size may be copied behind a write under way; larger
   // ones wait for the turn, so that no big payload is copied.
@@ -92,7 +117,11 @@ class cFrameWriter {
   // Writes what others posted meanwhile, then gives the turn up. `ok`: whether
   // the holder's own write succeeded; after a failure nothing more is written
   // and frames that were taken end the connection. Returns `ok` for chaining.
-  bool ReleaseTurn(bool ok);
+  // `bounded`: after kMaxRoundsPerTurn rounds, posts wait for the turn; the
+  // flusher, whom no caller waits for, writes as long as frames come.
+  bool ReleaseTurn(bool ok, bool bounded = true);
+  // The flusher's body: writes what it is handed until the writer goes.
+  void FlushLoop();
 
   iByteSink& sink_;
   const std::string& name_;
@@ -104,6 +133,14 @@ class cFrameWriter {
   std::vector<char> pending_;  // guarded by mutex_: encoded frames posted during the turn
   std::vector<char> spare_;    // the turn holder's: the pending frames being written
   std::atomic<std::uint64_t> latencyTurn_{0};
+  // Write-behind: set once before sending; the flusher's start and hand-overs.
+  std::optional<nParallel::nImplementation_sho::cThreadAttributes> behind_;
+  std::condition_variable flushWanted_;
+  bool flusherStarted_ = false;  // guarded by mutex_
+  bool flusherFailed_ = false;   // guarded by mutex_: none could be started; senders write
+  bool flushHandedOver_ = false; // guarded by mutex_: the turn was taken for the flusher
+  bool stopping_ = false;        // guarded by mutex_: the writer goes
+  vantrel::platform::cThread flusher_;
 };
 
 }  // namespace nCommunication::nSocket::nImplementation_sho

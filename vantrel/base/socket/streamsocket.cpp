@@ -228,6 +228,16 @@ bool StreamSocket::PostTypedMessage(short type, short subtype, const char* data,
   return writer_->Post(type, subtype, data, length);
 }
 
+void StreamSocket::EnableWriteBehind(const nParallel::nImplementation_sho::cThreadAttributes& attributes) {
+  writer_->EnableWriteBehind(attributes);
+}
+
+bool StreamSocket::PostBehindTypedMessage(short type, short subtype, const char* data, unsigned length) {
+  return writer_->PostBehind(type, subtype, data, length);
+}
+
+bool StreamSocket::DrainWrites(std::chrono::milliseconds timeout) { return writer_->Drain(timeout); }
+
 bool StreamSocket::SendTypedMessages(const cOutgoingFrame* frames, std::size_t count) {
   return writer_->Send(frames, count);
 }

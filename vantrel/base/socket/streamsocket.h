@@ -8,6 +8,7 @@
 // Failures that a peer or a close can cause (end of stream, reset, time-out, a
 // bad frame, a TLS alert, a local close) make an operation return false. Only
 // local faults throw (cSocketError, cAlreadyInUse, std::bad_alloc).
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -15,6 +16,7 @@
 
 #include "vantrel/base/platform/descriptors.h"
 #include "vantrel/base/socket/frame.h"
+#include "vantrel/base/platform/thread.h"
 #include "vantrel/base/socket/latency.h"
 #include "vantrel/base/socket/socketbase.h"
 #include "vantrel/base/socket/socketerror.h"
@@ -131,6 +133,13 @@ class StreamSocket : public c_Socket {
   // that thread sends it with its next write. A frame taken so is sent, or the
   // socket is closed. Frames of one thread keep their order.
   bool PostTypedMessage(short type, short subtype, const char* data, unsigned length);
+  // Write-behind for a sender that streams small frames alone (cFrameWriter):
+  // enable it before sending; PostBehindTypedMessage then hands a small frame
+  // that finds nobody writing to the socket's flusher thread. Drain waits, at
+  // most `timeout`, until every frame taken is written or failed.
+  void EnableWriteBehind(const nParallel::nImplementation_sho::cThreadAttributes& attributes);
+  bool PostBehindTypedMessage(short type, short subtype, const char* data, unsigned length);
+  bool DrainWrites(std::chrono::milliseconds timeout);
 
   // One frame of a batch; the data stays the caller's.
   using cOutgoingFrame = nCommunication::nSocket::nImplementation_sho::cOutgoingFrame;
