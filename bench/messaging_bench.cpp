@@ -371,8 +371,8 @@ bool RunMonitoring(const cBenchOptions& options, cBenchTable& table) {
     // second under this traffic.
     const double share = 100.0 * 10 * scrapeNs / (static_cast<double>(onCpu) / onResult.seconds);
     std::snprintf(note, sizeof note, "%.0f us CPU per scrape of both pages", scrapeNs / 1000);
-    table.Add({"monitoring", "endpoint's share of service CPU, 10 scrapes/s", SizeText(size), "%", share,
-               std::nullopt, false, note});
+    table.Add({"monitoring", "endpoint's share of service CPU, 10 scrapes/s", SizeText(size), "%", share, std::nullopt,
+               false, note});
   }
   stop.Set();
   scraper.join();

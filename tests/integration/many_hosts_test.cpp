@@ -84,9 +84,10 @@ TEST(ManyHosts, SimultaneousOpensSettleOnOneLinkWithNothingLostOrReordered) {
   ASSERT_TRUE(stream(alice, "bob@" + b.hostText()) && fromBob.get());
   for (TestClient* receiver : {&bob, &alice})
     for (int i = 1; i <= kMessages; ++i)
-      ASSERT_EQ(receiver->nextText(), std::to_string(i % 2 ? wire::kSendNoWait : wire::kSendNoResponse) + " " +
-                                          std::to_string(i))
-          << a.log() << "\n" << b.log();
+      ASSERT_EQ(receiver->nextText(),
+                std::to_string(i % 2 ? wire::kSendNoWait : wire::kSendNoResponse) + " " + std::to_string(i))
+          << a.log() << "\n"
+          << b.log();
   // Both saw two links and settled; exactly one side closed the one it opened.
   EXPECT_TRUE(a.logCount("has two links") == 1 && b.logCount("has two links") == 1) << a.log() << b.log();
   const auto gaveWay = [&] { return a.logCount("gave way and has nothing") + b.logCount("gave way and has nothing"); };

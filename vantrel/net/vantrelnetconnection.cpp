@@ -672,8 +672,9 @@ void CVantrelHostConnection::closeAfterPeerHasRead() {
   // before it, and then closes; ours then ends the link.
   socket_.CloseSending();
   if (ended_->Wait(handoverLimitMs()) == 0)
-    VLOG_WARN("CVantrelHostConnection::doWriting - host %s has not closed the link that gave way within %ld ms; closing",
-              vantrel::log::Escaped(HostText()), handoverLimitMs());
+    VLOG_WARN(
+        "CVantrelHostConnection::doWriting - host %s has not closed the link that gave way within %ld ms; closing",
+        vantrel::log::Escaped(HostText()), handoverLimitMs());
 }
 
 bool CVantrelHostConnection::keepAlive(double now) {

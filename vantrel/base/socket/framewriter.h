@@ -136,10 +136,10 @@ class cFrameWriter {
   // Write-behind: set once before sending; the flusher's start and hand-overs.
   std::optional<nParallel::nImplementation_sho::cThreadAttributes> behind_;
   std::condition_variable flushWanted_;
-  bool flusherStarted_ = false;  // guarded by mutex_
-  bool flusherFailed_ = false;   // guarded by mutex_: none could be started; senders write
-  bool flushHandedOver_ = false; // guarded by mutex_: the turn was taken for the flusher
-  bool stopping_ = false;        // guarded by mutex_: the writer goes
+  bool flusherStarted_ = false;   // guarded by mutex_
+  bool flusherFailed_ = false;    // guarded by mutex_: none could be started; senders write
+  bool flushHandedOver_ = false;  // guarded by mutex_: the turn was taken for the flusher
+  bool stopping_ = false;         // guarded by mutex_: the writer goes
   vantrel::platform::cThread flusher_;
 };
 

@@ -15,8 +15,8 @@
 #include <string>
 
 #include "vantrel/base/platform/descriptors.h"
-#include "vantrel/base/socket/frame.h"
 #include "vantrel/base/platform/thread.h"
+#include "vantrel/base/socket/frame.h"
 #include "vantrel/base/socket/latency.h"
 #include "vantrel/base/socket/socketbase.h"
 #include "vantrel/base/socket/socketerror.h"
