@@ -211,7 +211,9 @@ int main(int argc, char** argv) {
   }
 
   if (uninstallService) {
-    if (app.count_all() > 1 || waitForPorts || silent) {
+    std::size_t others = 0;
+    for (const auto* option : app.get_options()) others += option->count();
+    if (others > 1 || waitForPorts || silent) {
       std::fprintf(stderr, "vantrel: --uninstall-service takes no other option\n");
       return 2;
     }

@@ -5,9 +5,14 @@
 #include <iterator>
 #include <memory>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/windows/win32.h"
+// clang-format off
+#include <tlhelp32.h>
+// clang-format on
 
 namespace vantrel::platform {
 
@@ -150,6 +155,29 @@ std::string Quoted(const std::string& argument) {
   return out + "\"";
 }
 
+// True when the parent of this process is the service control manager's
+// program. Asking the dispatcher alone is not enough: it connects to the
+// manager's pipe of the service started last, and a console process that finds
+// that pipe waits on it for a start message that never comes.
+bool StartedByServiceManager() {
+  const HANDLE snapshot = ::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+  if (snapshot == INVALID_HANDLE_VALUE) return false;
+  PROCESSENTRY32W entry{};
+  entry.dwSize = sizeof(entry);
+  const DWORD self = ::GetCurrentProcessId();
+  DWORD parent = 0;
+  std::wstring parentName;
+  std::vector<std::pair<DWORD, std::wstring>> processes;
+  for (BOOL more = ::Process32FirstW(snapshot, &entry); more; more = ::Process32NextW(snapshot, &entry)) {
+    if (entry.th32ProcessID == self) parent = entry.th32ParentProcessID;
+    processes.emplace_back(entry.th32ProcessID, entry.szExeFile);
+  }
+  ::CloseHandle(snapshot);
+  for (const auto& [pid, name] : processes)
+    if (pid == parent && parent != 0) parentName = name;
+  return _wcsicmp(parentName.c_str(), L"services.exe") == 0;
+}
+
 }  // namespace
 
 // The service control manager learns the state through the dispatcher that
@@ -167,6 +195,7 @@ bool gNotifyServiceAlive() { return false; }
 const char* gServiceName() { return kServiceName; }
 
 std::optional<int> gRunAsService(const std::function<int()>& body) {
+  if (!StartedByServiceManager()) return std::nullopt;
   auto& s = State();
   s.body = &body;
   char name[sizeof(kServiceName)];
@@ -209,12 +238,13 @@ tServiceChange gInstallService(const std::string& displayName, const std::string
   failure.cActions = 3;
   failure.lpsaActions = actions;
   SERVICE_FAILURE_ACTIONS_FLAG onNonCrash{TRUE};
-  if (!::ChangeServiceConfig2A(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS, &failure) ||
-      !::ChangeServiceConfig2A(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &onNonCrash)) {
-    // Registered all the same: it runs, only a failure leaves it stopped.
-    Fail(error, "registered, but the restart on failure was refused", ::GetLastError());
-    VLOG_WARN("ServiceManager - %s", *error);
-  }
+  // Registered all the same when one is refused: it runs, only a failure of
+  // that kind leaves it stopped.
+  if (!::ChangeServiceConfig2A(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS, &failure))
+    Fail(error, "registered, but the service manager refused to restart it on failure", ::GetLastError());
+  else if (!::ChangeServiceConfig2A(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &onNonCrash))
+    Fail(error, "registered, but the service manager refused to restart it after a non-zero exit code",
+         ::GetLastError());
   return tServiceChange::eDone;
 }
 
