@@ -102,13 +102,13 @@ TEST(TwoSystemsTest, MessagesCopiesAndABrokenLinkBothWaysPlainAndOverTls) {
       const std::string request = ParameterText({{kCopyLocalFile, source}, {kCopyRemoteFile, target}});
       if (fromWindows) {
         // A Windows service copies only for clients it can name, which a Linux
-        // process is not: the requester is the Windows command-line client.
+        // process is not: the requester is the Windows command-line client,
+        // naming its file as Windows does; a leading '/' would start an option.
         ScopedEnv prefix("WINEPREFIX", VANTREL_WINE_PREFIX), quiet("WINEDEBUG", "-all");
-        const RQPRunResult copied =
-            RQPRunAndCapture(VANTREL_WINE,
-                             {VANTREL_WINDOWS_CLI, "--port", std::to_string(a.clientsPort()), "copy", source,
-                              b.hostText(), target},
-                             nTime::cDiff::FromSeconds(120));
+        const RQPRunResult copied = RQPRunAndCapture(VANTREL_WINE,
+                                                     {VANTREL_WINDOWS_CLI, "--port", std::to_string(a.clientsPort()),
+                                                      "copy", "--", "Z:" + source, b.hostText(), target},
+                                                     nTime::cDiff::FromSeconds(120));
         EXPECT_EQ(copied.exitCode, 0) << copied.errorText << copied.output << a.log() << b.log();
       } else {
         ASSERT_TRUE(
