@@ -1,14 +1,19 @@
 // vantrel: the message bus service of one host. Listens for the host's client
 // processes on the clients port (loopback) and for other hosts' services on the
 // net port, and routes messages between them. Runs in the foreground; SIGINT
-// and SIGTERM stop it in order.
+// and SIGTERM (Ctrl+C, or the service manager's stop) stop it in order. Where the
+// system's service manager starts programs itself (Windows), it also runs as
+// that manager's service and registers itself with --install-service.
 //
 // Exit codes: see kFooter (shown by --help).
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vantrel/base/env/integer.h"
@@ -18,6 +23,7 @@
 #include "vantrel/base/platform/manualevent.h"
 #include "vantrel/base/platform/memory.h"
 #include "vantrel/base/platform/process.h"
+#include "vantrel/base/platform/servicemanager.h"
 #include "vantrel/base/platform/stoprequest.h"
 #include "vantrel/base/platform/thread.h"
 #include "vantrel/base/socket/streamsocket.h"
@@ -37,9 +43,10 @@ constexpr const char* kFooter =
     "Relaunch arguments: /w waits for the previous instance's ports, /s reports start-up errors to the log only.\n"
     "\n"
     "Exit codes:\n"
-    "  0   stopped by SIGINT or SIGTERM\n"
+    "  0   stopped by SIGINT or SIGTERM (or the service manager); the service was installed or removed\n"
     "  1   TLS is on but CertificatesPath is empty\n"
-    "  2   start-up failed: bad option, unreadable settings or log file, ports in use, host name unresolvable\n"
+    "  2   start-up failed: bad option, unreadable settings or log file, ports in use, host name unresolvable;\n"
+    "      the service could not be installed or removed, or was installed (not installed) already\n"
     "  42  an unrecoverable socket failure; a relaunched successor (or systemd) takes over\n"
     "\n"
     "Environment:\n"
@@ -100,6 +107,61 @@ void RaiseDescriptorLimit() {
   }
 }
 
+constexpr const char* kDisplayName = "Vantrel message bus service";
+constexpr long kUninstallStopWaitMs = 30000;
+
+// `path` (UTF-8) made absolute against the current folder, in UTF-8.
+std::string AbsolutePath(const std::string& path) {
+  const std::u8string text =
+      std::filesystem::absolute(std::filesystem::path(std::u8string(path.begin(), path.end()))).generic_u8string();
+  return std::string(text.begin(), text.end());
+}
+
+// Registers this program with the service manager, with the options that were
+// given (paths made absolute: the service does not start in this folder).
+int InstallService(const std::vector<std::pair<std::string, std::string>>& options, bool silent) {
+  using vantrel::platform::tServiceChange;
+  std::vector<std::string> arguments;
+  for (const auto& [name, value] : options) {
+    arguments.push_back(name);
+    const bool isPath = name == "--config" || name == "--log-file";
+    arguments.push_back(isPath ? AbsolutePath(value) : value);
+  }
+  if (silent) arguments.emplace_back("/s");
+  std::string error;
+  const char* service = vantrel::platform::gServiceName();
+  switch (vantrel::platform::gInstallService(kDisplayName, RQPExecutablePath(), arguments, &error)) {
+    case tServiceChange::eDone:
+      std::printf("vantrel: installed the service %s (automatic start, restarted on failure)\n", service);
+      if (!error.empty()) std::fprintf(stderr, "vantrel: %s\n", error.c_str());
+      return 0;
+    case tServiceChange::eAlreadyThere:
+      std::fprintf(stderr, "vantrel: the service %s is installed already; remove it first with --uninstall-service\n",
+                   service);
+      return 2;
+    default:
+      std::fprintf(stderr, "vantrel: cannot install the service %s: %s\n", service, error.c_str());
+      return 2;
+  }
+}
+
+int UninstallService() {
+  using vantrel::platform::tServiceChange;
+  std::string error;
+  const char* service = vantrel::platform::gServiceName();
+  switch (vantrel::platform::gUninstallService(kUninstallStopWaitMs, &error)) {
+    case tServiceChange::eDone:
+      std::printf("vantrel: removed the service %s\n", service);
+      return 0;
+    case tServiceChange::eNotThere:
+      std::fprintf(stderr, "vantrel: the service %s is not installed\n", service);
+      return 2;
+    default:
+      std::fprintf(stderr, "vantrel: cannot remove the service %s: %s\n", service, error.c_str());
+      return 2;
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -132,6 +194,13 @@ int main(int argc, char** argv) {
   app.add_option("--config", config, "the settings file (instead of the usual search for Vantrel.ini)");
   app.add_option("--log-level", logLevel, "trace, debug, info, warning, error, critical or off (default info)");
   app.add_option("--log-file", logFile, "write the log to this file instead of standard error");
+  bool installService = false;
+  bool uninstallService = false;
+  auto* installOption = app.add_flag("--install-service", installService,
+                                     "register this program, with the options given, as the system's service "
+                                     "(automatic start, restarted on failure) and exit");
+  app.add_flag("--uninstall-service", uninstallService, "stop and remove the registered service and exit")
+      ->excludes(installOption);
   app.set_version_flag("--version", std::string("vantrel ") + VANTREL_VERSION_STRING);
   app.footer(kFooter);
   std::reverse(args.begin(), args.end());
@@ -139,6 +208,24 @@ int main(int argc, char** argv) {
     app.parse(args);
   } catch (const CLI::ParseError& e) {
     return app.exit(e) == 0 ? 0 : 2;
+  }
+
+  if (uninstallService) {
+    std::size_t others = 0;
+    for (const auto* option : app.get_options()) others += option->count();
+    if (others > 1 || waitForPorts || silent) {
+      std::fprintf(stderr, "vantrel: --uninstall-service takes no other option\n");
+      return 2;
+    }
+    return UninstallService();
+  }
+  if (installService) {
+    std::vector<std::pair<std::string, std::string>> given;
+    for (const auto* option : app.get_options()) {
+      if (option->count() == 0 || option->get_expected_min() == 0) continue;
+      given.emplace_back(option->get_name(), option->as<std::string>());
+    }
+    return InstallService(given, silent);
   }
 
   if (logLevel.empty()) {
@@ -202,9 +289,12 @@ int main(int argc, char** argv) {
   nClock::gActivateProcess();
   if (waitForPorts) WaitForPorts(clientsPort, netPort);
 
-  int status = 0;
-  {
-    cVantrelService service(silent);
+  // The service's whole life, on the main thread or, under the service
+  // manager, on the thread the manager gives it.
+  const auto run = [&]() {
+    int status = 0;
+    // Nobody sees a message box of a service.
+    cVantrelService service(silent || vantrel::platform::gRunsAsService());
     service.SetClientsPortZ5181(clientsPort);
     service.SetNetPortZ5181(netPort);
     if (!service.vInitZ1()) {
@@ -227,7 +317,11 @@ int main(int argc, char** argv) {
       service.f_TerminateZ2();
       VLOG_INFO("vantrel - stopped");
     }
-  }
+    vantrel::log::Flush();
+    return status;
+  };
+  const std::optional<int> asService = vantrel::platform::gRunAsService(run);
+  const int status = asService ? *asService : run();
   vantrel::log::Flush();
   return status;
 }

@@ -204,6 +204,9 @@ TEST(ServiceProgramTest, StartUpRefusalsHelpAndVersion) {
       // Never quietly on the built-in defaults, nor without the log it was given.
       {{"--config", "/nonexistent/Vantrel.ini"}, 2, ""},
       {{"--log-file", "/proc/nonexistent/vantrel.log"}, 2, ""},
+      // systemd installs the service here; both at once is no request at all.
+      {{"--install-service"}, 2, ""},
+      {{"--install-service", "--uninstall-service"}, 2, ""},
       {{}, 2, "openssl settings\n"},  // the clients port is held below
   };
   StreamSocket holder(false, "holder");

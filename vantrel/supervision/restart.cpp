@@ -10,6 +10,7 @@
 #include "vantrel/base/platform/lockfile.h"
 #include "vantrel/base/platform/manualevent.h"
 #include "vantrel/base/platform/process.h"
+#include "vantrel/base/platform/servicemanager.h"
 
 namespace nSupervision {
 
@@ -96,7 +97,8 @@ void gRestartVantrelProcess(unsigned short netPort) {
     RQPManualEvent never;
     for (;;) never.Wait();
   }
-  if (gIsSystemdMainProcess()) {
+  // A service manager that runs this process restarts it on exit 42 by itself.
+  if (vantrel::platform::gRunsAsService() || gIsSystemdMainProcess()) {
     VLOG_ERROR("exiting vantrel service with error. Should restart automatically");
   } else if (claim == cRelaunchGuard::tClaim::eOtherProcess) {
     VLOG_ERROR("exiting vantrel service with error. Another process is relaunching it");

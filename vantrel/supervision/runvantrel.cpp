@@ -13,14 +13,11 @@
 #include "vantrel/base/log/log.h"
 #include "vantrel/base/platform/hostinfo.h"
 #include "vantrel/base/platform/process.h"
+#include "vantrel/base/platform/servicemanager.h"
 #include "vantrel/supervision/processcheck.h"
 #include "vantrel/supervision/restart.h"
 
 namespace {
-
-constexpr const char* kUnitName = "vantrel.service";
-// systemctl talks to a daemon that may be stuck; no check may hang the caller.
-constexpr nTime::cDiff kSystemctlTimeout = nTime::cDiff::FromSeconds(5);
 
 const char kDifferentUser[] =
     "The Vantrel process is running as different user \"%s\\%s\".\r\n"
@@ -34,42 +31,14 @@ const char kDifferentElevation[] =
 std::mutex gStartedMutex;
 RQPProcessId gStartedPid = 0;
 
-// Runs systemctl with `arguments`; false when there is no systemctl, it could not
-// run, did not finish in time or failed.
-bool Systemctl(const std::vector<std::string>& arguments, std::string* output) {
-  const std::string systemctl = RQPFindProgram("systemctl");
-  if (systemctl.empty()) return false;
-  const RQPRunResult run = RQPRunAndCapture(systemctl, arguments, kSystemctlTimeout);
-  if (!run.started) {
-    VLOG_DEBUG("VantrelServiceConfig - %s", run.errorText);
-    return false;
-  }
-  if (run.timedOut) {
-    VLOG_WARN("VantrelServiceConfig - systemctl did not answer within %d ms", (int)kSystemctlTimeout.Milliseconds());
-    return false;
-  }
-  if (output != nullptr) *output = run.output;
-  return run.exitCode == 0;
-}
-
-// The value of `key` in "Key=Value" lines.
-std::string PropertyValue(const std::string& text, const std::string& key) {
-  const std::string prefix = key + "=";
-  std::size_t at = 0;
-  while (at < text.size()) {
-    std::size_t end = text.find('\n', at);
-    if (end == std::string::npos) end = text.size();
-    if (text.compare(at, prefix.size(), prefix) == 0) return text.substr(at + prefix.size(), end - at - prefix.size());
-    at = end + 1;
-  }
-  return std::string();
-}
-
 void CopyName(char (&target)[VantrelServiceConfig::kNameSize], const std::string& text) {
   const std::size_t n = std::min(text.size(), sizeof(target) - 1);
   std::memcpy(target, text.data(), n);
   target[n] = '\0';
 }
+
+// The resolved name, else the system's usual one.
+std::string NameOr(const char* resolved) { return resolved[0] != '\0' ? resolved : vantrel::platform::gServiceName(); }
 
 void WriteMessage(char* message, const char* format, const char* first = "", const char* second = "") {
   if (message == nullptr) return;
@@ -98,31 +67,21 @@ VantrelServiceConfig& VantrelServiceConfig::operator=(const VantrelServiceConfig
 }
 
 bool VantrelServiceConfig::ResolveVantrelServiceName() {
-  std::string output;
-  if (!Systemctl({"show", "-p", "Id", "-p", "Description", "-p", "LoadState", kUnitName}, &output)) return false;
-  if (PropertyValue(output, "LoadState") != "loaded") return false;
-  const std::string id = PropertyValue(output, "Id");
-  CopyName(serviceName_, id.empty() ? std::string(kUnitName) : id);
-  CopyName(displayName_, PropertyValue(output, "Description"));
+  const auto names = vantrel::platform::gFindService(vantrel::platform::gServiceName());
+  if (!names) return false;
+  CopyName(serviceName_, names->name);
+  CopyName(displayName_, names->displayName);
   return true;
 }
 
-int VantrelServiceConfig::IsInstalled() {
-  const std::string unit = serviceName_[0] != '\0' ? serviceName_ : kUnitName;
-  std::string output;
-  if (!Systemctl({"show", "-p", "LoadState", unit}, &output)) return 0;
-  return PropertyValue(output, "LoadState") == "loaded" ? 1 : 0;
-}
+int VantrelServiceConfig::IsInstalled() { return vantrel::platform::gFindService(NameOr(serviceName_)) ? 1 : 0; }
 
-int VantrelServiceConfig::IsRunning() {
-  const std::string unit = serviceName_[0] != '\0' ? serviceName_ : kUnitName;
-  return Systemctl({"is-active", "--quiet", unit}, nullptr) ? 1 : 0;
-}
+int VantrelServiceConfig::IsRunning() { return vantrel::platform::gIsServiceRunning(NameOr(serviceName_)) ? 1 : 0; }
 
 void VantrelServiceConfig::Start() {
-  const std::string unit = serviceName_[0] != '\0' ? serviceName_ : kUnitName;
-  if (!Systemctl({"start", "--no-block", unit}, nullptr))
-    VLOG_WARN("VantrelServiceConfig::Start - systemctl start %s failed", unit);
+  std::string error;
+  if (!vantrel::platform::gStartService(NameOr(serviceName_), &error))
+    VLOG_WARN("VantrelServiceConfig::Start - %s", error);
 }
 
 // ---- the exported functions -----------------------------------------------------

@@ -1,16 +1,19 @@
 #pragma once
 // Starting and checking the Vantrel service from a client process.
 //
-// The service runs either as the systemd unit "vantrel.service" or as the plain
-// program `vantrel` from the product's programs folder (the environment variable
-// RQ_BIN, or the folder of the calling program when it is unset). Every query of
-// systemd runs `systemctl` and gives up after 5 seconds, so no call here blocks
-// for longer than that per query; a host without systemd (or without systemctl)
-// has no installed service. Nothing here throws except std::bad_alloc.
+// The service runs either as an installed service of the system's service
+// manager (the systemd unit "vantrel.service" on Linux, the service "Vantrel" of
+// the service control manager on Windows) or as the plain program `vantrel`
+// from the product's programs folder (the environment variable RQ_BIN, or the
+// folder of the calling program when it is unset). Every query of systemd runs
+// `systemctl` and gives up after 5 seconds, so no call here blocks for longer
+// than that per query; a host without systemd (or without systemctl) has no
+// installed service. Nothing here throws except std::bad_alloc.
 #include "vantrel/base/export.h"
 
 // Starts the service and returns true when it was asked to start: through
-// systemd when the unit is installed (the outcome is not awaited), otherwise by
+// the service manager when the service is installed (the outcome is not
+// awaited), otherwise by
 // starting `vantrel` (with "/s" when `silent`) detached from this process.
 // False when the program could not be started; the reason goes to the log, and
 // also to standard error unless `silent`. Any thread; it blocks for at most
@@ -28,8 +31,8 @@ inline constexpr int kVantrelProcessMessageSize = 1024;
 // the caller's. Any thread; blocks only while the process table is read.
 VANTREL_API int IsVantrelProcessRunning(char* message);
 
-// 1 when the systemd unit is installed and, if `mustRun`, active; otherwise 0,
-// also when systemd could not be asked. Any thread; blocks for at most three
+// 1 when the service is installed and, if `mustRun`, running; otherwise 0,
+// also when the service manager could not be asked. Any thread; blocks for at most three
 // systemd queries.
 VANTREL_API int IsVantrlServiceRunning(bool mustRun);
 
@@ -39,9 +42,10 @@ VANTREL_API int IsVantrlServiceRunning(bool mustRun);
 // thread; the next call after it does nothing.
 VANTREL_API void TerminateVantrel();
 
-// The service as systemd knows it: its unit name and description.
+// The service as the service manager knows it: its name and display name (the
+// unit name and description under systemd).
 // Owned by whoever creates it (usually on the stack); not shared between threads
-// while it is changed. Each query below asks systemd once (at most 5 seconds).
+// while it is changed. Each query below asks the service manager once (at most 5 seconds).
 class VANTREL_API VantrelServiceConfig {
  public:
   static constexpr int kNameSize = 257;
@@ -58,15 +62,15 @@ class VANTREL_API VantrelServiceConfig {
   const char* GetServiceName() const { return serviceName_; }
   const char* GetDisplayName() const { return displayName_; }
 
-  // Fills the service and display names and returns true when systemd has the
-  // unit loaded; false (names unchanged) otherwise.
+  // Fills the service and display names and returns true when the service
+  // manager has the service; false (names unchanged) otherwise.
   bool ResolveVantrelServiceName();
-  // 1 when systemd has the unit (the resolved name, else "vantrel.service")
-  // loaded, else 0.
+  // 1 when the service manager has the service (the resolved name, else
+  // "vantrel.service" or "Vantrel"), else 0.
   int IsInstalled();
-  // 1 when that unit is active, else 0.
+  // 1 when that service runs, else 0.
   int IsRunning();
-  // Asks systemd to start the unit without waiting for the outcome; a refusal
+  // Asks the service manager to start it without waiting for the outcome; a refusal
   // is logged.
   void Start();
 

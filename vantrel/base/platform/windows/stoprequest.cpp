@@ -30,12 +30,7 @@ BOOL WINAPI OnConsoleControl(DWORD type) {
     case CTRL_CLOSE_EVENT:
     case CTRL_LOGOFF_EVENT:
     case CTRL_SHUTDOWN_EVENT: {
-      auto& requests = Requests();
-      {
-        std::lock_guard<std::mutex> lock(requests.mutex);
-        requests.pending.push_back(static_cast<int>(type));
-      }
-      requests.cond.notify_all();
+      win32::PostStopRequest(static_cast<int>(type));
       // Handled: the process is not ended by the default handler. (For close
       // and shutdown the system ends it anyway once the handler returns or a
       // few seconds pass, whichever comes first.)
@@ -47,6 +42,15 @@ BOOL WINAPI OnConsoleControl(DWORD type) {
 }
 
 }  // namespace
+
+void win32::PostStopRequest(int type) {
+  auto& requests = Requests();
+  {
+    std::lock_guard<std::mutex> lock(requests.mutex);
+    requests.pending.push_back(type);
+  }
+  requests.cond.notify_all();
+}
 
 void BlockStopRequests() {
   Requests();

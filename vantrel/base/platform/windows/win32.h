@@ -49,4 +49,8 @@ std::vector<unsigned char> UserSid(std::uint32_t number);
 // (an administrator's full rights); nothing when the token cannot be read.
 std::optional<std::uint32_t> ProcessUser(HANDLE process, bool* elevated = nullptr);
 
+// Queues a stop request for WaitForStopRequest (stoprequest.h), as the console
+// control handler does; the service control manager's stop arrives this way.
+void PostStopRequest(int type);
+
 }  // namespace vantrel::platform::win32
