@@ -5,13 +5,14 @@
 #   make fuzz   build the fuzz targets (clang-14, libFuzzer) and run each for SECONDS (60)
 #   make windows        cross-build for Windows (mingw-w64; the libraries once, into a cache)
 #   make test-windows   the same, then the tests under wine
+#   make package-windows   the same, then build/windows/package/vantrel-<version>-win64.zip
 PRESET ?= default
 # Extra cache settings for the configure step, e.g. CMAKE_ARGS=-DVANTREL_WERROR=ON
 CMAKE_ARGS ?=
 JOBS   ?= $(shell nproc)
 SECONDS ?= 60
 
-.PHONY: deps build test run install bench fuzz clean windows-deps windows test-windows
+.PHONY: deps build test run install bench fuzz clean windows-deps windows test-windows package-windows
 
 deps:
 	@scripts/install-deps
@@ -63,6 +64,9 @@ windows: windows-deps
 
 test-windows: windows
 	ctest --preset windows
+
+package-windows: windows
+	cmake --build --preset windows --target package_zip
 
 clean:
 	rm -rf build

@@ -111,7 +111,11 @@ TEST(SettingsFile, SearchOrderIsNamedFileCurrentFolderProgramFolderInstalledFold
   ASSERT_EQ(candidates.size(), 4u);
   EXPECT_EQ(candidates[0], "/somewhere/custom.ini");
   EXPECT_EQ(candidates[1], (std::filesystem::current_path() / "Vantrel.ini").string());
-  EXPECT_EQ(candidates[2], (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "Vantrel.ini").string());
+  // The test program's own folder, however the system spells it.
+  EXPECT_EQ(std::filesystem::path(candidates[2]).filename(), "Vantrel.ini");
+  EXPECT_TRUE(std::filesystem::equivalent(std::filesystem::path(candidates[2]).parent_path(),
+                                          std::filesystem::path(VANTREL_BINARY_DIR) / "tests"))
+      << candidates[2];
   EXPECT_EQ(std::filesystem::path(candidates[3]).filename(), "Vantrel.ini");
   EXPECT_TRUE(std::filesystem::path(candidates[3]).is_absolute());
 }

@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <future>
+#include <optional>
 #include <string>
 #include <tuple>
 
@@ -25,12 +26,17 @@ TEST(FileUser, TheUserBehindALoopbackConnectionIsFound) {
   gStartConnect(client, address.addresses[0]);
   tSocket accepted = kNoSocket;
   ASSERT_TRUE(vantrel::test::WaitUntil([&] { return (accepted = gAccept(listener, result)) != kNoSocket; }));
-  EXPECT_EQ(gLoopbackPeerUser(accepted), gProcessUser());
+  // Where the tables name no owners the user is unknown, never a wrong one.
+  const auto expected = gConnectionOwnersKnown() ? std::optional(gProcessUser()) : std::nullopt;
+  EXPECT_EQ(gLoopbackPeerUser(accepted), expected);
   for (tSocket socket : {accepted, client, listener}) gCloseSocket(socket);
+  if (!gConnectionOwnersKnown()) GTEST_SKIP() << "this system's connection tables name no owning process";
 }
 
 TEST(FileUser, PermissionBitsAreReadForOwnerGroupAndOthers) {
   // The owner's bits count for the owner even where the group's would allow more.
+  // Where rights are access lists the bits grant nothing.
+  const bool modeBits = gRightsFollowModeBits();
   const cUserAccount user{1000, 1000, {1000, 50}, "user"};
   for (const auto& [owner, group, mode, read, write] : {std::tuple{1000u, 0u, 0600u, true, true},
                                                         {1000u, 50u, 0060u, false, false},
@@ -40,8 +46,8 @@ TEST(FileUser, PermissionBitsAreReadForOwnerGroupAndOthers) {
                                                         {0u, 1000u, 0020u, false, true}}) {
     cFileStatus status;
     std::tie(status.owner, status.group, status.mode) = std::tie(owner, group, mode);
-    EXPECT_EQ(gUserMay(user, status, tAccess::eRead), read) << mode;
-    EXPECT_EQ(gUserMay(user, status, tAccess::eWrite), write) << mode;
+    EXPECT_EQ(gUserMay(user, status, tAccess::eRead), modeBits && read) << mode;
+    EXPECT_EQ(gUserMay(user, status, tAccess::eWrite), modeBits && write) << mode;
   }
 }
 

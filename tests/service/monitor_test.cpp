@@ -228,13 +228,12 @@ TEST(MonitorEndpointTest, BadRequestsAreRefusedAndSlowClientsCutOffWhileTheServi
 }
 
 TEST(MonitorEndpointTest, TheCliShowsTheStatusAsTables) {
-  const std::string program = VANTREL_BINARY_DIR "/programs/vantrel-cli";
+  const std::string program = ProgramPath("vantrel-cli");
   MonitoredService monitored;
   ASSERT_TRUE(monitored.service.vInitZ1());
   TestClient carol;
   ASSERT_TRUE(carol.NETInitZ641("carol", monitored.service.GetClientsPortZ5181()));
-  const auto shown = RQPRunAndCapture(program, {"status", "--monitor-port", std::to_string(monitored.port)},
-                                      nTime::cDiff::FromSeconds(20));
+  const auto shown = RunProgram(program, {"status", "--monitor-port", std::to_string(monitored.port)});
   EXPECT_EQ(shown.exitCode, 0);
   EXPECT_NE(shown.output.find("service " + monitored.service.GetAddressHostText()), std::string::npos) << shown.output;
   EXPECT_TRUE(std::regex_search(shown.output, std::regex("\n  carol +connected +[0-9:]+ +0 +0 B +0 +0 B")))
@@ -242,10 +241,7 @@ TEST(MonitorEndpointTest, TheCliShowsTheStatusAsTables) {
   EXPECT_NE(shown.output.find("LINKS\n  (none)"), std::string::npos) << shown.output;
 
   const unsigned short closed = FreePort();
-  EXPECT_EQ(
-      RQPRunAndCapture(program, {"status", "--monitor-port", std::to_string(closed)}, nTime::cDiff::FromSeconds(20))
-          .exitCode,
-      3);
+  EXPECT_EQ(RunProgram(program, {"status", "--monitor-port", std::to_string(closed)}).exitCode, 3);
 }
 
 }  // namespace

@@ -58,7 +58,7 @@ bool ServiceProcess::start() {
               {"/bin/sh", "-c", "exec \"$@\" >> output.txt 2>&1", "sh", "/usr/bin/env", "-u", "VANTREL_LOG_FILE", "-u",
                "VANTREL_LOG_LEVEL", "VANTREL_INI=" + iniFile(), "RQ_BIN=" VANTREL_BINARY_DIR "/programs"});
   for (const auto& [name, value] : env_) args.push_back(name + "=" + value);
-  args.insert(args.end(), {VANTREL_BINARY_DIR "/programs/vantrel", "--log-file", logFile(), "--log-level", "debug"});
+  args.insert(args.end(), {ProgramPath("vantrel"), "--log-file", logFile(), "--log-level", "debug"});
   for (const auto& [option, port] : {std::pair{"--clients-port", clientsPort_}, std::pair{"--net-port", netPort_}})
     if (port != 0) args.insert(args.end(), {option, std::to_string(port)});
   pid_ = RQPCreateProcessZ0(args.front(), {args.begin() + 1, args.end()}, {dir_.path(), false}).pid;

@@ -68,19 +68,44 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ec);
 }
 
+namespace {
+
+// The streams read a narrow path in the system's code page, which is not UTF-8
+// everywhere: a name beyond ASCII would name another file.
+std::filesystem::path Utf8Path(const std::string& path) {
+  return std::filesystem::path(std::u8string(path.begin(), path.end()));
+}
+
+}  // namespace
+
 std::string TempDir::write(const std::string& name, const std::string& content) const {
   const std::string full = file(name);
-  std::ofstream out(full, std::ios::binary);
+  std::ofstream out(Utf8Path(full), std::ios::binary);
   out << content;
   if (!out) throw std::runtime_error("TempDir::write failed: " + full);
   return full;
 }
 
 std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(Utf8Path(path), std::ios::binary);
   std::ostringstream s;
   s << in.rdbuf();
   return s.str();
+}
+
+RQPRunResult RunProgram(const std::string& program, const std::vector<std::string>& arguments,
+                        std::chrono::seconds timeout) {
+  RQPRunResult result = RQPRunAndCapture(program, arguments, nTime::cDiff::FromSeconds(timeout.count()));
+  std::string& text = result.output;
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < text.size(); ++i)
+    if (!(text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n')) text[kept++] = text[i];
+  text.resize(kept);
+  return result;
+}
+
+std::string ProgramPath(const std::string& name) {
+  return std::string(VANTREL_BINARY_DIR) + "/programs/" + name + VANTREL_EXECUTABLE_SUFFIX;
 }
 
 std::string Pattern(std::size_t size, unsigned seed) {

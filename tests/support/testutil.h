@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "vantrel/base/log/log.h"
+#include "vantrel/base/platform/process.h"
 
 namespace vantrel::test {
 
@@ -38,7 +39,17 @@ class TempDir {
   std::string path_;
 };
 
+// `path` is UTF-8 on every system, as the library's own file calls take it.
 std::string ReadFile(const std::string& path);
+
+// RQPRunAndCapture with the output's line ends as '\n' whatever the system
+// writes ("\r\n" on some), so tests compare texts, not conventions.
+RQPRunResult RunProgram(const std::string& program, const std::vector<std::string>& arguments,
+                        std::chrono::seconds timeout = std::chrono::seconds(20));
+
+// The program `name` of this build ("vantrel", "vantrel-cli"), with the
+// system's suffix for programs.
+std::string ProgramPath(const std::string& name);
 
 // `size` bytes of every value that differ with `seed`, so that a lost, repeated
 // or misplaced byte of a copied file shows.

@@ -194,7 +194,11 @@ std::vector<std::string> gSearchPath(RQEnvContainerClass& env, const char* fileN
   const std::filesystem::path exe = RQPExecutablePath();
   if (exe.has_parent_path()) candidates.push_back((exe.parent_path() / name).string());
 
-  candidates.push_back((std::filesystem::path(VANTREL_SYSCONFDIR) / name).string());
+  // A relative installed folder belongs to the installation's root, the folder
+  // above the program's own.
+  std::filesystem::path installed(VANTREL_SYSCONFDIR);
+  if (installed.is_relative() && exe.has_parent_path()) installed = exe.parent_path().parent_path() / installed;
+  candidates.push_back((installed / name).string());
   return candidates;
 }
 

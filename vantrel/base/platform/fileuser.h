@@ -33,6 +33,15 @@ std::optional<std::uint32_t> gLoopbackPeerUser(tSocket socket);
 std::uint32_t gProcessUser();
 // The account of `user` with all its groups; nothing when the user is unknown.
 std::optional<cUserAccount> gLookUpUser(std::uint32_t user);
+// True when the system's connection tables name the process that owns each
+// TCP connection. Where they do not (some compatibility layers leave it out),
+// gLoopbackPeerUser finds nobody, so local clients' copies are refused.
+bool gConnectionOwnersKnown();
+// True when gUserMay and gUserMayReach judge by owner, group and mode bits.
+// False where rights are access lists that these calls do not read: they then
+// grant another user nothing.
+bool gRightsFollowModeBits();
+
 // True when this process may open files as another user from one thread
 // (it is the superuser or holds the capabilities to change user and group).
 bool gCanSwitchFileUser();

@@ -93,6 +93,15 @@ std::optional<cUserAccount> gLookUpUser(std::uint32_t user) {
   return account;
 }
 
+bool gConnectionOwnersKnown() {
+  // wine fills the table's owner with 0 for every connection; it is told apart
+  // by the version call its ntdll adds.
+  const HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll");
+  return ntdll == nullptr || ::GetProcAddress(ntdll, "wine_get_version") == nullptr;
+}
+
+bool gRightsFollowModeBits() { return false; }
+
 bool gCanSwitchFileUser() { return false; }
 
 cFileUserScope::cFileUserScope(const cUserAccount&) {
