@@ -137,6 +137,13 @@ bool cFrameWriter::Send(const cOutgoingFrame* frames, std::size_t count) {
   return ReleaseTurn(Write(parts, 2 * count));
 }
 
+void cFrameWriter::AppendPending(short type, short subtype, const char* data, unsigned length, std::int64_t now) {
+  const std::size_t at = pending_.size();
+  pending_.resize(at + kFrameHeaderSize + length);
+  Encode(type, subtype, length, now, reinterpret_cast<unsigned char*>(pending_.data() + at));
+  if (length > 0) std::memcpy(pending_.data() + at + kFrameHeaderSize, data, length);
+}
+
 bool cFrameWriter::Post(short type, short subtype, const char* data, unsigned length) {
   const std::size_t frameBytes = kFrameHeaderSize + length;
   if (frameBytes > kPostedFrameBytes || !options_.simulatedLatency.empty()) return Send(type, subtype, data, length);
@@ -145,10 +152,7 @@ bool cFrameWriter::Post(short type, short subtype, const char* data, unsigned le
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (writing_ && !postsClosed_ && pending_.size() + frameBytes <= kMaxPendingBytes) {
-      const std::size_t at = pending_.size();
-      pending_.resize(at + frameBytes);
-      Encode(type, subtype, length, now, reinterpret_cast<unsigned char*>(pending_.data() + at));
-      if (length > 0) std::memcpy(pending_.data() + at + kFrameHeaderSize, data, length);
+      AppendPending(type, subtype, data, length, now);
       return true;
     }
   }
@@ -184,10 +188,7 @@ bool cFrameWriter::PostBehind(short type, short subtype, const char* data, unsig
       // Held back: this sender writes itself once the turn is free.
       return Send(type, subtype, data, length);
     }
-    const std::size_t at = pending_.size();
-    pending_.resize(at + frameBytes);
-    Encode(type, subtype, length, now, reinterpret_cast<unsigned char*>(pending_.data() + at));
-    if (length > 0) std::memcpy(pending_.data() + at + kFrameHeaderSize, data, length);
+    AppendPending(type, subtype, data, length, now);
     if (writing_) return true;  // goes out with the write under way
     writing_ = true;
     if (!flusherStarted_ && !flusherFailed_) {

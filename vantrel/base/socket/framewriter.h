@@ -122,6 +122,8 @@ class cFrameWriter {
   bool ReleaseTurn(bool ok, bool bounded = true);
   // The flusher's body: writes what it is handed until the writer goes.
   void FlushLoop();
+  // Encodes a frame at the end of the pending buffer; mutex_ held.
+  void AppendPending(short type, short subtype, const char* data, unsigned length, std::int64_t now);
 
   iByteSink& sink_;
   const std::string& name_;
